@@ -1,0 +1,22 @@
+#pragma once
+// Fatal assertions. The message carries the asserted expression exactly as written, so field
+// reports and death tests can match it; they stay on in every build type.
+
+namespace Kiv {
+[[noreturn]] void assertionFailed(char const* expr, char const* file, int line, char const* function);
+}
+
+#define KIV_ASSERT(expr)                                                     \
+  do {                                                                       \
+    if (!(expr)) [[unlikely]]                                                \
+      ::Kiv::assertionFailed(#expr, __FILE__, __LINE__, __func__);           \
+  } while (0)
+
+// Checks that are too costly for release builds (hot-path invariants).
+#ifdef NDEBUG
+#define KIV_DEBUG_ASSERT(expr) \
+  do {                         \
+  } while (0)
+#else
+#define KIV_DEBUG_ASSERT(expr) KIV_ASSERT(expr)
+#endif

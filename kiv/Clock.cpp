@@ -1,0 +1,181 @@
+// The event loop, its clock and the activity manager.
+
+#include "kiv/Clock.h"
+
+#include <chrono>
+#include <thread>
+
+namespace Kiv {
+
+namespace {
+EventLoop* currentLoop = nullptr;
+
+Seconds steadyNow() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+}  // namespace
+
+Seconds Clock::now() const { return loop_->now(); }
+
+Clock::NotifieeConst::~NotifieeConst() {
+  if (Ptr<Clock const> c = notifier(); c && timeMin_ != kInfinity) c->loop().disarm(this);
+}
+
+void Clock::NotifieeConst::timeMinIs(Seconds t) {
+  Ptr<Clock const> c = notifier();
+  if (!c) {
+    timeMin_ = t;  // a zombie timer has no loop to fire it
+    return;
+  }
+  EventLoop& loop = c->loop();
+  if (timeMin_ != kInfinity) loop.disarm(this);
+  timeMin_ = t;
+  if (t != kInfinity) loop.arm(this, t);
+}
+
+EventLoop::EventLoop(Mode mode, Seconds start)
+    : mode_(mode), now_(start), clock_(new Clock(this)), previous_(currentLoop) {
+  if (mode_ == Mode::wallClock) wallOrigin_ = steadyNow() - start;
+  currentLoop = this;
+}
+
+EventLoop::~EventLoop() {
+  for (auto& [key, n] : timers_) n->timeMin_ = kInfinity;
+  timers_.clear();
+  PtrInterface::deleteDeferred();
+  if (currentLoop == this) currentLoop = previous_;
+}
+
+EventLoop* EventLoop::current() { return currentLoop; }
+
+Seconds EventLoop::now() const { return mode_ == Mode::wallClock ? steadyNow() - wallOrigin_ : now_; }
+
+void EventLoop::arm(Clock::NotifieeConst* n, Seconds t) {
+  n->seq_ = ++seq_;
+  timers_.emplace(Key{t, n->seq_}, n);
+}
+
+void EventLoop::disarm(Clock::NotifieeConst* n) { timers_.erase(Key{n->timeMin_, n->seq_}); }
+
+void EventLoop::post(std::function<void()> f) {
+  {
+    std::lock_guard lock(postMutex_);
+    posted_.push_back(std::move(f));
+  }
+  postCv_.notify_one();
+}
+
+std::size_t EventLoop::runPosted() {
+  std::size_t ran = 0;
+  for (;;) {
+    std::vector<std::function<void()>> batch;
+    {
+      std::lock_guard lock(postMutex_);
+      batch.swap(posted_);
+    }
+    if (batch.empty()) return ran;
+    for (auto& f : batch) {
+      f();
+      PtrInterface::deleteDeferred();
+      ++ran;
+    }
+  }
+}
+
+bool EventLoop::fireNext(Seconds upTo) {
+  if (timers_.empty()) return false;
+  auto it = timers_.begin();
+  if (it->first.first > upTo) return false;
+  Clock::NotifieeConst* n = it->second;
+  if (mode_ == Mode::virtualTime && it->first.first > now_) now_ = it->first.first;
+  timers_.erase(it);
+  n->timeMin_ = kInfinity;
+  // The handler may destroy the timer; nothing here touches it afterwards.
+  if (n->hasNotificationActive()) n->onTime();
+  PtrInterface::deleteDeferred();
+  return true;
+}
+
+std::size_t EventLoop::runUntilIdle() {
+  std::size_t ran = 0;
+  for (;;) {
+    std::size_t before = ran;
+    ran += runPosted();
+    while (fireNext(now())) ++ran;
+    if (ran == before) return ran;
+  }
+}
+
+void EventLoop::advanceTo(Seconds t) {
+  runUntilIdle();
+  while (fireNext(t)) runPosted();
+  if (mode_ == Mode::virtualTime && t > now_) now_ = t;
+  runUntilIdle();
+}
+
+bool EventLoop::runUntil(std::function<bool()> const& pred, Seconds limit) {
+  runUntilIdle();
+  while (!pred()) {
+    if (!fireNext(limit)) {
+      if (mode_ == Mode::virtualTime && limit > now_ && limit != kInfinity) now_ = limit;
+      return pred();
+    }
+    runPosted();
+  }
+  return true;
+}
+
+void EventLoop::run(Seconds forAtMost) {
+  Seconds end = now() + forAtMost;
+  stopped_ = false;
+  while (!stopped_) {
+    runPosted();
+    while (!stopped_ && fireNext(mode_ == Mode::wallClock ? now() : now_)) runPosted();
+    if (stopped_) break;
+    Seconds wake = std::min(nextTimerTime(), end);
+    if (mode_ == Mode::virtualTime) {
+      // Nothing waits on a real clock: jump to the next timer, or stop when none is left.
+      if (wake == kInfinity || wake > end) break;
+      now_ = wake;
+      continue;
+    }
+    Seconds wait = wake - now();
+    if (wake >= end && now() >= end) break;
+    std::unique_lock lock(postMutex_);
+    if (!posted_.empty()) continue;
+    if (wait == kInfinity) {
+      postCv_.wait(lock, [&] { return !posted_.empty() || stopped_; });
+    } else if (wait > 0) {
+      postCv_.wait_for(lock, std::chrono::duration<double>(wait), [&] { return !posted_.empty() || stopped_; });
+    }
+  }
+}
+
+void EventLoop::stop() {
+  {
+    std::lock_guard lock(postMutex_);
+    stopped_ = true;
+  }
+  postCv_.notify_one();
+}
+
+std::vector<Seconds> EventLoop::pendingTimers() const {
+  std::vector<Seconds> times;
+  times.reserve(timers_.size());
+  for (auto const& [key, n] : timers_) times.push_back(key.first);
+  return times;
+}
+
+Seconds System::currentTime() { return currentLoop ? currentLoop->now() : 0; }
+
+Ptr<ActivityManagerConfig> ActivityManagerConfig::instance() {
+  static Ptr<ActivityManagerConfig> const singleton(new ActivityManagerConfig());
+  return singleton;
+}
+
+Ptr<Clock const> ActivityManagerConfig::clock() const {
+  KIV_ASSERT(currentLoop && "no event loop");
+  return currentLoop->clock();
+}
+
+}  // namespace Kiv

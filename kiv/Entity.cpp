@@ -1,0 +1,191 @@
+// Entities, directories, the type registry and reactor binding.
+
+#include "kiv/Entity.h"
+
+#include <map>
+#include <string>
+
+#include "kiv/Dir.h"
+#include "kiv/Reactor.h"
+
+namespace Kiv {
+
+// --- NotifierList / NotifieeBase ---
+
+NotifierList::~NotifierList() {
+  for (Frame* f = frames_; f; f = f->outer) f->alive = false;
+  for (NotifieeBase* n : v_) {
+    if (!n) continue;
+    n->notifierBase_ = nullptr;
+    n->kivNotifierGone();
+  }
+}
+
+void NotifierList::remove(NotifieeBase* n) {
+  auto it = std::find(v_.begin(), v_.end(), n);
+  if (it == v_.end()) return;
+  if (frames_) {
+    *it = nullptr;
+    ++nulls_;
+  } else {
+    v_.erase(it);
+  }
+}
+
+void NotifierList::compact() {
+  std::erase(v_, nullptr);
+  nulls_ = 0;
+}
+
+void NotifierList::zeroReferences() {
+  forEach([](NotifieeBase* n) { n->onZeroReferences(); });
+  std::vector<NotifieeBase*> bound;
+  bound.swap(v_);
+  nulls_ = 0;
+  for (NotifieeBase* n : bound) {
+    if (!n) continue;
+    n->notifierBase_ = nullptr;
+    n->kivNotifierGone();
+  }
+}
+
+NotifieeBase::~NotifieeBase() {
+  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().remove(this);
+}
+
+void NotifieeBase::kivBind(Notifier* n) {
+  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().remove(this);
+  notifierBase_ = n;
+  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().add(this);
+}
+
+void NotifieeBase::isRegisteredNotifieeIs(bool r) {
+  if (r == registered_) return;
+  registered_ = r;
+  if (!notifierBase_) return;
+  if (r) {
+    notifierBase_->kivNotifiees().add(this);
+  } else {
+    notifierBase_->kivNotifiees().remove(this);
+  }
+}
+
+void NotifieeBase::hasNotificationActiveIs(bool a) {
+  if (a && active_) throwInternalException("entity reactor is already active");
+  active_ = a;
+}
+
+// --- type registry ---
+
+namespace {
+std::map<std::string, TypeInfo const*, std::less<>>& types() {
+  static std::map<std::string, TypeInfo const*, std::less<>> registry;
+  return registry;
+}
+}  // namespace
+
+void typeRegister(TypeInfo const& type) { types()[type.name] = &type; }
+
+TypeInfo const* typeNamed(std::string_view name) {
+  auto& t = types();
+  auto it = t.find(name);
+  if (it != t.end()) return it->second;
+  if (name == Dir::kivTypeInfo().name) return &Dir::kivTypeInfo();
+  return nullptr;
+}
+
+void keyCheck(String const& key, char const* attr) {
+  if (key.empty()) throwRangeException(std::string("empty key for ") + attr + " not allowed");
+}
+
+// --- Entity ---
+
+Entity::Entity(EntityInit const& init)
+    : name_(init.name),
+      parent_(init.parent),
+      parentAttrName_(init.parentAttrName),
+      readOnly_(init.parent && init.parent->readOnly_) {}
+
+String Entity::fullName() const {
+  if (!parent_) return name_;
+  std::string path = parent_->fullName().stdString();
+  path += '/';
+  path += name_.view();
+  return String(path);
+}
+
+std::string Entity::kivStrep() const {
+  return std::string("<") + kivType().name + " " + fullName().stdString() + ">";
+}
+
+void Entity::zeroReferencesIs(bool z) {
+  PtrInterface::zeroReferencesIs(z);
+  if (z) kivNotifiees().zeroReferences();
+}
+
+void Entity::throwReadOnly(char const* attr) const {
+  throwInternalException(std::string("write-update from readonly proxy: ") + kivType().name + "::" + attr +
+                         " of " + fullName().stdString());
+}
+
+// --- Dir ---
+
+namespace {
+Ptr<Entity> createDir(EntityInit const& init) { return Ptr<Entity>(new Dir(init)); }
+}  // namespace
+
+TypeInfo const& Dir::kivTypeInfo() {
+  static TypeInfo const info{"Kiv::Dir", &createDir};
+  return info;
+}
+
+Ptr<Dir> Dir::DirIs(Name const& name) { return Ptr<Dir>(new Dir(EntityInit{name, nullptr, Name()})); }
+
+Ptr<Entity> Dir::entryIs(Name const& name, std::string_view typeName) {
+  if (Ptr<Entity> const* existing = members_.find(name)) {
+    ReinstantiationCheck(entitySubject(name))("typeName", std::string(typeName), std::string((*existing)->kivType().name));
+    return *existing;
+  }
+  kivCheckWritable("entityPtr");
+  keyCheck(name, "Kiv::Dir::entityPtr");
+  TypeInfo const* type = typeNamed(typeName);
+  if (!type) throwRangeException("unknown type name " + std::string(typeName));
+  if (!type->create) throwRangeException("type " + std::string(typeName) + " cannot be created by name");
+  Ptr<Entity> member = type->create(EntityInit{name, this, Name("entityPtr")});
+  members_.insert(name, member);
+  kivNotify<Callbacks>([&](Callbacks* n) { n->onEntityPtr(name); });
+  return member;
+}
+
+void Dir::entityPtrDel(Name const& name) {
+  kivCheckWritable("entityPtr");
+  Ptr<Entity> member;
+  if (!members_.erase(name, &member)) return;
+  member->kivParentIs(nullptr);
+  kivNotify<Callbacks>([&](Callbacks* n) { n->onEntityPtr(name); });
+}
+
+void Dir::entityPtrDelAll() {
+  for (auto it = members_.begin(); it; ++it) entityPtrDel(Name(it.key()));
+}
+
+void Dir::entityPtrNotify(Name const& name) {
+  kivNotify<Callbacks>([&](Callbacks* n) { n->onEntityPtr(name); });
+}
+
+Ptr<Entity> Dir::entityAtPath(std::string_view path) {
+  Ptr<Entity> at(this);
+  while (!path.empty()) {
+    std::size_t slash = path.find('/');
+    std::string_view component = path.substr(0, slash);
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+    if (component.empty()) continue;
+    Ptr<Dir> dir = entityCast<Dir>(at);
+    if (!dir) return nullptr;
+    at = dir->entityPtr(Name(component));
+    if (!at) return nullptr;
+  }
+  return at;
+}
+
+}  // namespace Kiv

@@ -1,0 +1,101 @@
+#pragma once
+// Entities: typed, reference-counted objects in a tree, each held by its parent's collection.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kiv/Notifiee.h"
+#include "kiv/String.h"
+
+namespace Kiv {
+
+class Entity;
+
+// What a parent hands a member it creates.
+struct EntityInit {
+  Name name;
+  Entity* parent = nullptr;
+  Name parentAttrName;
+};
+
+// A declared type, registered by name so that directories can create members by type name.
+struct TypeInfo {
+  char const* name;
+  // Null for types that need constructor parameters beyond the name.
+  Ptr<Entity> (*create)(EntityInit const&);
+};
+
+void typeRegister(TypeInfo const& type);
+TypeInfo const* typeNamed(std::string_view name);
+
+class Entity : public PtrInterface, public Notifier {
+ public:
+  Name const& name() const { return name_; }
+  Entity* parent() const { return parent_; }
+  Name const& parentAttrName() const { return parentAttrName_; }
+  // The path of names from the root of the tree, joined by '/'.
+  String fullName() const;
+  virtual TypeInfo const& kivType() const = 0;
+
+  // A read-only replica refuses local writes; members created under it inherit the flag.
+  bool kivReadOnly() const { return readOnly_; }
+  void kivReadOnlyIs(bool r) { readOnly_ = r; }
+
+  std::string kivStrep() const override;
+  void zeroReferencesIs(bool z) override;
+
+  // Used by collection mutators when they unlink a member.
+  void kivParentIs(Entity* p) { parent_ = p; }
+
+ protected:
+  explicit Entity(EntityInit const& init);
+  ~Entity() override = default;
+
+  void kivCheckWritable(char const* attr) const {
+    if (readOnly_ && replicaWriteDepth == 0) [[unlikely]]
+      throwReadOnly(attr);
+  }
+  [[noreturn]] void throwReadOnly(char const* attr) const;
+
+  template <class Callbacks, class F>
+  void kivNotify(F&& f) const {
+    kivNotifiees().forEach([&](NotifieeBase* n) { f(static_cast<Callbacks*>(n)); });
+  }
+
+ private:
+  friend class ReplicaWriteScope;
+  static inline thread_local int replicaWriteDepth = 0;
+  Name name_;
+  Entity* parent_;
+  Name parentAttrName_;
+  bool readOnly_;
+};
+
+// Lets the replication layer apply incoming updates to read-only replicas through the ordinary
+// setters, so local reactors see exactly what a local change would produce.
+class ReplicaWriteScope {
+ public:
+  ReplicaWriteScope() { ++Entity::replicaWriteDepth; }
+  ~ReplicaWriteScope() { --Entity::replicaWriteDepth; }
+  ReplicaWriteScope(ReplicaWriteScope const&) = delete;
+  ReplicaWriteScope& operator=(ReplicaWriteScope const&) = delete;
+};
+
+// Type-checked down-cast: null when `p` is null or not exactly of type T.
+template <class T, class U>
+Ptr<T> entityCast(Ptr<U> const& p) {
+  if (!p || &p->kivType() != &std::remove_const_t<T>::kivTypeInfo()) return nullptr;
+  return Ptr<T>(static_cast<T*>(p.ptr()));
+}
+
+// Keys of entity and string collections must be non-empty.
+void keyCheck(String const& key, char const* attr);
+inline void keyCheck(Name const& key, char const* attr) { keyCheck(static_cast<String const&>(key), attr); }
+inline void keyCheck(unsigned, char const*) {}
+template <class K>
+void keyCheck(K const& key, char const* attr) {
+  if (!key) throwRangeException(std::string("invalid key for ") + attr);
+}
+
+}  // namespace Kiv

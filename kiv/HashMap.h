@@ -1,0 +1,266 @@
+#pragma once
+// Keyed collections whose iterators survive the erasure of the member they stand on.
+//
+// Members live in a dense slot vector; an open-addressing index (linear probing, backward-shift
+// deletion, so no tombstones) maps keys to slots. Erasing while no iterator is live moves the last
+// slot into the hole. Erasing while iterators are live only marks the slot dead, and iterators
+// skip it; the last iterator to go away compacts. Members added during an iteration are appended
+// and visited by it. Iteration order is the slot order and carries no meaning.
+
+#include <bit>
+#include <cstdint>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "kiv/Assert.h"
+
+namespace Kiv {
+
+template <class K>
+struct KeyHash {
+  std::size_t operator()(K const& k) const noexcept { return std::hash<K>()(k); }
+};
+
+template <class K, class V, class Hash = KeyHash<K>>
+class HashMap {
+ public:
+  struct Entry {
+    K key;
+    V value;
+  };
+
+  class Sentinel {};
+
+  template <bool Const>
+  class IteratorT {
+   public:
+    using MapT = std::conditional_t<Const, HashMap const, HashMap>;
+    using EntryT = std::conditional_t<Const, Entry const, Entry>;
+
+    IteratorT() = default;
+    IteratorT(MapT* m, std::uint32_t i) : m_(m), i_(i) {
+      attach();
+      skipDead();
+    }
+    IteratorT(IteratorT const& o) : m_(o.m_), i_(o.i_) { attach(); }
+    template <bool C = Const>
+      requires C
+    IteratorT(IteratorT<false> const& o) : IteratorT(o.map(), o.index()) {}
+    IteratorT& operator=(IteratorT const& o) {
+      if (this != &o) {
+        detach();
+        m_ = o.m_;
+        i_ = o.i_;
+        attach();
+      }
+      return *this;
+    }
+    ~IteratorT() { detach(); }
+
+    bool done() const { return !m_ || i_ >= m_->slots_.size(); }
+    explicit operator bool() const { return !done(); }
+    K const& key() const { return m_->slots_[i_].entry.key; }
+    auto& value() const { return m_->slots_[i_].entry.value; }
+    EntryT& operator*() const { return m_->slots_[i_].entry; }
+    EntryT* operator->() const { return &m_->slots_[i_].entry; }
+    IteratorT& operator++() {
+      ++i_;
+      skipDead();
+      return *this;
+    }
+    bool operator==(Sentinel) const { return done(); }
+    bool operator==(IteratorT const& o) const { return (done() && o.done()) || (m_ == o.m_ && i_ == o.i_); }
+
+    // Range-for over an iterator walks from where it stands.
+    IteratorT begin() const { return *this; }
+    Sentinel end() const { return {}; }
+
+    MapT* map() const { return m_; }
+    std::uint32_t index() const { return i_; }
+
+   private:
+    void attach() {
+      if (m_) ++m_->iterators_;
+    }
+    void detach() {
+      if (m_ && --m_->iterators_ == 0 && m_->dead_ != 0) const_cast<HashMap*>(m_)->compact();
+      m_ = nullptr;
+    }
+    void skipDead() {
+      while (m_ && i_ < m_->slots_.size() && !m_->slots_[i_].live) ++i_;
+    }
+    MapT* m_ = nullptr;
+    std::uint32_t i_ = 0;
+  };
+  using Iterator = IteratorT<false>;
+  using ConstIterator = IteratorT<true>;
+
+  explicit HashMap(std::size_t sizeHint = 0) {
+    if (sizeHint) reserve(sizeHint);
+  }
+  HashMap(HashMap const&) = delete;
+  HashMap& operator=(HashMap const&) = delete;
+  ~HashMap() { KIV_ASSERT(iterators_ == 0 && "an iterator outlived its collection"); }
+
+  std::size_t size() const { return live_; }
+  bool empty() const { return live_ == 0; }
+
+  V* find(K const& k) {
+    std::uint32_t s = slotOf(k, hashOf(k));
+    return s == kNone ? nullptr : &slots_[s].entry.value;
+  }
+  V const* find(K const& k) const { return const_cast<HashMap*>(this)->find(k); }
+  bool contains(K const& k) const { return find(k) != nullptr; }
+
+  // Inserts (k, v) unless k is present; returns the stored value and whether it was inserted.
+  template <class VV>
+  std::pair<V*, bool> insert(K const& k, VV&& v) {
+    std::size_t h = hashOf(k);
+    std::uint32_t s = slotOf(k, h);
+    if (s != kNone) return {&slots_[s].entry.value, false};
+    if ((live_ + 1) * 4 > index_.size() * 3) grow();
+    s = static_cast<std::uint32_t>(slots_.size());
+    slots_.push_back(Slot{Entry{k, std::forward<VV>(v)}, h, true});
+    placeInIndex(h, s);
+    ++live_;
+    return {&slots_[s].entry.value, true};
+  }
+
+  // Removes k; its value is moved to *out when given. Returns whether k was present.
+  bool erase(K const& k, V* out = nullptr) {
+    std::size_t h = hashOf(k);
+    std::uint32_t pos = indexPosOf(k, h);
+    if (pos == kNone) return false;
+    removeAt(pos, out);
+    return true;
+  }
+
+  // Removes the member the iterator stands on; the iterator stays valid and moves on with ++.
+  void erase(Iterator const& it, V* out = nullptr) {
+    KIV_ASSERT(it.map() == this && !it.done());
+    Slot& slot = slots_[it.index()];
+    removeAt(indexPosOf(slot.entry.key, slot.hash), out);
+  }
+
+  void clear() {
+    while (live_ != 0) {
+      Iterator it = begin();
+      erase(it);
+    }
+  }
+
+  void reserve(std::size_t n) {
+    std::size_t want = std::bit_ceil(std::max<std::size_t>(8, n * 4 / 3 + 1));
+    if (want > index_.size()) rehash(want);
+    slots_.reserve(n);
+  }
+
+  Iterator begin() { return Iterator(this, 0); }
+  ConstIterator begin() const { return ConstIterator(this, 0); }
+  Sentinel end() const { return {}; }
+
+ private:
+  static constexpr std::uint32_t kNone = ~std::uint32_t{0};
+  struct Slot {
+    Entry entry;
+    std::size_t hash;
+    bool live;
+  };
+
+  static std::size_t hashOf(K const& k) { return Hash()(k); }
+  std::size_t home(std::size_t h) const {
+    // Fibonacci hashing spreads keys whose hashes differ only in high or low bits.
+    return (h * 0x9E3779B97F4A7C15ull) >> shift_;
+  }
+  std::size_t mask() const { return index_.size() - 1; }
+
+  std::uint32_t indexPosOf(K const& k, std::size_t h) const {
+    if (index_.empty()) return kNone;
+    for (std::size_t p = home(h);; p = (p + 1) & mask()) {
+      std::uint32_t e = index_[p];
+      if (e == 0) return kNone;
+      Slot const& s = slots_[e - 1];
+      if (s.hash == h && s.entry.key == k) return static_cast<std::uint32_t>(p);
+    }
+  }
+  std::uint32_t slotOf(K const& k, std::size_t h) const {
+    std::uint32_t p = indexPosOf(k, h);
+    return p == kNone ? kNone : index_[p] - 1;
+  }
+  void placeInIndex(std::size_t h, std::uint32_t slot) {
+    std::size_t p = home(h);
+    while (index_[p] != 0) p = (p + 1) & mask();
+    index_[p] = slot + 1;
+  }
+  void removeFromIndex(std::size_t p) {
+    // Backward-shift deletion keeps every probe chain unbroken without tombstones.
+    index_[p] = 0;
+    for (std::size_t q = (p + 1) & mask(); index_[q] != 0; q = (q + 1) & mask()) {
+      std::size_t h = home(slots_[index_[q] - 1].hash);
+      bool between = (p <= q) ? (p < h && h <= q) : (p < h || h <= q);
+      if (!between) {
+        index_[p] = index_[q];
+        index_[q] = 0;
+        p = q;
+      }
+    }
+  }
+  void removeAt(std::uint32_t pos, V* out) {
+    std::uint32_t s = index_[pos] - 1;
+    removeFromIndex(pos);
+    --live_;
+    Slot& slot = slots_[s];
+    if (out) *out = std::move(slot.entry.value);
+    if (iterators_ != 0) {
+      slot.live = false;
+      slot.entry = Entry{K(), V()};
+      ++dead_;
+      return;
+    }
+    std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
+    if (s != last) {
+      slots_[s] = std::move(slots_[last]);
+      repoint(last, s);
+    }
+    slots_.pop_back();
+  }
+  void repoint(std::uint32_t from, std::uint32_t to) {
+    for (std::size_t p = home(slots_[to].hash);; p = (p + 1) & mask()) {
+      if (index_[p] == from + 1) {
+        index_[p] = to + 1;
+        return;
+      }
+    }
+  }
+  void compact() {
+    std::vector<Slot> kept;
+    kept.reserve(live_);
+    for (Slot& s : slots_)
+      if (s.live) kept.push_back(std::move(s));
+    slots_ = std::move(kept);
+    dead_ = 0;
+    rehash(index_.size());
+  }
+  void grow() { rehash(index_.empty() ? 8 : index_.size() * 2); }
+  void rehash(std::size_t cap) {
+    index_.assign(cap, 0);
+    shift_ = 64 - std::countr_zero(cap);
+    for (std::uint32_t i = 0; i < slots_.size(); ++i)
+      if (slots_[i].live) placeInIndex(slots_[i].hash, i);
+  }
+
+  std::vector<Slot> slots_;
+  std::vector<std::uint32_t> index_;
+  int shift_ = 64;
+  std::uint32_t live_ = 0;
+  std::uint32_t dead_ = 0;
+  mutable std::uint32_t iterators_ = 0;
+};
+
+// Value collections use the same storage; the separate name keeps declarations saying what the
+// collection holds.
+template <class K, class V, class Hash = KeyHash<K>>
+using HashMap2018 = HashMap<K, V, Hash>;
+
+}  // namespace Kiv

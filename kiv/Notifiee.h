@@ -1,0 +1,142 @@
+#pragma once
+// Notifiers and their reactors.
+//
+// A Notifier keeps the reactors bound to it in a list that survives any change made from inside
+// a notification: a reactor may remove itself or another (its slot is emptied and skipped), add
+// one (it is not told of the change in progress: it was not bound when the change happened), clear
+// the list, or destroy the notifier (the walk stops at once). Empty slots are compacted once the
+// outermost walk is over. Reactors do not keep their notifier alive; when its last reference
+// goes, they are told (onZeroReferences) and unbound, and must then tolerate a null notifier.
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "kiv/Exception.h"
+#include "kiv/Ptr.h"
+
+namespace Kiv {
+
+class NotifieeBase;
+
+class NotifierList {
+ public:
+  NotifierList() = default;
+  NotifierList(NotifierList const&) = delete;
+  NotifierList& operator=(NotifierList const&) = delete;
+  ~NotifierList();
+
+  bool empty() const { return v_.size() == nulls_; }
+  std::size_t size() const { return v_.size() - nulls_; }
+  void add(NotifieeBase* n) { v_.push_back(n); }
+  void remove(NotifieeBase* n);
+  bool contains(NotifieeBase const* n) const { return std::find(v_.begin(), v_.end(), n) != v_.end(); }
+
+  // Calls f on every active notifiee that was bound when the walk began.
+  template <class F>
+  void forEach(F&& f);
+
+  // Tells every notifiee that the notifier has lost its last reference, then unbinds them all.
+  void zeroReferences();
+
+ private:
+#pragma GCC diagnostic push
+// The frame unlinks itself in its destructor; GCC cannot see that through the alive flag.
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+  struct Frame {
+    Frame(NotifierList* l) : list(l), outer(l->frames_) { l->frames_ = this; }
+    ~Frame() {
+      if (!alive) return;
+      list->frames_ = outer;
+      if (!outer && list->nulls_ != 0) list->compact();
+    }
+    NotifierList* list;
+    Frame* outer;
+    bool alive = true;
+  };
+#pragma GCC diagnostic pop
+  void compact();
+
+  std::vector<NotifieeBase*> v_;
+  Frame* frames_ = nullptr;
+  std::uint32_t nulls_ = 0;
+};
+
+// Mixin for anything reactors can bind to.
+class Notifier {
+ public:
+  NotifierList& kivNotifiees() const { return notifiees_; }
+
+ protected:
+  Notifier() = default;
+  ~Notifier() = default;
+
+ private:
+  mutable NotifierList notifiees_;
+};
+
+// Base of every reactor: registration and delivery switches, lifecycle hooks.
+class NotifieeBase : public PtrInterface {
+ public:
+  bool isRegisteredNotifiee() const { return registered_; }
+  // Registers with (or leaves) the notifier's list without dropping the pointer to it.
+  void isRegisteredNotifieeIs(bool r);
+  bool hasNotificationActive() const { return active_; }
+  // Turns delivery on or off; turning on a reactor that is already on is a programming error.
+  void hasNotificationActiveIs(bool a);
+
+  // The notifier lost its last reference; it unbinds this reactor right after.
+  virtual void onZeroReferences() {}
+  // Called once the reactor is constructed and bound; state machines evaluate the present here.
+  virtual void handleInitialized() {}
+  // Called before the reactor is released; withdraws what it wrote.
+  virtual void doCleanup() {}
+
+ protected:
+  explicit NotifieeBase(bool active = true) : active_(active) {}
+  ~NotifieeBase() override;
+  Notifier* kivNotifierBase() const { return notifierBase_; }
+  void kivBind(Notifier* n);
+
+ private:
+  friend class NotifierList;
+  virtual void kivNotifierGone() {}
+  Notifier* notifierBase_ = nullptr;
+  bool registered_ = true;
+  bool active_ = true;
+};
+
+// Binds a reactor of callbacks `Callbacks` to a notifier of type T (const T for a read-only view).
+template <class T, class Callbacks>
+class NotifieeOf : public Callbacks {
+ public:
+  Ptr<T> notifier() const { return Ptr<T>(notifier_); }
+  void notifierIs(Ptr<T> const& n) {
+    if (n.ptr() == notifier_) return;
+    notifier_ = n.ptr();
+    this->kivBind(n ? static_cast<Notifier*>(const_cast<std::remove_const_t<T>*>(n.ptr())) : nullptr);
+  }
+
+ protected:
+  explicit NotifieeOf(bool active = true) : Callbacks(active) {}
+  explicit NotifieeOf(Ptr<T> const& n, bool active = true) : Callbacks(active) { notifierIs(n); }
+
+ private:
+  void kivNotifierGone() override { notifier_ = nullptr; }
+  T* notifier_ = nullptr;
+};
+
+template <class F>
+void NotifierList::forEach(F&& f) {
+  std::size_t n = v_.size();
+  if (n == 0) return;
+  Frame frame(this);
+  for (std::size_t i = 0; i < n; ++i) {
+    NotifieeBase* x = v_[i];
+    if (!x || !x->active_) continue;
+    f(x);
+    if (!frame.alive) return;
+  }
+}
+
+}  // namespace Kiv

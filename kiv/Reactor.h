@@ -1,0 +1,93 @@
+#pragma once
+// Support for state machines: owned child collections with the re-instantiation check, and the
+// refusal of null parameters.
+
+#include <array>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "kiv/Exception.h"
+#include "kiv/HashMap.h"
+#include "kiv/Strep.h"
+
+namespace Kiv {
+
+// "Reinstantiating the entity with name <key>" (entities) or "Reinstantiating the pointer
+// interface" (reactors), then the attribute that differs with both values.
+std::string reinstantiationText(std::string const& subject, std::string_view attr,
+                                std::string const& newValue, std::string const& currentValue);
+inline std::string entitySubject(String const& key) {
+  return "Reinstantiating the entity with name " + key.stdString();
+}
+inline constexpr char const* kPointerInterfaceSubject = "Reinstantiating the pointer interface";
+
+// Compares constructor parameters in declaration order; the first that differs throws the
+// name-in-use exception. Equality is by value, and by identity for pointers.
+class ReinstantiationCheck {
+ public:
+  explicit ReinstantiationCheck(std::string subject) : subject_(std::move(subject)) {}
+  template <class A, class B>
+  ReinstantiationCheck& operator()(std::string_view attr, A const& newValue, B const& current) {
+    if (!(newValue == current)) {
+      throwNameInUseException(reinstantiationText(subject_, attr, strep(newValue), strep(current)));
+    }
+    return *this;
+  }
+
+ private:
+  std::string subject_;
+};
+
+// "null _<attr> parameter to mutator for <className>::<attr> not allowed"
+[[noreturn]] void throwNullParameter(std::string_view attr, std::string_view className);
+
+template <class T>
+void nullCheck(Ptr<T> const& p, std::string_view attr, std::string_view className) {
+  if (!p) throwNullParameter(attr, className);
+}
+
+// A state machine's owned children, keyed. A child type T declares its compared constructor
+// parameters: `static constexpr std::array kivParamNames{...}` and `auto kivParams() const`
+// returning a tuple in the same order.
+template <class K, class T>
+class ChildMap : public HashMap<K, Ptr<T>> {
+ public:
+  using HashMap<K, Ptr<T>>::HashMap;
+
+  Ptr<T> get(K const& k) const {
+    Ptr<T> const* p = this->find(k);
+    return p ? *p : Ptr<T>();
+  }
+
+  // Returns the child at k; if absent, creates it with make(). If present, compares `params`
+  // with the child's kivParams() and throws on the first difference.
+  template <class Make, class... P>
+  Ptr<T> instantiate(K const& k, std::tuple<P...> const& params, Make&& make) {
+    if (Ptr<T> const* p = this->find(k)) {
+      compare(params, (*p)->kivParams(), std::index_sequence_for<P...>());
+      return *p;
+    }
+    Ptr<T> child = make();
+    this->insert(k, child);
+    return child;
+  }
+
+  // Runs the child's doCleanup() and then removes it.
+  bool cleanupAndErase(K const& k) {
+    Ptr<T> child = get(k);
+    if (!child) return false;
+    child->doCleanup();
+    this->erase(k);
+    return true;
+  }
+
+ private:
+  template <class New, class Cur, std::size_t... I>
+  static void compare(New const& n, Cur const& c, std::index_sequence<I...>) {
+    ReinstantiationCheck check(kPointerInterfaceSubject);
+    (check(T::kivParamNames[I], std::get<I>(n), std::get<I>(c)), ...);
+  }
+};
+
+}  // namespace Kiv
