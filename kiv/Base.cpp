@@ -187,3 +187,71 @@ std::string quoted(std::string_view s) {
 }
 
 }  // namespace Kiv
+
+// --- text forms of values ---
+
+#include "kiv/Generated.h"
+
+namespace Kiv {
+
+void ValueTextReader::fail(std::string_view wanted) const {
+  throwRangeException("cannot read value text \"" + std::string(text_) + "\" at offset " + std::to_string(at_) +
+                      ": expected " + std::string(wanted));
+}
+
+void ValueTextReader::expect(std::string_view piece) {
+  if (text_.substr(at_, piece.size()) != piece) fail("\"" + std::string(piece) + "\"");
+  at_ += piece.size();
+}
+
+void ValueTextReader::end() {
+  if (at_ != text_.size()) fail("the end of the text");
+}
+
+String ValueTextReader::readString() {
+  if (at_ >= text_.size() || text_[at_] != '\'') fail("a quoted string");
+  std::string out;
+  for (std::size_t i = at_ + 1; i < text_.size(); ++i) {
+    char c = text_[i];
+    if (c == '\\' && i + 1 < text_.size()) {
+      out += text_[++i];
+    } else if (c == '\'') {
+      at_ = i + 1;
+      return String(out);
+    } else {
+      out += c;
+    }
+  }
+  fail("a closing quote");
+}
+
+std::string_view ValueTextReader::readWord() {
+  std::size_t start = at_;
+  while (at_ < text_.size() && (std::isalnum(static_cast<unsigned char>(text_[at_])) || text_[at_] == '_' ||
+                                text_[at_] == '-' || text_[at_] == '.'))
+    ++at_;
+  if (at_ == start) fail("a word");
+  return text_.substr(start, at_ - start);
+}
+
+long long ValueTextReader::readNumber() {
+  std::size_t start = at_;
+  std::string_view w = readWord();
+  long long v = 0;
+  bool negative = !w.empty() && w[0] == '-';
+  std::size_t i = negative ? 1 : 0;
+  if (i == w.size()) {
+    at_ = start;
+    fail("a number");
+  }
+  for (; i < w.size(); ++i) {
+    if (!std::isdigit(static_cast<unsigned char>(w[i]))) {
+      at_ = start;
+      fail("a number");
+    }
+    v = v * 10 + (w[i] - '0');
+  }
+  return negative ? -v : v;
+}
+
+}  // namespace Kiv

@@ -58,6 +58,7 @@ class Dir : public Entity {
   };
 
   explicit Dir(EntityInit const& init) : Entity(init) {}
+  ~Dir() override;
 
  private:
   Ptr<Entity> lookup(Name const& name) const {

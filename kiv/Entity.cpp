@@ -135,8 +135,12 @@ Ptr<Entity> createDir(EntityInit const& init) { return Ptr<Entity>(new Dir(init)
 }  // namespace
 
 TypeInfo const& Dir::kivTypeInfo() {
-  static TypeInfo const info{"Kiv::Dir", &createDir};
+  static TypeInfo const info{"Kiv::Dir", &createDir, nullptr, 0};
   return info;
+}
+
+Dir::~Dir() {
+  for (auto it = members_.begin(); it; ++it) it.value()->kivParentIs(nullptr);
 }
 
 Ptr<Dir> Dir::DirIs(Name const& name) { return Ptr<Dir>(new Dir(EntityInit{name, nullptr, Name()})); }

@@ -1,7 +1,9 @@
 #pragma once
 // Entities: typed, reference-counted objects in a tree, each held by its parent's collection.
 
+#include <cstdint>
 #include <string>
+#include <type_traits>
 #include <string_view>
 #include <vector>
 
@@ -19,11 +21,23 @@ struct EntityInit {
   Name parentAttrName;
 };
 
+enum class AttrKind { derived, constant, value, reference, collection, valueCollection };
+
+// An attribute of a declared type. Identifiers start at 258 in declaration order; those below
+// belong to the framework.
+struct AttrInfo {
+  std::uint32_t id;
+  char const* name;
+  AttrKind kind;
+};
+
 // A declared type, registered by name so that directories can create members by type name.
 struct TypeInfo {
   char const* name;
   // Null for types that need constructor parameters beyond the name.
   Ptr<Entity> (*create)(EntityInit const&);
+  AttrInfo const* attrs = nullptr;
+  std::size_t attrCount = 0;
 };
 
 void typeRegister(TypeInfo const& type);
@@ -92,8 +106,11 @@ Ptr<T> entityCast(Ptr<U> const& p) {
 // Keys of entity and string collections must be non-empty.
 void keyCheck(String const& key, char const* attr);
 inline void keyCheck(Name const& key, char const* attr) { keyCheck(static_cast<String const&>(key), attr); }
-inline void keyCheck(unsigned, char const*) {}
 template <class K>
+  requires std::is_arithmetic_v<K> || std::is_enum_v<K>
+void keyCheck(K, char const*) {}
+template <class K>
+  requires(!std::is_arithmetic_v<K> && !std::is_enum_v<K>)
 void keyCheck(K const& key, char const* attr) {
   if (!key) throwRangeException(std::string("invalid key for ") + attr);
 }

@@ -110,16 +110,15 @@ class NotifieeBase : public PtrInterface {
 template <class T, class Callbacks>
 class NotifieeOf : public Callbacks {
  public:
+  explicit NotifieeOf(bool active = true) : Callbacks(active) {}
+  explicit NotifieeOf(Ptr<T> const& n, bool active = true) : Callbacks(active) { notifierIs(n); }
+
   Ptr<T> notifier() const { return Ptr<T>(notifier_); }
   void notifierIs(Ptr<T> const& n) {
     if (n.ptr() == notifier_) return;
     notifier_ = n.ptr();
     this->kivBind(n ? static_cast<Notifier*>(const_cast<std::remove_const_t<T>*>(n.ptr())) : nullptr);
   }
-
- protected:
-  explicit NotifieeOf(bool active = true) : Callbacks(active) {}
-  explicit NotifieeOf(Ptr<T> const& n, bool active = true) : Callbacks(active) { notifierIs(n); }
 
  private:
   void kivNotifierGone() override { notifier_ = nullptr; }

@@ -1,0 +1,426 @@
+// Definition language:
+//
+//   namespace Controller;                       // C++ namespace of what follows (once, first)
+//   include "platform/SystemId.h";              // extra header for the generated header
+//   extern value Controller::SystemId;          // a type defined elsewhere (entity|value|enum)
+//   enum PublishState { publishStateInvalid = 0; publishStateComplete = 1; }
+//   value MounterName { serviceName : String; groupName : String; }
+//   entity MountFilterSystem factory {          // `factory`: class-scope MountFilterSystemIs(name)
+//     derived filterName : String;              // the entity's name; or `= "C++ expression"`
+//     const kivcType : String;                  // constructor parameter, in declaration order
+//     mutable warm : bool;                      // value with a notifying setter
+//     ref systemFilter : MountFilterSystem;     // Ptr; `ref x : const T` for a PtrConst
+//     collection mountConfig : Name -> MountConfig;   // instantiating collection of entities
+//     set includedSystem : String -> bool;      // value collection
+//   }
+//
+// Builtin types: String, Name, bool, U32, U64, I32, Seconds; Ptr<T> and PtrConst<T> of entities.
+// Comments run from "//" or "#" to the end of the line.
+
+#include "kiv/kivc/Parser.h"
+
+#include <cctype>
+#include <map>
+#include <set>
+
+namespace kivc {
+namespace {
+
+struct Token {
+  enum Kind { ident, number, string, punct, end } kind;
+  std::string text;
+  Location at;
+};
+
+struct Builtin {
+  char const* name;
+  char const* cpp;
+};
+constexpr Builtin kBuiltins[] = {{"String", "Kiv::String"}, {"Name", "Kiv::Name"},      {"bool", "bool"},
+                                 {"U32", "std::uint32_t"},  {"U64", "std::uint64_t"},   {"I32", "std::int32_t"},
+                                 {"Seconds", "Kiv::Seconds"}};
+
+class Parser {
+ public:
+  Parser(std::string const& file, std::string const& text, std::vector<Error>& errors)
+      : file_(file), text_(text), errors_(errors) {
+    tokenize();
+  }
+
+  Unit run() {
+    unit_.file = file_;
+    std::string base = file_.substr(file_.find_last_of('/') + 1);
+    unit_.stem = base.substr(0, base.find('.'));
+    while (peek().kind != Token::end && errors_.empty()) declaration();
+    if (errors_.empty()) resolve();
+    return errors_.empty() ? std::move(unit_) : Unit{};
+  }
+
+ private:
+  // --- tokens ---
+  void tokenize() {
+    int line = 1, col = 1;
+    std::size_t i = 0;
+    auto advance = [&](std::size_t n) {
+      for (std::size_t k = 0; k < n; ++k, ++i) {
+        if (text_[i] == '\n') {
+          ++line;
+          col = 1;
+        } else {
+          ++col;
+        }
+      }
+    };
+    while (i < text_.size()) {
+      char c = text_[i];
+      if (std::isspace(static_cast<unsigned char>(c))) {
+        advance(1);
+        continue;
+      }
+      if (c == '#' || (c == '/' && i + 1 < text_.size() && text_[i + 1] == '/')) {
+        while (i < text_.size() && text_[i] != '\n') advance(1);
+        continue;
+      }
+      Location at{file_, line, col};
+      if (std::isalpha(static_cast<unsigned char>(c)) || c == '_') {
+        std::size_t j = i;
+        while (j < text_.size() && (std::isalnum(static_cast<unsigned char>(text_[j])) || text_[j] == '_' ||
+                                    (text_[j] == ':' && j + 1 < text_.size() && text_[j + 1] == ':' &&
+                                     j + 2 < text_.size() && std::isalpha(static_cast<unsigned char>(text_[j + 2]))))) {
+          j += text_[j] == ':' ? 2 : 1;
+        }
+        tokens_.push_back({Token::ident, text_.substr(i, j - i), at});
+        advance(j - i);
+      } else if (std::isdigit(static_cast<unsigned char>(c))) {
+        std::size_t j = i;
+        while (j < text_.size() && std::isdigit(static_cast<unsigned char>(text_[j]))) ++j;
+        tokens_.push_back({Token::number, text_.substr(i, j - i), at});
+        advance(j - i);
+      } else if (c == '"') {
+        std::size_t j = i + 1;
+        std::string value;
+        while (j < text_.size() && text_[j] != '"' && text_[j] != '\n') {
+          if (text_[j] == '\\' && j + 1 < text_.size()) ++j;
+          value += text_[j++];
+        }
+        if (j >= text_.size() || text_[j] != '"') {
+          error(at, "string is not closed on its line");
+          return;
+        }
+        tokens_.push_back({Token::string, value, at});
+        advance(j + 1 - i);
+      } else if (c == '-' && i + 1 < text_.size() && text_[i + 1] == '>') {
+        tokens_.push_back({Token::punct, "->", at});
+        advance(2);
+      } else if (std::string("{};:=<>,").find(c) != std::string::npos) {
+        tokens_.push_back({Token::punct, std::string(1, c), at});
+        advance(1);
+      } else {
+        error(at, std::string("unexpected character '") + c + "'");
+        return;
+      }
+    }
+    tokens_.push_back({Token::end, "", Location{file_, line, col}});
+  }
+
+  Token const& peek() const { return tokens_[std::min(pos_, tokens_.size() - 1)]; }
+  Token const& next() {
+    Token const& t = peek();
+    if (pos_ < tokens_.size() - 1) ++pos_;
+    return t;
+  }
+  bool accept(std::string const& text) {
+    if (peek().kind == Token::string || peek().text != text) return false;
+    next();
+    return true;
+  }
+  void error(Location const& at, std::string message) { errors_.push_back({at, std::move(message)}); }
+  std::string describe(Token const& t) {
+    switch (t.kind) {
+      case Token::end:
+        return "the end of the file";
+      case Token::string:
+        return "a string";
+      default:
+        return "'" + t.text + "'";
+    }
+  }
+  bool expect(std::string const& text) {
+    if (accept(text)) return true;
+    if (errors_.empty()) error(peek().at, "expected '" + text + "' but found " + describe(peek()));
+    return false;
+  }
+  std::string identifier(char const* what) {
+    if (peek().kind != Token::ident) {
+      if (errors_.empty()) error(peek().at, std::string("expected ") + what + " but found " + describe(peek()));
+      return {};
+    }
+    return next().text;
+  }
+
+  // --- declarations ---
+  void declaration() {
+    Token const& t = peek();
+    if (accept("namespace")) {
+      if (!unit_.ns.empty() || !unit_.entities.empty() || !unit_.enums.empty() || !unit_.values.empty()) {
+        error(t.at, "the namespace must be declared once, before any type");
+        return;
+      }
+      unit_.ns = identifier("a namespace name");
+      expect(";");
+    } else if (accept("include")) {
+      if (peek().kind != Token::string) {
+        error(peek().at, "expected a quoted header path after 'include'");
+        return;
+      }
+      unit_.includes.push_back(next().text);
+      expect(";");
+    } else if (accept("extern")) {
+      Token const& kind = next();
+      TypeKind k = kind.text == "entity" ? TypeKind::entity
+                   : kind.text == "value" ? TypeKind::value
+                   : kind.text == "enum"  ? TypeKind::enumeration
+                                          : TypeKind::builtin;
+      if (k == TypeKind::builtin) {
+        error(kind.at, "expected 'entity', 'value' or 'enum' after 'extern'");
+        return;
+      }
+      std::string name = identifier("a qualified type name");
+      if (name.find("::") == std::string::npos && errors_.empty()) {
+        error(kind.at, "an extern type needs its namespace, as in Controller::SystemId");
+        return;
+      }
+      unit_.externs.push_back({k, name});
+      expect(";");
+    } else if (accept("enum")) {
+      enumeration(t.at);
+    } else if (accept("value")) {
+      value(t.at);
+    } else if (accept("entity")) {
+      entity(t.at);
+    } else {
+      error(t.at, "expected 'namespace', 'include', 'extern', 'enum', 'value' or 'entity' but found " + describe(t));
+    }
+  }
+
+  void declareName(std::string const& name, Location const& at, TypeKind kind) {
+    if (unit_.ns.empty() && errors_.empty()) error(at, "declare the namespace before the first type");
+    if (!declared_.emplace(name, kind).second && errors_.empty()) error(at, "type " + name + " is declared twice");
+  }
+
+  void enumeration(Location const& at) {
+    Enum e{at, identifier("an enumeration name"), {}};
+    declareName(e.name, at, TypeKind::enumeration);
+    expect("{");
+    std::set<unsigned> numbers;
+    std::set<std::string> names;
+    while (errors_.empty() && !accept("}")) {
+      Token const& v = peek();
+      std::string name = identifier("a value name");
+      expect("=");
+      if (peek().kind != Token::number) {
+        if (errors_.empty()) error(peek().at, "expected the value's number but found " + describe(peek()));
+        return;
+      }
+      unsigned number = static_cast<unsigned>(std::stoul(next().text));
+      expect(";");
+      if (!names.insert(name).second) error(v.at, "enumeration value " + name + " is declared twice");
+      if (!numbers.insert(number).second) error(v.at, "number " + std::to_string(number) + " is used twice in " + e.name);
+      e.values.push_back({name, number});
+    }
+    if (errors_.empty() && e.values.empty()) error(at, "enumeration " + e.name + " has no values");
+    unit_.enums.push_back(std::move(e));
+  }
+
+  void value(Location const& at) {
+    Value v{at, identifier("a value type name"), {}};
+    declareName(v.name, at, TypeKind::value);
+    expect("{");
+    std::set<std::string> names;
+    while (errors_.empty() && !accept("}")) {
+      Token const& f = peek();
+      std::string name = identifier("a field name");
+      expect(":");
+      TypeRef type = typeRef();
+      expect(";");
+      if (!names.insert(name).second) error(f.at, "field " + name + " is declared twice");
+      v.fields.push_back({name, type});
+      fieldAt_.push_back(f.at);
+    }
+    if (errors_.empty() && v.fields.empty()) error(at, "value type " + v.name + " has no fields");
+    unit_.values.push_back(std::move(v));
+  }
+
+  void entity(Location const& at) {
+    Entity e{at, identifier("an entity name"), false, {}};
+    declareName(e.name, at, TypeKind::entity);
+    if (accept("factory")) e.factory = true;
+    expect("{");
+    std::set<std::string> names;
+    while (errors_.empty() && !accept("}")) {
+      Token const& k = next();
+      Attribute a;
+      a.at = k.at;
+      if (k.text == "derived") {
+        a.kind = AttrKind::derived;
+      } else if (k.text == "const") {
+        a.kind = AttrKind::constant;
+      } else if (k.text == "mutable") {
+        a.kind = AttrKind::value;
+      } else if (k.text == "ref") {
+        a.kind = AttrKind::reference;
+      } else if (k.text == "collection") {
+        a.kind = AttrKind::collection;
+      } else if (k.text == "set") {
+        a.kind = AttrKind::valueCollection;
+      } else {
+        error(k.at, "expected an attribute kind (derived, const, mutable, ref, collection, set) but found " + describe(k));
+        return;
+      }
+      a.name = identifier("an attribute name");
+      expect(":");
+      if (a.kind == AttrKind::reference) {
+        bool toConst = accept("const");
+        std::string target = identifier("an entity name");
+        a.type = TypeRef{target, TypeKind::entity, true, toConst, target, target};
+      } else if (a.kind == AttrKind::collection || a.kind == AttrKind::valueCollection) {
+        a.key = typeRef();
+        expect("->");
+        a.type = typeRef();
+      } else {
+        a.type = typeRef();
+      }
+      if (a.kind == AttrKind::derived && accept("=")) {
+        if (peek().kind != Token::string) {
+          error(peek().at, "expected a quoted C++ expression after '='");
+          return;
+        }
+        a.derivedExpression = next().text;
+      }
+      expect(";");
+      if (!names.insert(a.name).second && errors_.empty()) error(a.at, "attribute " + a.name + " is declared twice");
+      e.attributes.push_back(std::move(a));
+    }
+    unsigned id = kFirstAttributeId;
+    for (Attribute& a : e.attributes) a.id = id++;
+    unit_.entities.push_back(std::move(e));
+  }
+
+  TypeRef typeRef() {
+    std::string name = identifier("a type name");
+    if (name == "Ptr" || name == "PtrConst") {
+      expect("<");
+      std::string target = identifier("an entity name");
+      expect(">");
+      return TypeRef{target, TypeKind::entity, true, name == "PtrConst", target, name + "<" + target + ">"};
+    }
+    return TypeRef{name, TypeKind::builtin, false, false, "", name};
+  }
+
+  // --- resolution and checks, once every name is known ---
+  std::optional<TypeKind> kindOf(std::string const& name) const {
+    if (auto it = declared_.find(name); it != declared_.end()) return it->second;
+    for (ExternType const& x : unit_.externs)
+      if (x.qualifiedName == name || x.qualifiedName.substr(x.qualifiedName.rfind("::") + 2) == name) return x.kind;
+    return std::nullopt;
+  }
+  std::string cppOf(std::string const& name) const {
+    for (ExternType const& x : unit_.externs)
+      if (x.qualifiedName.substr(x.qualifiedName.rfind("::") + 2) == name && !declared_.count(name))
+        return x.qualifiedName;
+    return name;
+  }
+  bool resolveType(TypeRef& t, Location const& at) {
+    if (t.pointer) {
+      auto k = kindOf(t.entity);
+      if (k != TypeKind::entity) {
+        error(at, "'" + t.entity + "' is not a known entity type");
+        return false;
+      }
+      t.entity = cppOf(t.entity);
+      t.cpp = std::string(t.pointerToConst ? "Kiv::PtrConst<" : "Kiv::Ptr<") + t.entity + ">";
+      return true;
+    }
+    for (Builtin const& b : kBuiltins) {
+      if (t.name == b.name) {
+        t.cpp = b.cpp;
+        t.kind = TypeKind::builtin;
+        return true;
+      }
+    }
+    auto k = kindOf(t.name);
+    if (!k) {
+      error(at, "unknown type '" + t.name + "'");
+      return false;
+    }
+    t.kind = *k;
+    t.cpp = cppOf(t.name);
+    return true;
+  }
+  void resolve() {
+    std::size_t fieldIndex = 0;
+    for (Value& v : unit_.values) {
+      for (ValueField& f : v.fields) {
+        Location at = fieldAt_[fieldIndex++];
+        if (!resolveType(f.type, at)) return;
+        if (f.type.kind == TypeKind::entity)
+          return error(at, "field " + f.name + " of value type " + v.name + " cannot hold an entity");
+      }
+    }
+    for (Entity& e : unit_.entities) {
+      for (Attribute& a : e.attributes) {
+        if (!resolveType(a.type, a.at)) return;
+        if (a.key && !resolveType(*a.key, a.at)) return;
+        std::string where = "attribute " + a.name + " of " + e.name;
+        bool entityValue = a.type.kind == TypeKind::entity && !a.type.pointer;
+        switch (a.kind) {
+          case AttrKind::derived:
+            if (a.derivedExpression.empty() && a.type.name != "String" && a.type.name != "Name")
+              return error(a.at, where + " derives from the entity's name, so its type must be String or Name");
+            if (entityValue) return error(a.at, where + " cannot hold an entity by value; use Ptr<T> or PtrConst<T>");
+            break;
+          case AttrKind::constant:
+          case AttrKind::value:
+            if (entityValue) return error(a.at, where + " cannot hold an entity by value; use Ptr<T> or PtrConst<T>");
+            break;
+          case AttrKind::reference:
+            break;
+          case AttrKind::collection:
+            if (a.type.kind != TypeKind::entity || a.type.pointer)
+              return error(a.at, where + " is a collection, so its members must be an entity type");
+            if (!declared_.count(a.type.name))
+              return error(a.at, where + " holds " + a.type.name +
+                                     ", which must be declared in this file so its constructor parameters are known");
+            a.type.cpp = cppOf(a.type.name);
+            a.type.entity = a.type.cpp;
+            [[fallthrough]];
+          case AttrKind::valueCollection:
+            if (a.kind == AttrKind::valueCollection && (a.type.kind == TypeKind::entity))
+              return error(a.at, where + " is a set, so it holds plain values, not entities");
+            if (!(a.key->name == "Name" || a.key->name == "String" || a.key->name == "U32" || a.key->name == "U64" ||
+                  a.key->kind == TypeKind::value || a.key->kind == TypeKind::enumeration))
+              return error(a.at, where + " has key type " + a.key->name +
+                                     "; keys are Name, String, U32, U64, an enumeration or a value type");
+            break;
+        }
+      }
+    }
+  }
+
+  std::string file_;
+  std::string text_;
+  std::vector<Error>& errors_;
+  std::vector<Token> tokens_;
+  std::size_t pos_ = 0;
+  Unit unit_;
+  std::map<std::string, TypeKind> declared_;
+  std::vector<Location> fieldAt_;
+};
+
+}  // namespace
+
+Unit parse(std::string const& file, std::string const& text, std::vector<Error>& errors) {
+  return Parser(file, text, errors).run();
+}
+
+}  // namespace kivc

@@ -1,0 +1,192 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kiv/Dir.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using Log = std::vector<std::string>;
+
+class Recorder : public Kiv::Dir::Notifiee {
+ public:
+  Recorder(Kiv::Ptr<Kiv::Dir> const& d, Log* log, std::string tag, bool active = true)
+      : Notifiee(d, active), log_(log), tag_(std::move(tag)) {}
+  void onEntityPtr(Kiv::Name const& name) override {
+    log_->push_back(tag_ + ":" + name.stdString());
+    if (onChange) onChange(name);
+  }
+  void onZeroReferences() override {
+    log_->push_back(tag_ + ":zero" + (notifier() ? "" : "-unbound"));
+  }
+  std::function<void(Kiv::Name const&)> onChange;
+
+ private:
+  Log* log_;
+  std::string tag_;
+};
+
+class NotifierList : public ::testing::Test {
+ protected:
+  Kiv::Ptr<Recorder> add(std::string tag, bool active = true) {
+    Kiv::Ptr<Recorder> r(new Recorder(dir, &log, std::move(tag), active));
+    reactors.push_back(r);
+    return r;
+  }
+  void notify(char const* name) { dir->entityPtrNotify(Kiv::Name(name)); }
+
+  Kiv::Ptr<Kiv::Dir> dir = Kiv::Dir::DirIs("root");
+  std::vector<Kiv::Ptr<Recorder>> reactors;
+  Log log;
+};
+
+TEST_F(NotifierList, ReactorRemovesItselfMidNotification) {
+  add("a");
+  auto b = add("b");
+  add("c");
+  b->onChange = [b = b.ptr()](Kiv::Name const&) { b->notifierIs(nullptr); };
+  notify("x");
+  notify("y");
+  EXPECT_THAT(log, ElementsAre("a:x", "b:x", "c:x", "a:y", "c:y"));
+  EXPECT_EQ(dir->kivNotifiees().size(), 2u);
+  EXPECT_EQ(b->notifier(), nullptr);
+}
+
+TEST_F(NotifierList, ReactorRemovesOthersMidNotification) {
+  auto a = add("a");
+  add("b");
+  add("c");
+  add("d");
+  a->onChange = [this](Kiv::Name const&) {
+    reactors[1] = nullptr;                        // b is destroyed
+    reactors[3]->isRegisteredNotifieeIs(false);  // d leaves the list
+  };
+  notify("x");
+  EXPECT_THAT(log, ElementsAre("a:x", "c:x"));
+  EXPECT_EQ(dir->kivNotifiees().size(), 2u);
+  EXPECT_EQ(reactors[3]->notifier(), dir);
+}
+
+TEST_F(NotifierList, ReactorAddedMidNotificationIsNotToldOfTheChangeInProgress) {
+  auto a = add("a");
+  add("b");
+  a->onChange = [this](Kiv::Name const& name) {
+    if (name == "x") add("late");
+  };
+  notify("x");
+  EXPECT_THAT(log, ElementsAre("a:x", "b:x"));
+  log.clear();
+  notify("y");
+  EXPECT_THAT(log, ElementsAre("a:y", "b:y", "late:y"));
+}
+
+TEST_F(NotifierList, ReactorClearsAllMidNotification) {
+  auto a = add("a");
+  add("b");
+  add("c");
+  a->onChange = [this, a = a.ptr()](Kiv::Name const&) {
+    a->isRegisteredNotifieeIs(false);
+    reactors.erase(reactors.begin() + 1, reactors.end());
+  };
+  notify("x");
+  EXPECT_THAT(log, ElementsAre("a:x"));
+  EXPECT_TRUE(dir->kivNotifiees().empty());
+  notify("y");
+  EXPECT_THAT(log, ElementsAre("a:x"));
+}
+
+TEST_F(NotifierList, RemovalInNestedNotificationIsCompactedOnlyAfterTheOuterWalk) {
+  auto a = add("a");
+  add("b");
+  auto c = add("c");
+  add("d");
+  c->onChange = [this](Kiv::Name const& name) {
+    if (name == "x") notify("y");
+  };
+  a->onChange = [a = a.ptr()](Kiv::Name const& name) {
+    if (name == "y") a->notifierIs(nullptr);
+  };
+  notify("x");
+  EXPECT_THAT(log, ElementsAre("a:x", "b:x", "c:x", "a:y", "b:y", "c:y", "d:y", "d:x"));
+  EXPECT_EQ(dir->kivNotifiees().size(), 3u);
+}
+
+// With deferred deletion the notifier outlives the walk; either way the walk must stop
+// telling reactors that the notifier has already unbound.
+TEST_F(NotifierList, NotifierLosesItsLastReferenceMidNotification) {
+  for (bool deferred : {false, true}) {
+    SCOPED_TRACE(deferred ? "deferred deletion" : "immediate deletion");
+    log.clear();
+    reactors.clear();
+    dir = Kiv::Dir::DirIs("root");
+    dir->kivMarkedForDeletionIs(deferred);
+    auto a = add("a");
+    add("b");
+    add("c");
+    a->onChange = [this](Kiv::Name const&) { dir = nullptr; };
+    Kiv::Dir* raw = dir.ptr();
+    raw->entityPtrNotify(Kiv::Name("x"));
+    EXPECT_THAT(log, ElementsAre("a:x", "a:zero", "b:zero", "c:zero"));
+    for (auto const& r : reactors) EXPECT_EQ(r->notifier(), nullptr);
+    EXPECT_EQ(Kiv::PtrInterface::deferredDeletions(), deferred ? 1u : 0u);
+    Kiv::PtrInterface::deleteDeferred();
+  }
+}
+
+TEST_F(NotifierList, ActivationSwitch) {
+  auto r = add("r", false);
+  notify("x");
+  EXPECT_TRUE(log.empty());
+  r->hasNotificationActiveIs(true);
+  notify("y");
+  EXPECT_THAT(log, ElementsAre("r:y"));
+  try {
+    r->hasNotificationActiveIs(true);
+    ADD_FAILURE() << "activating an active reactor was accepted";
+  } catch (Kiv::InternalException const& e) {
+    EXPECT_STREQ(e.what(), "entity reactor is already active");
+  }
+  r->hasNotificationActiveIs(false);
+  notify("z");
+  EXPECT_THAT(log, ElementsAre("r:y"));
+}
+
+TEST_F(NotifierList, UnregisteredReactorKeepsItsNotifier) {
+  auto r = add("r");
+  add("other");
+  r->isRegisteredNotifieeIs(false);
+  notify("x");
+  EXPECT_THAT(log, ElementsAre("other:x"));
+  EXPECT_EQ(r->notifier(), dir);
+  EXPECT_EQ(dir->kivNotifiees().size(), 1u);
+  r->isRegisteredNotifieeIs(true);
+  notify("y");
+  EXPECT_THAT(log, ElementsAre("other:x", "other:y", "r:y"));
+
+  // Rebinding while unregistered must not sneak onto either list.
+  r->isRegisteredNotifieeIs(false);
+  auto second = Kiv::Dir::DirIs("second");
+  r->notifierIs(second);
+  EXPECT_TRUE(second->kivNotifiees().empty());
+  EXPECT_EQ(dir->kivNotifiees().size(), 1u);
+}
+
+TEST_F(NotifierList, ZombieReactorOutlivesItsNotifier) {
+  auto r = add("r");
+  dir = nullptr;
+  EXPECT_THAT(log, ElementsAre("r:zero"));  // told while still bound
+  EXPECT_EQ(r->notifier(), nullptr);
+  EXPECT_TRUE(r->isRegisteredNotifiee());
+
+  // A zombie can be bound again, and then hears from its new notifier.
+  dir = Kiv::Dir::DirIs("next");
+  r->notifierIs(dir);
+  notify("x");
+  EXPECT_THAT(log, ElementsAre("r:zero", "r:x"));
+}
+
+}  // namespace
