@@ -1,0 +1,193 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kiv/Clock.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Pair;
+using Fired = std::vector<std::pair<std::string, Kiv::Seconds>>;
+
+class Timer : public Kiv::Clock::NotifieeConst {
+ public:
+  Timer(Fired* fired, std::string tag)
+      : NotifieeConst(Kiv::ActivityFacility::clock()), fired_(fired), tag_(std::move(tag)) {}
+  void onTime() override {
+    armedInHandler = timeMin();
+    fired_->push_back({tag_, Kiv::System::currentTime()});
+    if (action) action();
+  }
+  std::function<void()> action;
+  Kiv::Seconds armedInHandler = -1;
+
+ private:
+  Fired* fired_;
+  std::string tag_;
+};
+
+class ClockTest : public ::testing::Test {
+ protected:
+  Kiv::Ptr<Timer> timer(std::string tag, Kiv::Seconds at = Kiv::kInfinity) {
+    Kiv::Ptr<Timer> t(new Timer(&fired, std::move(tag)));
+    t->timeMinIs(at);
+    return t;
+  }
+
+  Kiv::EventLoop loop;
+  Fired fired;
+};
+
+TEST_F(ClockTest, TimersFireInTimestampOrderAtTheirOwnTimes) {
+  auto a = timer("a", 5);
+  auto b = timer("b", 2);
+  auto c = timer("c", 9);
+  auto d = timer("d", 2);  // ties with b, armed later
+  EXPECT_THAT(loop.pendingTimers(), ElementsAre(2, 2, 5, 9));
+
+  loop.advanceTo(6);
+  EXPECT_THAT(fired, ElementsAre(Pair("b", 2), Pair("d", 2), Pair("a", 5)));
+  EXPECT_EQ(loop.now(), 6);
+  EXPECT_EQ(Kiv::System::currentTime(), 6);
+  EXPECT_EQ(b->armedInHandler, Kiv::kInfinity);  // disarmed before its handler runs
+  EXPECT_EQ(a->timeMin(), Kiv::kInfinity);
+  EXPECT_EQ(c->timeMin(), 9);
+  EXPECT_THAT(loop.pendingTimers(), ElementsAre(9));
+
+  loop.advanceBy(3);
+  EXPECT_THAT(fired.back(), Pair("c", 9));
+  EXPECT_EQ(loop.pendingTimerCount(), 0u);
+  EXPECT_EQ(loop.nextTimerTime(), Kiv::kInfinity);
+}
+
+TEST_F(ClockTest, DisarmAndRearm) {
+  auto a = timer("a", 4);
+  auto b = timer("b", 4);
+  auto c = timer("c", 7);
+  auto off = timer("off", 1);
+  off->timeMinIs(Kiv::kInfinity);
+  a->timeMinIs(4);  // re-arming at the same time goes behind b
+  c->timeMinIs(3);  // moves earlier; the old time is forgotten
+  EXPECT_THAT(loop.pendingTimers(), ElementsAre(3, 4, 4));
+
+  loop.advanceTo(10);
+  EXPECT_THAT(fired, ElementsAre(Pair("c", 3), Pair("b", 4), Pair("a", 4)));
+
+  b->timeMinIs(12);
+  b = nullptr;  // a destroyed timer must not fire
+  loop.advanceTo(20);
+  EXPECT_EQ(fired.size(), 3u);
+}
+
+TEST_F(ClockTest, HandlerRearmsItselfAndDisturbsOthers) {
+  auto periodic = timer("p", 1.5);
+  int runs = 0;
+  periodic->action = [&, p = periodic.ptr()] {
+    if (++runs < 4) p->timeMinIs(Kiv::System::currentTime() + 1.5);
+  };
+  auto victim = timer("victim", 4);
+  auto earlier = timer("moved");
+  auto killer = timer("killer", 3.5);
+  killer->action = [&] {
+    victim = nullptr;  // a pending timer destroyed by another's handler
+    earlier->timeMinIs(3.75);
+  };
+
+  loop.advanceTo(10);
+  EXPECT_THAT(fired, ElementsAre(Pair("p", 1.5), Pair("p", 3), Pair("killer", 3.5), Pair("moved", 3.75),
+                                 Pair("p", 4.5), Pair("p", 6)));
+  EXPECT_EQ(loop.now(), 10);
+  EXPECT_EQ(periodic->timeMin(), Kiv::kInfinity);
+}
+
+// Drops the only reference to itself from its own handler.
+class OneShot : public Kiv::Clock::NotifieeConst {
+ public:
+  OneShot(Kiv::Ptr<OneShot>* holder, Fired* fired)
+      : NotifieeConst(Kiv::ActivityFacility::clock()), holder_(holder), fired_(fired) {}
+  void onTime() override {
+    fired_->push_back({"self", Kiv::System::currentTime()});
+    *holder_ = nullptr;
+  }
+
+ private:
+  Kiv::Ptr<OneShot>* holder_;
+  Fired* fired_;
+};
+
+TEST_F(ClockTest, TimerMayDestroyItselfInItsHandler) {
+  Kiv::Ptr<OneShot> self;
+  self = Kiv::Ptr<OneShot>(new OneShot(&self, &fired));
+  self->timeMinIs(1);
+  auto next = timer("next", 1);
+  loop.advanceTo(2);
+  EXPECT_THAT(fired, ElementsAre(Pair("self", 1), Pair("next", 1)));
+  EXPECT_EQ(self, nullptr);
+}
+
+TEST_F(ClockTest, InactiveTimerIsDisarmedSilently) {
+  Kiv::Ptr<Timer> quiet(new Timer(&fired, "quiet"));
+  quiet->hasNotificationActiveIs(false);
+  quiet->timeMinIs(1);
+  loop.advanceTo(2);
+  EXPECT_TRUE(fired.empty());
+  EXPECT_EQ(quiet->timeMin(), Kiv::kInfinity);
+}
+
+TEST_F(ClockTest, RunUntilIdleRunsPostedWorkAndDueTimers) {
+  loop.advanceTo(5);
+  std::vector<std::string> done;
+  auto due = timer("due");
+  loop.post([&] {
+    done.push_back("first");
+    loop.post([&] { done.push_back("chained"); });
+    due->timeMinIs(loop.now());
+  });
+  std::thread([&] { loop.post([&] { done.push_back("from thread"); }); }).join();
+
+  EXPECT_EQ(loop.runUntilIdle(), 4u);
+  EXPECT_THAT(done, ElementsAre("first", "from thread", "chained"));
+  EXPECT_THAT(fired, ElementsAre(Pair("due", 5)));
+  EXPECT_EQ(loop.now(), 5);
+  EXPECT_EQ(loop.runUntilIdle(), 0u);
+}
+
+TEST_F(ClockTest, RunUntilStopsWhenThePredicateHoldsOrAtTheLimit) {
+  auto a = timer("a", 1);
+  auto b = timer("b", 2);
+  auto c = timer("c", 3);
+  auto late = timer("late", 50);
+
+  EXPECT_TRUE(loop.runUntil([&] { return fired.size() == 2; }, 10));
+  EXPECT_EQ(loop.now(), 2);
+  EXPECT_EQ(c->timeMin(), 3);
+
+  EXPECT_FALSE(loop.runUntil([] { return false; }, 10));
+  EXPECT_EQ(loop.now(), 10);
+  EXPECT_EQ(fired.size(), 3u);
+  EXPECT_EQ(late->timeMin(), 50);
+
+  EXPECT_TRUE(loop.runUntil([] { return true; }, 100));
+  EXPECT_EQ(loop.now(), 10);  // nothing needed to happen
+}
+
+TEST(EventLoop, NewestLiveLoopIsCurrent) {
+  EXPECT_EQ(Kiv::System::currentTime(), 0);
+  Kiv::EventLoop outer(Kiv::EventLoop::Mode::virtualTime, 100);
+  EXPECT_EQ(Kiv::EventLoop::current(), &outer);
+  EXPECT_EQ(Kiv::System::currentTime(), 100);
+  {
+    Kiv::EventLoop inner(Kiv::EventLoop::Mode::virtualTime, 7);
+    EXPECT_EQ(Kiv::ActivityFacility::clock()->now(), 7);
+  }
+  EXPECT_EQ(Kiv::EventLoop::current(), &outer);
+  EXPECT_EQ(Kiv::ActivityFacility::clock()->now(), 100);
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "kiv/Dir.h"
+#include "kiv/Trace.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+
+class Trace : public ::testing::Test {
+ protected:
+  void SetUp() override { Kiv::TraceHandle::resetAll(); }
+  void TearDown() override { Kiv::TraceHandle::resetAll(); }
+};
+
+TEST_F(Trace, DisabledLevelEvaluatesNothingEnabledLevelEmitsExactly) {
+  Kiv::TraceHandle handle("TraceTest.Lazy");
+  Kiv::TraceCapture capture;
+  int evaluations = 0;
+  auto costly = [&] {
+    ++evaluations;
+    return 42;
+  };
+
+  KIV_TRACE(handle, 3, "Sm.cpp", 10, "onX", "v=" << costly());
+  EXPECT_EQ(evaluations, 0);
+  EXPECT_TRUE(capture.lines().empty());
+
+  handle.levelIs(3, true);
+  Kiv::EventLoop loop(Kiv::EventLoop::Mode::virtualTime, 1.5);
+  KIV_TRACE(handle, 4, "Sm.cpp", 11, "onX", "v=" << costly());
+  KIV_TRACE(handle, 3, "Sm.cpp", 12, "onX",
+            "v=" << costly() << " s=" << Kiv::String("str") << " b=" << true << " p=" << Kiv::Ptr<Kiv::Dir>());
+  EXPECT_EQ(evaluations, 1);
+  ASSERT_EQ(capture.lines().size(), 1u);
+  auto const& line = capture.lines()[0];
+  EXPECT_EQ(line.handle, "TraceTest.Lazy");
+  EXPECT_EQ(line.level, 3);
+  EXPECT_EQ(line.file, "Sm.cpp");
+  EXPECT_EQ(line.line, 12);
+  EXPECT_EQ(line.function, "onX");
+  EXPECT_EQ(line.message, "v=42 s=str b=1 p=0");
+  EXPECT_THAT(capture.messages(4), ElementsAre());
+
+  EXPECT_EQ(Kiv::formatTraceRecord({1.5, "H", 3, "Sm.cpp", 12, "onX", "hello"}), "1.500 H 3 Sm.cpp:12 onX: hello");
+
+  handle.levelIs(3, false);
+  KIV_TRACE(handle, 3, "Sm.cpp", 13, "onX", costly());
+  EXPECT_EQ(evaluations, 1);
+  EXPECT_THROW(handle.levelIs(32, true), Kiv::RangeException);
+}
+
+TEST_F(Trace, NestedCaptureRestoresTheOuterSink) {
+  Kiv::TraceHandle handle("TraceTest.Nested");
+  handle.levelIs(0, true);
+  Kiv::TraceCapture outer;
+  {
+    Kiv::TraceCapture inner;
+    KIV_TRACE(handle, 0, "f", 1, "g", "inner");
+    EXPECT_THAT(inner.messages(), ElementsAre("inner"));
+  }
+  KIV_TRACE(handle, 0, "f", 2, "g", "outer");
+  EXPECT_THAT(outer.messages(), ElementsAre("outer"));
+}
+
+TEST_F(Trace, ConfigureAppliesToExistingAndLaterHandles) {
+  Kiv::TraceHandle named("Name");
+  Kiv::TraceHandle prefixed("Prefix.One");
+  Kiv::TraceHandle other("NameOther");
+  Kiv::TraceHandle::configure("Name/1,5-6;Prefix*/8");
+  EXPECT_EQ(named.levels(), (1u << 1) | (1u << 5) | (1u << 6));
+  EXPECT_EQ(prefixed.levels(), 1u << 8);
+  EXPECT_EQ(other.levels(), 0u);  // a plain name is no prefix
+  EXPECT_EQ(Kiv::TraceHandle::named("Prefix.One"), &prefixed);
+  {
+    Kiv::TraceHandle later("Prefix.Later");
+    EXPECT_EQ(later.levels(), 1u << 8);
+  }
+  EXPECT_EQ(Kiv::TraceHandle::named("Prefix.Later"), nullptr);
+
+  Kiv::TraceHandle::configure(" NameOther ; Prefix*/0-31");
+  EXPECT_EQ(other.levels(), 0x3ffu);  // a bare handle means 0-9
+  EXPECT_EQ(prefixed.levels(), 0xffffffffu);
+  Kiv::TraceHandle::configure("*/2");
+  for (Kiv::TraceHandle* h : {&named, &prefixed, &other}) EXPECT_EQ(h->levels(), 1u << 2);
+
+  Kiv::TraceHandle::resetAll();
+  EXPECT_EQ(named.levels(), 0u);
+  Kiv::TraceHandle fresh("Prefix.Fresh");
+  EXPECT_EQ(fresh.levels(), 0u);
+}
+
+TEST_F(Trace, MalformedSettingIsRefusedWholesale) {
+  Kiv::TraceHandle handle("Alpha");
+  for (char const* bad : {"Alpha/x", "Alpha/1-", "Alpha/32", "Alpha/5-3", "/3", "Alpha/1,,2", "Alpha/-2",
+                          "Alpha/1-2-3", "Alpha/123"}) {
+    EXPECT_THROW(Kiv::TraceHandle::configure(bad), Kiv::RangeException) << bad;
+  }
+  // Nothing of a refused setting applies, not even its well-formed entries.
+  EXPECT_THROW(Kiv::TraceHandle::configure("Alpha/3;Beta/zz"), Kiv::RangeException);
+  EXPECT_EQ(handle.levels(), 0u);
+  Kiv::TraceHandle beta("Alpha.Beta");
+  EXPECT_EQ(beta.levels(), 0u);
+}
+
+// Descriptors live as long as the ring refers to them.
+constexpr Kiv::RinglogDescriptor kNumbered{"ring.cpp", 7, "Sm::step", "n=%s"};
+constexpr Kiv::RinglogDescriptor kPair{"ring.cpp", 9, "", "%s and %s"};
+
+TEST_F(Trace, RinglogKeepsTheNewestRecordsOldestFirst) {
+  Kiv::EventLoop loop(Kiv::EventLoop::Mode::virtualTime, 2.25);
+  Kiv::Ringlog ring(3);
+  EXPECT_EQ(ring.capacity(), 3u);
+  ring.write(kNumbered, {"1"});
+  ring.write(kNumbered, {"2"});
+  EXPECT_THAT(ring.lines(), ElementsAre("2.250 ring.cpp:7 Sm::step: n=1", "2.250 ring.cpp:7 Sm::step: n=2"));
+
+  for (int i = 3; i <= 7; ++i) {
+    loop.advanceTo(i);
+    std::string n = std::to_string(i);
+    ring.write(kNumbered, {n});
+  }
+  EXPECT_EQ(ring.size(), 3u);
+  EXPECT_EQ(ring.written(), 7u);
+  EXPECT_THAT(ring.lines(), ElementsAre("5.000 ring.cpp:7 Sm::step: n=5", "6.000 ring.cpp:7 Sm::step: n=6",
+                                        "7.000 ring.cpp:7 Sm::step: n=7"));
+
+  ring.write(kPair, {"left", std::string(300, 'r')});  // the ring copies what fits
+  EXPECT_THAT(ring.lines().back(), EndsWith(" [truncated]"));
+  EXPECT_THAT(ring.lines().back(), ::testing::StartsWith("7.000 ring.cpp:9 left and rrr"));
+  std::ostringstream dumped;
+  ring.dump(dumped);
+  EXPECT_EQ(dumped.str(), ring.lines()[0] + "\n" + ring.lines()[1] + "\n" + ring.lines()[2] + "\n");
+
+  ring.clear();
+  EXPECT_EQ(ring.size(), 0u);
+  EXPECT_TRUE(ring.lines().empty());
+}
+
+TEST_F(Trace, DuallogWritesTheRingAlwaysAndTheTraceWhenEnabled) {
+  Kiv::TraceHandle handle("TraceTest.Dual");
+  Kiv::TraceCapture capture;
+  Kiv::Ringlog& ring = Kiv::Ringlog::defaultHandle();
+  std::uint64_t before = ring.written();
+
+  KIV_DUALLOG(handle, 2, "Dual.cpp", 30, "Sm::onMount", "mount %s state %s", Kiv::String("m1"), 4);
+  EXPECT_EQ(ring.written(), before + 1);
+  EXPECT_THAT(ring.lines().back(), EndsWith("Dual.cpp:30 Sm::onMount: mount m1 state 4"));
+  EXPECT_TRUE(capture.lines().empty());
+
+  handle.levelIs(2, true);
+  KIV_DUALLOG(handle, 2, "Dual.cpp", 31, "Sm::onMount", "mount %s state %s", Kiv::Name("m2"), std::string("up"));
+  KIV_DUALLOG(handle, 2, "Dual.cpp", 32, "", "bare %s", "text");
+  EXPECT_EQ(ring.written(), before + 3);
+  ASSERT_EQ(capture.lines().size(), 2u);
+  auto const& line = capture.lines()[0];
+  EXPECT_EQ(line.message, "Sm::onMount: mount m2 state up");
+  EXPECT_EQ(line.function, "Sm::onMount");
+  EXPECT_EQ(line.level, 2);
+  EXPECT_EQ(line.file, "Dual.cpp");
+  EXPECT_EQ(line.line, 31);
+  EXPECT_EQ(capture.lines()[1].message, "bare text");
+}
+
+TEST(RinglogFormat, PlaceholdersAndArgumentsMismatch) {
+  Kiv::RinglogDescriptor d{"f", 1, "Sig", "a=%s b=%s 100%"};
+  EXPECT_EQ(Kiv::formatRinglogMessage(d, {"1"}), "Sig: a=1 b= 100%");
+  EXPECT_EQ(Kiv::formatRinglogMessage(d, {"1", "2", "3"}), "Sig: a=1 b=2 100%");
+}
+
+}  // namespace
