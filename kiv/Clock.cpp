@@ -15,16 +15,16 @@ Seconds steadyNow() {
 }
 }  // namespace
 
-Seconds Clock::now() const { return loop_->now(); }
+Seconds Clock::now() const { return loop_ ? loop_->now() : 0; }
 
 Clock::NotifieeConst::~NotifieeConst() {
-  if (Ptr<Clock const> c = notifier(); c && timeMin_ != kInfinity) c->loop().disarm(this);
+  if (Ptr<Clock const> c = notifier(); c && c->loop_ && timeMin_ != kInfinity) c->loop().disarm(this);
 }
 
 void Clock::NotifieeConst::timeMinIs(Seconds t) {
   Ptr<Clock const> c = notifier();
-  if (!c) {
-    timeMin_ = t;  // a zombie timer has no loop to fire it
+  if (!c || !c->loop_) {
+    timeMin_ = t;  // a timer whose clock or loop is gone has nothing to fire it
     return;
   }
   EventLoop& loop = c->loop();
@@ -42,6 +42,7 @@ EventLoop::EventLoop(Mode mode, Seconds start)
 EventLoop::~EventLoop() {
   for (auto& [key, n] : timers_) n->timeMin_ = kInfinity;
   timers_.clear();
+  clock_->loop_ = nullptr;  // the clock may outlive the loop in someone's Ptr
   PtrInterface::deleteDeferred();
   if (currentLoop == this) currentLoop = previous_;
 }

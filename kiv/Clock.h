@@ -52,6 +52,8 @@ class Clock : public PtrInterface, public Notifier {
   };
 
   Seconds now() const;
+  // The loop that owns the clock; null once the loop is gone.
+  EventLoop* loopPtr() const { return loop_; }
   EventLoop& loop() const { return *loop_; }
 
  private:

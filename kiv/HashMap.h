@@ -7,6 +7,7 @@
 // skip it; the last iterator to go away compacts. Members added during an iteration are appended
 // and visited by it. Iteration order is the slot order and carries no meaning.
 
+#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <functional>
@@ -144,9 +145,19 @@ class HashMap {
   }
 
   void clear() {
-    while (live_ != 0) {
-      Iterator it = begin();
-      erase(it);
+    std::fill(index_.begin(), index_.end(), 0u);
+    live_ = 0;
+    if (iterators_ == 0) {
+      // Members are released only once the map is consistent: their destructors may look at it.
+      std::vector<Slot> old;
+      old.swap(slots_);
+      return;
+    }
+    for (Slot& s : slots_) {
+      if (!s.live) continue;
+      s.live = false;
+      s.entry = Entry{K(), V()};
+      ++dead_;
     }
   }
 
