@@ -33,6 +33,8 @@ class Dir : public Entity {
   void entityPtrDel(Name const& name);
   void entityPtrDelAll();
   void entityPtrNotify(Name const& name);
+  // The whole-directory notification: onEntityPtrkivImmediate() and then onEntityPtr().
+  void entityPtrNotify();
   std::size_t entityPtrs() const { return members_.size(); }
   EntityMap::Iterator entityPtrIter() { return members_.begin(); }
   EntityMap::ConstIterator entityPtrIter() const { return members_.begin(); }

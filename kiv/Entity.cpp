@@ -177,6 +177,13 @@ void Dir::entityPtrNotify(Name const& name) {
   kivNotify<Callbacks>([&](Callbacks* n) { n->onEntityPtr(name); });
 }
 
+void Dir::entityPtrNotify() {
+  kivNotify<Callbacks>([](Callbacks* n) {
+    n->onEntityPtrkivImmediate();
+    n->onEntityPtr();
+  });
+}
+
 Ptr<Entity> Dir::entityAtPath(std::string_view path) {
   Ptr<Entity> at(this);
   while (!path.empty()) {

@@ -7,6 +7,10 @@
 // the list, or destroy the notifier (the walk stops at once). Empty slots are compacted once the
 // outermost walk is over. Reactors do not keep their notifier alive; when its last reference
 // goes, they are told (onZeroReferences) and unbound, and must then tolerate a null notifier.
+//
+// Collection mutators call only the keyed callback onX(k). The keyless onX() and onXkivImmediate()
+// are called only by the whole-collection notification xNotify() (no key), which a writer that
+// replaced a collection wholesale, such as the replication layer, uses instead of one call a key.
 
 #include <algorithm>
 #include <cstdint>

@@ -179,6 +179,8 @@ class CollectionEmitterBase : public AttrEmitter {
   void $x$Del($X$Iterator const& it);
   void $x$DelAll();
   void $x$Notify($keyParam$ k);
+  // A whole-collection notification: on$X$kivImmediate() and then on$X$() of every notifiee.
+  void $x$Notify();
   std::size_t $x$Size() const { return $x$_.size(); }
   $X$Iterator $x$Iter() { return $x$_.begin(); }
   $X$ConstIterator $x$Iter() const { return $x$_.begin(); }
@@ -208,6 +210,13 @@ void $T$::$x$DelAll() {
 
 void $T$::$x$Notify($keyParam$ k) {
   kivNotify<Callbacks>([&](Callbacks* n) { n->on$X$(k); });
+}
+
+void $T$::$x$Notify() {
+  kivNotify<Callbacks>([](Callbacks* n) {
+    n->on$X$kivImmediate();
+    n->on$X$();
+  });
 }
 
 )"),

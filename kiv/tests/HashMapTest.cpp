@@ -183,7 +183,9 @@ void randomAgainstReference(unsigned seed) {
       int const* v = m.find(k);
       auto r = ref.find(k);
       ASSERT_EQ(v != nullptr, r != ref.end()) << k;
-      if (v) ASSERT_EQ(*v, r->second);
+      if (v) {
+        ASSERT_EQ(*v, r->second);
+      }
     } else {
       // Mutate under an iteration: erase some visited members, insert fresh ones.
       for (auto it = m.begin(); it; ++it) {
