@@ -86,7 +86,9 @@ void PtrInterface::handleZeroRef() {
     return;
   }
   if (markedForDeletion_) {
-    deferredQueue().push_back(this);
+    // Once only: code holding a plain pointer may take and drop references before the pass.
+    if (!queuedForDeletion_) deferredQueue().push_back(this);
+    queuedForDeletion_ = true;
     return;
   }
   delete this;
@@ -98,6 +100,7 @@ void PtrInterface::deleteDeferred() {
     std::vector<PtrInterface*> batch;
     batch.swap(q);
     for (PtrInterface* p : batch) {
+      p->queuedForDeletion_ = false;
       if (p->references() == 0) delete p;  // else resurrected since; its next zero queues it again
     }
   }

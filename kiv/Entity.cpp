@@ -39,9 +39,12 @@ void NotifierList::compact() {
 
 void NotifierList::zeroReferences() {
   forEach([](NotifieeBase* n) { n->onZeroReferences(); });
-  std::vector<NotifieeBase*> bound;
-  bound.swap(v_);
-  nulls_ = 0;
+  std::vector<NotifieeBase*> bound = v_;
+  // A walk further up the stack may still index the list (the notifier outlives the zero when
+  // it is resurrected or its deletion deferred): empty the slots but keep their places.
+  std::fill(v_.begin(), v_.end(), nullptr);
+  nulls_ = static_cast<std::uint32_t>(v_.size());
+  if (!frames_) compact();
   for (NotifieeBase* n : bound) {
     if (!n) continue;
     n->notifierBase_ = nullptr;

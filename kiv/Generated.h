@@ -31,6 +31,8 @@ Name nameOf(K const& k) {
 
 // A field inside a value's text form: strings quoted, everything else as strep gives it.
 inline std::string fieldStrep(String const& s) { return quoted(s.view()); }
+// Without it the template below is the better match for a Name and leaves it unquoted.
+inline std::string fieldStrep(Name const& s) { return quoted(s.view()); }
 template <class T>
 std::string fieldStrep(T const& v) {
   return strep(v);

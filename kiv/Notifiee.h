@@ -44,19 +44,35 @@ class NotifierList {
   void zeroReferences();
 
  private:
-#pragma GCC diagnostic push
-// The frame unlinks itself in its destructor; GCC cannot see that through the alive flag.
-#pragma GCC diagnostic ignored "-Wdangling-pointer"
+  // A walk in progress, linked from frames_ so that ~NotifierList can stop it (alive = false).
   struct Frame {
-    Frame(NotifierList* l) : list(l), outer(l->frames_) { l->frames_ = this; }
-    ~Frame() {
-      if (!alive) return;
-      list->frames_ = outer;
-      if (!outer && list->nulls_ != 0) list->compact();
-    }
-    NotifierList* list;
-    Frame* outer;
+    Frame* outer = nullptr;
     bool alive = true;
+  };
+#pragma GCC diagnostic push
+// The scope unlinks the frame in its destructor; GCC cannot see that through the alive flag.
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+  // Unlinks a walk's frame, also when a callback throws. It keeps its own copies of the list and
+  // the outer frame: the frame's address escapes to the callbacks, so reading them back from it
+  // would be a reload after every walk (and a slow one when the store is still in flight).
+  class FrameScope {
+   public:
+    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->frames_) {
+      f->outer = outer_;
+      l->frames_ = f;
+    }
+    ~FrameScope() {
+      if (!frame_->alive) return;
+      list_->frames_ = outer_;
+      if (!outer_ && list_->nulls_ != 0) list_->compact();
+    }
+    FrameScope(FrameScope const&) = delete;
+    FrameScope& operator=(FrameScope const&) = delete;
+
+   private:
+    NotifierList* list_;
+    Frame* frame_;
+    Frame* outer_;
   };
 #pragma GCC diagnostic pop
   void compact();
@@ -133,7 +149,8 @@ template <class F>
 void NotifierList::forEach(F&& f) {
   std::size_t n = v_.size();
   if (n == 0) return;
-  Frame frame(this);
+  Frame frame;
+  FrameScope scope(this, &frame);
   for (std::size_t i = 0; i < n; ++i) {
     NotifieeBase* x = v_[i];
     if (!x || !x->active_) continue;

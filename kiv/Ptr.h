@@ -70,6 +70,7 @@ class PtrInterface {
   bool zeroReferences_ = false;
   bool markedForDeletion_ = false;
   bool inZeroRef_ = false;
+  bool queuedForDeletion_ = false;
 };
 
 template <class T>

@@ -403,12 +403,15 @@ void emitValue(Unit const& u, Value const& v, Output& out, std::string& after) {
   std::string params, inits, accessors, members, hash, strep, parse, args;
   for (std::size_t i = 0; i < v.fields.size(); ++i) {
     ValueField const& f = v.fields[i];
-    Vars fv{{"f", f.name}, {"F", capitalized(f.name)}, {"type", f.type.cpp}, {"param", param(f.type)}};
+    std::string const fieldParam = param(f.type);  // Vars hold views: keep the text alive
+    Vars fv{{"f", f.name}, {"type", f.type.cpp}, {"param", fieldParam}};
     params += (i ? ", " : "") + fill("$param$ $f$", fv);
     inits += (i ? ", " : "") + fill("$f$_($f$)", fv);
     accessors += fill("  $param$ $f$() const { return $f$_; }\n  void $f$Is($param$ v) { $f$_ = v; }\n", fv);
     members += fill("  $type$ $f$_{};\n", fv);
-    hash += (i ? " ^ " : "") + fill("std::hash<$type$>()($f$_)", fv);
+    // std::hash of a value type of this unit is specialised only after the header's classes.
+    bool const local = f.type.kind == TypeKind::value && f.type.cpp.find("::") == std::string::npos;
+    hash += (i ? " ^ " : "") + fill(local ? "$f$_.hash()" : "std::hash<$type$>()($f$_)", fv);
     std::string lead = i ? ", '" : "'";
     strep += fill("  s += \"$lead$$f$': \";\n  s += Kiv::fieldStrep(v.$f$());\n", {{"lead", lead}, {"f", f.name}});
     parse += fill("  r.expect(\"$lead$$f$': \");\n  $type$ $f$ = r.read<$type$>();\n",
@@ -588,6 +591,7 @@ $T$::$T$(Kiv::EntityInit const& kivInit$ctorParams$) : Kiv::Entity(kivInit)$ctor
 
 $dtorDef$$factoryDef$$defs$)",
                      vars);
+  // The template parameters below have names no declared type can take (a value V would hide V).
   out.testing += fill(R"~(template <>
 struct Traits<$T$> {
   using Type = $T$;
@@ -601,15 +605,15 @@ struct Traits<$T$> {
     std::vector<std::string> calls;
 $recorder$  };
 
-  // A free-standing instance; S supplies sample values: s.template get<P>(variant).
-  template <class S>
-  static Kiv::Ptr<Type> make(Kiv::Name const& name, S& s) {
+  // A free-standing instance; s supplies sample values: s.template get<P>(variant).
+  template <class KivSamples>
+  static Kiv::Ptr<Type> make(Kiv::Name const& name, KivSamples& s) {
     (void)s;
     return Kiv::Ptr<Type>(new Type(Kiv::EntityInit{name, nullptr, Kiv::Name()}$makeArgs$));
   }
 
-  template <class V>
-  static void visit(V& v) {
+  template <class KivVisitor>
+  static void visit(KivVisitor& v) {
     (void)v;
 $visit$  }
 };

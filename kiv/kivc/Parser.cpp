@@ -105,7 +105,7 @@ class Parser {
         }
         if (j >= text_.size() || text_[j] != '"') {
           error(at, "string is not closed on its line");
-          return;
+          break;
         }
         tokens_.push_back({Token::string, value, at});
         advance(j + 1 - i);
@@ -117,9 +117,10 @@ class Parser {
         advance(1);
       } else {
         error(at, std::string("unexpected character '") + c + "'");
-        return;
+        break;
       }
     }
+    // Pushed even after a lexical error: the parser peeks before it looks at the errors.
     tokens_.push_back({Token::end, "", Location{file_, line, col}});
   }
 

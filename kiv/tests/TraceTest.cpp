@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 
 #include "kiv/Dir.h"
@@ -32,40 +31,22 @@ TEST_F(Trace, DisabledLevelEvaluatesNothingEnabledLevelEmitsExactly) {
   EXPECT_TRUE(capture.lines().empty());
 
   handle.levelIs(3, true);
-  Kiv::EventLoop loop(Kiv::EventLoop::Mode::virtualTime, 1.5);
   KIV_TRACE(handle, 4, "Sm.cpp", 11, "onX", "v=" << costly());
   KIV_TRACE(handle, 3, "Sm.cpp", 12, "onX",
             "v=" << costly() << " s=" << Kiv::String("str") << " b=" << true << " p=" << Kiv::Ptr<Kiv::Dir>());
   EXPECT_EQ(evaluations, 1);
   ASSERT_EQ(capture.lines().size(), 1u);
   auto const& line = capture.lines()[0];
-  EXPECT_EQ(line.handle, "TraceTest.Lazy");
-  EXPECT_EQ(line.level, 3);
-  EXPECT_EQ(line.file, "Sm.cpp");
-  EXPECT_EQ(line.line, 12);
-  EXPECT_EQ(line.function, "onX");
+  EXPECT_EQ(line.handle + " " + std::to_string(line.level) + " " + line.file + ":" + std::to_string(line.line) +
+                " " + line.function,
+            "TraceTest.Lazy 3 Sm.cpp:12 onX");
   EXPECT_EQ(line.message, "v=42 s=str b=1 p=0");
-  EXPECT_THAT(capture.messages(4), ElementsAre());
-
   EXPECT_EQ(Kiv::formatTraceRecord({1.5, "H", 3, "Sm.cpp", 12, "onX", "hello"}), "1.500 H 3 Sm.cpp:12 onX: hello");
 
   handle.levelIs(3, false);
   KIV_TRACE(handle, 3, "Sm.cpp", 13, "onX", costly());
   EXPECT_EQ(evaluations, 1);
   EXPECT_THROW(handle.levelIs(32, true), Kiv::RangeException);
-}
-
-TEST_F(Trace, NestedCaptureRestoresTheOuterSink) {
-  Kiv::TraceHandle handle("TraceTest.Nested");
-  handle.levelIs(0, true);
-  Kiv::TraceCapture outer;
-  {
-    Kiv::TraceCapture inner;
-    KIV_TRACE(handle, 0, "f", 1, "g", "inner");
-    EXPECT_THAT(inner.messages(), ElementsAre("inner"));
-  }
-  KIV_TRACE(handle, 0, "f", 2, "g", "outer");
-  EXPECT_THAT(outer.messages(), ElementsAre("outer"));
 }
 
 TEST_F(Trace, ConfigureAppliesToExistingAndLaterHandles) {
@@ -133,9 +114,6 @@ TEST_F(Trace, RinglogKeepsTheNewestRecordsOldestFirst) {
   ring.write(kPair, {"left", std::string(300, 'r')});  // the ring copies what fits
   EXPECT_THAT(ring.lines().back(), EndsWith(" [truncated]"));
   EXPECT_THAT(ring.lines().back(), ::testing::StartsWith("7.000 ring.cpp:9 left and rrr"));
-  std::ostringstream dumped;
-  ring.dump(dumped);
-  EXPECT_EQ(dumped.str(), ring.lines()[0] + "\n" + ring.lines()[1] + "\n" + ring.lines()[2] + "\n");
 
   ring.clear();
   EXPECT_EQ(ring.size(), 0u);
@@ -159,18 +137,9 @@ TEST_F(Trace, DuallogWritesTheRingAlwaysAndTheTraceWhenEnabled) {
   EXPECT_EQ(ring.written(), before + 3);
   ASSERT_EQ(capture.lines().size(), 2u);
   auto const& line = capture.lines()[0];
-  EXPECT_EQ(line.message, "Sm::onMount: mount m2 state up");
-  EXPECT_EQ(line.function, "Sm::onMount");
-  EXPECT_EQ(line.level, 2);
-  EXPECT_EQ(line.file, "Dual.cpp");
-  EXPECT_EQ(line.line, 31);
-  EXPECT_EQ(capture.lines()[1].message, "bare text");
-}
-
-TEST(RinglogFormat, PlaceholdersAndArgumentsMismatch) {
-  Kiv::RinglogDescriptor d{"f", 1, "Sig", "a=%s b=%s 100%"};
-  EXPECT_EQ(Kiv::formatRinglogMessage(d, {"1"}), "Sig: a=1 b= 100%");
-  EXPECT_EQ(Kiv::formatRinglogMessage(d, {"1", "2", "3"}), "Sig: a=1 b=2 100%");
+  EXPECT_EQ(line.function + " " + std::to_string(line.level) + " " + line.file + ":" + std::to_string(line.line),
+            "Sm::onMount 2 Dual.cpp:31");
+  EXPECT_THAT(capture.messages(), ElementsAre("Sm::onMount: mount m2 state up", "bare text"));
 }
 
 }  // namespace

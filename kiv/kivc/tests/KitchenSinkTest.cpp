@@ -1,0 +1,91 @@
+// The kitchen-sink output compiled for real: its enumeration and value types, and every entity
+// type through the shared conformance suite.
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <unordered_set>
+
+#include "KitchenSinkTesting.h"
+#include "model/tests/ConformanceSuite.h"
+
+namespace {
+
+using Ns::Tint;
+using Ns::V;
+
+TEST(KitchenSinkTypes, EnumerationAndValuesRoundTripThroughTheirText) {
+  EXPECT_EQ(Kiv::strep(Ns::colorBlue), "colorBlue");
+  EXPECT_EQ(Ns::ColorInstance(7), Ns::colorBlue);
+  EXPECT_EQ(Ns::ColorInstance(0), Ns::colorRed);
+  EXPECT_EQ(Ns::ColorInstance("colorBlue"), Ns::colorBlue);
+  EXPECT_EQ(Kiv::sequenceToValue<Ns::Color>(Kiv::strep(Ns::colorRed)), Ns::colorRed);
+  EXPECT_THROW(Ns::ColorInstance(1), Kiv::RangeException);
+  EXPECT_THROW(Ns::ColorInstance("colorGreen"), Kiv::RangeException);
+  std::ostringstream os;
+  os << Ns::colorBlue << ' ' << static_cast<Ns::Color>(3);
+  EXPECT_EQ(os.str(), "colorBlue 3");
+
+  V const v("x", "y");
+  std::string const text = "Value('Ns::V', ** {'a': 'x', 'b': 'y'})";
+  EXPECT_EQ(Kiv::strep(v), text);
+  EXPECT_EQ(Kiv::sequenceToValue<V>(text), v);
+  V const quoted("it's", "back\\slash");
+  EXPECT_EQ(Kiv::sequenceToValue<V>(Kiv::strep(quoted)), quoted);
+  Tint const tint(v, Ns::colorBlue);
+  EXPECT_EQ(Kiv::strep(tint), "Value('Ns::Tint', ** {'base': " + text + ", 'color': colorBlue})");
+  EXPECT_EQ(Kiv::sequenceToValue<Tint>(Kiv::strep(tint)), tint);
+
+  // Ordered field by field; hashed by the exclusive-or of the fields' hashes.
+  EXPECT_LT(V("a", "z"), V("b", "a"));
+  EXPECT_LT(V("a", "a"), V("a", "b"));
+  EXPECT_LT(Tint(v, Ns::colorRed), tint);
+  EXPECT_EQ(std::hash<V>()(v), Kiv::String("x").hash() ^ Kiv::Name("y").hash());
+  EXPECT_EQ(std::hash<Tint>()(tint), v.hash() ^ std::hash<Ns::Color>()(Ns::colorBlue));
+  std::unordered_set<V> set{v, V("x", "y"), V("y", "x")};
+  EXPECT_EQ(set.size(), 2u);
+
+  EXPECT_TRUE(!V());
+  EXPECT_FALSE(!V("x", ""));
+  EXPECT_FALSE(!V("", "y"));
+  EXPECT_TRUE(!Tint());
+  EXPECT_FALSE(!Tint(V(), Ns::colorBlue));
+
+  for (char const* bad : {"Value('Ns::V', ** {'a': 'x'})", "Value('Ns::V', ** {'a': 'x', 'b': 'y'}) ",
+                          "Value('Ns::W', ** {'a': 'x', 'b': 'y'})", "Value('Ns::V', ** {'a': 'x', 'b': y})", ""})
+    EXPECT_THROW(Kiv::sequenceToValue<V>(bad), Kiv::RangeException) << bad;
+  EXPECT_THROW(Kiv::sequenceToValue<Tint>("Value('Ns::Tint', ** {'base': Value('Ns::V', ** {'a': 'x', 'b': 'y'}), "
+                                          "'color': colorGreen})"),
+               Kiv::RangeException);
+}
+
+TEST(KitchenSinkTypes, FactoryAndDerivedExpression) {
+  EXPECT_THROW(Ns::Pool::PoolIs(""), Kiv::RangeException);
+  Kiv::Ptr<Ns::Pool> pool = Ns::Pool::PoolIs("deep");
+  EXPECT_EQ(pool->parent(), nullptr);
+  EXPECT_EQ(pool->nameLength(), 4u);
+  EXPECT_EQ(pool->poolName(), Kiv::Name("deep"));
+}
+
+struct KitchenSinkSamples : kivconformance::BuiltinSamples {
+  template <class P>
+  P get(int variant) {
+    if constexpr (std::is_same_v<P, Ns::Color>) {
+      return variant % 2 ? Ns::colorBlue : Ns::colorRed;
+    } else if constexpr (std::is_same_v<P, V>) {
+      return V("a" + std::to_string(variant), "b" + std::to_string(variant));
+    } else if constexpr (std::is_same_v<P, Tint>) {
+      return Tint(get<V>(variant), get<Ns::Color>(variant));
+    } else {
+      return BuiltinSamples::get<P>(variant);
+    }
+  }
+};
+
+template <class T>
+using SinkCase = kivconformance::Case<Ns::kivtesting::Traits, T, KitchenSinkSamples>;
+
+}  // namespace
+
+KIV_CONFORMANCE_SUITE(KitchenSink, SinkCase<Ns::Pool>, SinkCase<Ns::Leaf>)

@@ -1,0 +1,440 @@
+#pragma once
+// What every kivc-generated entity type must do, checked through the Traits<T> that kivc writes
+// into <Unit>Testing.h. Include this header in one source file per test executable and
+// instantiate it with one Case per type:
+//
+//   KIV_CONFORMANCE_SUITE(MountInterface,
+//       kivconformance::Case<Controller::kivtesting::Traits, Controller::MountConfig>,
+//       ...)
+//
+// Samples: BuiltinSamples covers the builtin types; a unit with enumerations or value types gives
+// Case its own samples type that handles those and defers the rest to BuiltinSamples. Needed:
+// get<P>(1) != P{}, get<P>(0) != get<P>(1), and distinct non-empty keys for variants 1 and 2.
+// Reference targets are made through the same Traits template, so they must be of the same unit.
+// A derived attribute of type String or Name is expected to be the entity's name.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "kiv/Exception.h"
+#include "kiv/Generated.h"
+
+namespace kivconformance {
+
+template <class>
+inline constexpr bool kUnsupported = false;
+
+struct BuiltinSamples {
+  template <class P>
+  P get(int variant) {
+    if constexpr (std::is_same_v<P, Kiv::String> || std::is_same_v<P, Kiv::Name>) {
+      return P("s" + std::to_string(variant));
+    } else if constexpr (std::is_same_v<P, bool>) {
+      return variant % 2 == 1;
+    } else if constexpr (std::is_arithmetic_v<P>) {
+      return static_cast<P>(40 + variant);
+    } else {
+      static_assert(kUnsupported<P>, "give Case a samples type that supplies this type");
+    }
+  }
+};
+
+template <template <class> class TraitsT, class T, class SamplesT = BuiltinSamples>
+struct Case {
+  using Type = T;
+  template <class U>
+  using Traits = TraitsT<U>;
+  using Samples = SamplesT;
+};
+
+// Test names from the type's unqualified name.
+struct CaseNames {
+  template <class C>
+  static std::string GetName(int) {
+    std::string name = C::template Traits<typename C::Type>::kTypeName;
+    return name.substr(name.rfind(':') + 1);
+  }
+};
+
+namespace detail {
+
+using Calls = std::vector<std::string>;
+
+template <class K>
+constexpr bool kStringKey = std::is_same_v<K, Kiv::Name> || std::is_same_v<K, Kiv::String>;
+
+inline std::string on(char const* attr, auto const& key) { return std::string(attr) + "(" + Kiv::strep(key) + ")"; }
+
+template <class E, class F>
+std::string thrownText(F&& f) {
+  try {
+    f();
+  } catch (E const& e) {
+    return e.what();
+  }
+  return "nothing thrown";
+}
+
+// Ignores every attribute; each check hides the kinds it is about.
+struct Ignore {
+  void derived(char const*, std::uint32_t, auto) {}
+  void constant(char const*, std::uint32_t, int, auto) {}
+  template <class P>
+  void value(char const*, std::uint32_t, auto, auto) {}
+  template <class Target, bool isConst>
+  void reference(char const*, std::uint32_t, auto, auto) {}
+  template <class K, class M>
+  void collection(char const*, std::uint32_t, std::vector<std::string> const&, auto, auto, auto, auto, auto, auto) {}
+  template <class K, class V>
+  void valueCollection(char const*, std::uint32_t, auto, auto, auto, auto, auto, auto) {}
+};
+
+struct Listing {
+  struct Attr {
+    std::string name;
+    std::uint32_t id;
+    Kiv::AttrKind kind;
+  };
+  std::vector<Attr> attrs;
+  std::vector<int> paramIndexes;
+
+  void derived(char const* n, std::uint32_t id, auto) { attrs.push_back({n, id, Kiv::AttrKind::derived}); }
+  void constant(char const* n, std::uint32_t id, int index, auto) {
+    attrs.push_back({n, id, Kiv::AttrKind::constant});
+    paramIndexes.push_back(index);
+  }
+  template <class P>
+  void value(char const* n, std::uint32_t id, auto, auto) {
+    attrs.push_back({n, id, Kiv::AttrKind::value});
+  }
+  template <class Target, bool isConst>
+  void reference(char const* n, std::uint32_t id, auto, auto) {
+    attrs.push_back({n, id, Kiv::AttrKind::reference});
+  }
+  template <class K, class M>
+  void collection(char const* n, std::uint32_t id, std::vector<std::string> const&, auto, auto, auto, auto, auto, auto) {
+    attrs.push_back({n, id, Kiv::AttrKind::collection});
+  }
+  template <class K, class V>
+  void valueCollection(char const* n, std::uint32_t id, auto, auto, auto, auto, auto, auto) {
+    attrs.push_back({n, id, Kiv::AttrKind::valueCollection});
+  }
+};
+
+// The constructor parameters of a member: names, current values and the values that differ.
+template <class S, class M>
+struct Params : Ignore {
+  S& samples;
+  M const& member;
+  std::vector<std::string> names, current, differing;
+  void constant(char const* n, std::uint32_t, int, auto read) {
+    using P = std::decay_t<decltype(read(member))>;
+    names.push_back(n);
+    current.push_back(Kiv::strep(read(member)));
+    differing.push_back(Kiv::strep(samples.template get<P>(1)));
+  }
+};
+
+template <class F>
+struct ReadsSources : Ignore {
+  F& f;
+  void derived(char const* n, std::uint32_t, auto read) {
+    if constexpr (std::is_convertible_v<decltype(read(*f.entity)), Kiv::String>) {
+      EXPECT_EQ(Kiv::String(read(*f.entity)), f.entity->name()) << n;
+    }
+  }
+  void constant(char const* n, std::uint32_t, int, auto read) {
+    using P = std::decay_t<decltype(read(*f.entity))>;
+    EXPECT_EQ(read(*f.entity), f.samples.template get<P>(0)) << n;
+  }
+};
+
+template <class F>
+struct NotifiesOnChange : Ignore {
+  F& f;
+  template <class P>
+  void value(char const* n, std::uint32_t, auto read, auto write) {
+    SCOPED_TRACE(n);
+    auto& e = *f.entity;
+    P const changed = f.samples.template get<P>(1);
+    EXPECT_EQ(read(e), P{});
+    write(e, changed);
+    EXPECT_EQ(f.calls(), Calls{n});
+    EXPECT_EQ(read(e), changed);
+    write(e, changed);
+    EXPECT_EQ(f.calls(), Calls{});
+    write(e, P{});
+    EXPECT_EQ(f.calls(), Calls{n});
+  }
+  template <class Target, bool isConst>
+  void reference(char const* n, std::uint32_t, auto read, auto write) {
+    SCOPED_TRACE(n);
+    auto& e = *f.entity;
+    static_assert(std::is_const_v<typename decltype(read(e))::element_type> == isConst);
+    Kiv::Ptr<Target> a = f.template make<Target>("a"), b = f.template make<Target>("b");
+    EXPECT_FALSE(read(e));
+    write(e, a);
+    EXPECT_EQ(f.calls(), Calls{n});
+    EXPECT_TRUE(read(e) == a);
+    write(e, a);
+    EXPECT_EQ(f.calls(), Calls{});
+    write(e, b);
+    EXPECT_EQ(f.calls(), Calls{n});
+    write(e, nullptr);
+    EXPECT_EQ(f.calls(), Calls{n});
+    EXPECT_FALSE(read(e));
+    write(e, nullptr);
+    EXPECT_EQ(f.calls(), Calls{});
+    EXPECT_EQ(a->parent(), nullptr) << "a reference does not adopt its target";
+  }
+};
+
+template <class F>
+struct CollectionsBehave : Ignore {
+  F& f;
+  template <class K, class M>
+  void collection(char const* n, std::uint32_t, std::vector<std::string> const& paramNames, auto create, auto get,
+                  auto del, auto delAll, auto size, auto notify) {
+    SCOPED_TRACE(n);
+    auto& e = *f.entity;
+    auto& s = f.samples;
+    K const k1 = s.template get<K>(1), k2 = s.template get<K>(2);
+
+    Kiv::Ptr<M> m = create(e, k1, s, -1);
+    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->parent(), static_cast<Kiv::Entity*>(&e));
+    EXPECT_EQ(m->name(), Kiv::nameOf(k1));
+    EXPECT_EQ(m->parentAttrName(), Kiv::Name(n));
+    EXPECT_TRUE(get(e, k1) == m);
+    EXPECT_EQ(size(e), 1u);
+    EXPECT_TRUE(create(e, k1, s, -1) == m);
+    EXPECT_EQ(f.calls(), Calls{});
+
+    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}};
+    F::template TraitsOf<M>::visit(params);
+    EXPECT_EQ(params.names, paramNames);
+    for (std::size_t i = 0; i < params.names.size(); ++i) {
+      std::string const expected = "Reinstantiating the entity with name " + Kiv::nameOf(k1).stdString() +
+                                   " where constructor parameter attribute _" + params.names[i] +
+                                   " has a different value of " + params.differing[i] + " than the current value of " +
+                                   params.current[i] + " not allowed";
+      EXPECT_EQ(thrownText<Kiv::NameInUseException>([&] { create(e, k1, s, static_cast<int>(i)); }), expected);
+    }
+    if constexpr (kStringKey<K>) {
+      EXPECT_THROW(create(e, K(), s, -1), Kiv::RangeException);
+    }
+    EXPECT_EQ(f.calls(), Calls{});
+    EXPECT_EQ(size(e), 1u);
+
+    notify(e, k1);
+    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    del(e, k1);
+    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    EXPECT_EQ(m->parent(), nullptr);
+    EXPECT_FALSE(get(e, k1));
+    EXPECT_EQ(size(e), 0u);
+    del(e, k1);
+    EXPECT_EQ(f.calls(), Calls{});
+
+    create(e, k1, s, -1);
+    create(e, k2, s, -1);
+    f.calls();
+    delAll(e);
+    Calls got = f.calls(), want{on(n, k1), on(n, k2)};
+    std::sort(got.begin(), got.end());
+    std::sort(want.begin(), want.end());
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(size(e), 0u);
+  }
+
+  template <class K, class V>
+  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto del, auto delAll, auto size,
+                       auto notify) {
+    SCOPED_TRACE(n);
+    auto& e = *f.entity;
+    K const k1 = f.samples.template get<K>(1), k2 = f.samples.template get<K>(2);
+    V const v1 = f.samples.template get<V>(1);
+
+    EXPECT_EQ(read(e, k1), V{});
+    write(e, k1, v1);
+    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    EXPECT_EQ(read(e, k1), v1);
+    write(e, k1, v1);
+    EXPECT_EQ(f.calls(), Calls{});
+    // The default value is stored like any other, not taken for an absence.
+    write(e, k1, V{});
+    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    EXPECT_EQ(size(e), 1u);
+    if constexpr (kStringKey<K>) {
+      EXPECT_THROW(write(e, K(), v1), Kiv::RangeException);
+    }
+    notify(e, k2);
+    EXPECT_EQ(f.calls(), Calls{on(n, k2)});
+    EXPECT_EQ(size(e), 1u);
+
+    del(e, k1);
+    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    EXPECT_EQ(size(e), 0u);
+    del(e, k1);
+    EXPECT_EQ(f.calls(), Calls{});
+
+    write(e, k1, v1);
+    write(e, k2, v1);
+    f.calls();
+    delAll(e);
+    Calls got = f.calls(), want{on(n, k1), on(n, k2)};
+    std::sort(got.begin(), got.end());
+    std::sort(want.begin(), want.end());
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(size(e), 0u);
+  }
+};
+
+// Fills every collection (populate), or tries every write and expects each to be refused.
+template <class F>
+struct RefusesWrites : Ignore {
+  F& f;
+  bool populate;
+
+  void refused(char const* n, auto&& write) {
+    EXPECT_EQ(thrownText<Kiv::InternalException>(write), std::string("write-update from readonly proxy: ") +
+                                                             F::Traits::kTypeName + "::" + n + " of subject");
+  }
+  template <class P>
+  void value(char const* n, std::uint32_t, auto read, auto write) {
+    if (populate) return;
+    refused(n, [&] { write(*f.entity, f.samples.template get<P>(1)); });
+    EXPECT_EQ(read(*f.entity), P{}) << n;
+  }
+  template <class Target, bool isConst>
+  void reference(char const* n, std::uint32_t, auto read, auto write) {
+    if (populate) return;
+    refused(n, [&] { write(*f.entity, f.template make<Target>("target")); });
+    EXPECT_FALSE(read(*f.entity)) << n;
+  }
+  template <class K, class M>
+  void collection(char const* n, std::uint32_t, std::vector<std::string> const&, auto create, auto, auto del,
+                  auto delAll, auto size, auto) {
+    auto& e = *f.entity;
+    K const k1 = f.samples.template get<K>(1);
+    if (populate) {
+      create(e, k1, f.samples, -1);
+      return;
+    }
+    refused(n, [&] { create(e, f.samples.template get<K>(2), f.samples, -1); });
+    refused(n, [&] { del(e, k1); });
+    refused(n, [&] { delAll(e); });
+    EXPECT_EQ(size(e), 1u) << n;
+  }
+  template <class K, class V>
+  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto del, auto delAll, auto size, auto) {
+    auto& e = *f.entity;
+    K const k1 = f.samples.template get<K>(1);
+    V const v1 = f.samples.template get<V>(1);
+    if (populate) {
+      write(e, k1, v1);
+      return;
+    }
+    refused(n, [&] { write(e, f.samples.template get<K>(2), v1); });
+    refused(n, [&] { write(e, k1, V{}); });
+    refused(n, [&] { del(e, k1); });
+    refused(n, [&] { delAll(e); });
+    EXPECT_EQ(size(e), 1u) << n;
+    EXPECT_EQ(read(e, k1), v1) << n;
+  }
+};
+
+}  // namespace detail
+
+template <class C>
+class KivConformance : public ::testing::Test {
+ public:
+  using T = typename C::Type;
+  template <class U>
+  using TraitsOf = typename C::template Traits<U>;
+  using Traits = TraitsOf<T>;
+
+  // The callbacks since the last call.
+  detail::Calls calls() { return std::exchange(recorder->calls, {}); }
+  template <class U>
+  Kiv::Ptr<U> make(char const* name) {
+    return TraitsOf<U>::make(Kiv::Name(name), samples);
+  }
+
+  typename C::Samples samples;
+  Kiv::Ptr<T> entity = Traits::make(Kiv::Name("subject"), samples);
+  Kiv::Ptr<typename Traits::Recorder> recorder{new typename Traits::Recorder(entity)};
+};
+
+TYPED_TEST_SUITE_P(KivConformance);
+
+TYPED_TEST_P(KivConformance, AttributesAreNumberedFrom258AsRegistered) {
+  using T = typename TestFixture::T;
+  detail::Listing listing;
+  TestFixture::Traits::visit(listing);
+  Kiv::TypeInfo const& info = T::kivTypeInfo();
+  EXPECT_STREQ(info.name, TestFixture::Traits::kTypeName);
+  EXPECT_EQ(&this->entity->kivType(), &info);
+  EXPECT_EQ(Kiv::typeNamed(info.name), &info);
+  ASSERT_EQ(info.attrCount, listing.attrs.size());
+  for (std::size_t i = 0; i < listing.attrs.size(); ++i) {
+    detail::Listing::Attr const& a = listing.attrs[i];
+    EXPECT_EQ(a.id, 258 + i) << a.name;
+    EXPECT_EQ(info.attrs[i].id, a.id) << a.name;
+    EXPECT_EQ(info.attrs[i].name, a.name);
+    EXPECT_EQ(info.attrs[i].kind, a.kind) << a.name;
+  }
+  for (std::size_t i = 0; i < listing.paramIndexes.size(); ++i) EXPECT_EQ(listing.paramIndexes[i], static_cast<int>(i));
+  // Only a type without constructor parameters can be created by name.
+  ASSERT_EQ(info.create != nullptr, listing.paramIndexes.empty());
+  if (info.create) {
+    Kiv::Ptr<Kiv::Entity> made = info.create(Kiv::EntityInit{Kiv::Name("byName"), nullptr, Kiv::Name()});
+    EXPECT_TRUE(Kiv::entityCast<T>(made));
+    EXPECT_EQ(made->name(), Kiv::Name("byName"));
+  }
+}
+
+TYPED_TEST_P(KivConformance, DerivedAndConstantsReadTheirSources) {
+  detail::ReadsSources<TestFixture> check{{}, *this};
+  TestFixture::Traits::visit(check);
+}
+
+TYPED_TEST_P(KivConformance, ValuesAndReferencesNotifyOnlyOnChange) {
+  detail::NotifiesOnChange<TestFixture> check{{}, *this};
+  TestFixture::Traits::visit(check);
+}
+
+TYPED_TEST_P(KivConformance, CollectionsCreateCheckNotifyAndDelete) {
+  detail::CollectionsBehave<TestFixture> check{{}, *this};
+  TestFixture::Traits::visit(check);
+}
+
+TYPED_TEST_P(KivConformance, ReadOnlyRefusesEveryWrite) {
+  detail::RefusesWrites<TestFixture> populate{{}, *this, true};
+  TestFixture::Traits::visit(populate);
+  this->entity->kivReadOnlyIs(true);
+  this->calls();
+  detail::RefusesWrites<TestFixture> check{{}, *this, false};
+  TestFixture::Traits::visit(check);
+  EXPECT_EQ(this->calls(), detail::Calls{});
+}
+
+REGISTER_TYPED_TEST_SUITE_P(KivConformance, AttributesAreNumberedFrom258AsRegistered,
+                            DerivedAndConstantsReadTheirSources, ValuesAndReferencesNotifyOnlyOnChange,
+                            CollectionsCreateCheckNotifyAndDelete, ReadOnlyRefusesEveryWrite);
+
+}  // namespace kivconformance
+
+// Instantiates the suite for the given Cases, each test named after its type.
+#define KIV_CONFORMANCE_SUITE(prefix, ...)                                                     \
+  namespace kivconformance {                                                                  \
+  using prefix##Cases = ::testing::Types<__VA_ARGS__>;                                        \
+  INSTANTIATE_TYPED_TEST_SUITE_P(prefix, KivConformance, prefix##Cases, CaseNames);           \
+  }

@@ -1,0 +1,88 @@
+#include "platform/Net.h"
+
+#include <cstdio>
+
+namespace Ovel {
+
+namespace {
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+}  // namespace
+
+bool EthAddr::parse(std::string_view text, EthAddr& out) {
+  std::array<std::uint8_t, 6> bytes{};
+  std::size_t i = 0;
+  for (int b = 0; b < 6; ++b) {
+    if (b > 0) {
+      if (i >= text.size() || text[i] != ':') return false;
+      ++i;
+    }
+    int value = 0, digits = 0;
+    while (i < text.size() && digits < 2 && hexDigit(text[i]) >= 0) value = value * 16 + hexDigit(text[i++]), ++digits;
+    if (digits == 0) return false;
+    bytes[b] = static_cast<std::uint8_t>(value);
+  }
+  if (i != text.size()) return false;
+  out = EthAddr(bytes);
+  return true;
+}
+
+void EthAddr::stringValueIs(std::string_view text) {
+  if (!parse(text, *this)) Kiv::throwRangeException("not an Ethernet address: \"" + std::string(text) + "\"");
+}
+
+std::string EthAddr::stringValue() const {
+  char buf[18];
+  std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", bytes_[0], bytes_[1], bytes_[2], bytes_[3],
+                bytes_[4], bytes_[5]);
+  return buf;
+}
+
+std::size_t EthAddr::hash() const {
+  std::uint64_t v = 0;
+  for (std::uint8_t b : bytes_) v = (v << 8) | b;
+  return std::hash<std::uint64_t>()(v * 0x9E3779B97F4A7C15ull);
+}
+
+std::string valueToStrep(EthAddr const& a) { return a.stringValue(); }
+std::ostream& operator<<(std::ostream& os, EthAddr const& a) { return os << a.stringValue(); }
+
+IpAndPort::IpAndPort(std::string_view text) {
+  if (!parse(text, *this)) Kiv::throwRangeException("not an address and port: \"" + std::string(text) + "\"");
+}
+
+bool IpAndPort::parse(std::string_view text, IpAndPort& out) {
+  std::uint32_t ip = 0;
+  std::size_t i = 0;
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0) {
+      if (i >= text.size() || text[i] != '.') return false;
+      ++i;
+    }
+    unsigned v = 0, digits = 0;
+    while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])) && digits < 3) v = v * 10 + (text[i++] - '0'), ++digits;
+    if (digits == 0 || v > 255) return false;
+    ip = (ip << 8) | v;
+  }
+  if (i >= text.size() || text[i] != ':') return false;
+  ++i;
+  unsigned port = 0, digits = 0;
+  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])) && digits < 5) port = port * 10 + (text[i++] - '0'), ++digits;
+  if (digits == 0 || port > 65535 || i != text.size()) return false;
+  out = IpAndPort(ip, static_cast<std::uint16_t>(port));
+  return true;
+}
+
+std::string IpAndPort::stringValue() const {
+  return std::to_string(ip_ >> 24) + "." + std::to_string((ip_ >> 16) & 255) + "." + std::to_string((ip_ >> 8) & 255) +
+         "." + std::to_string(ip_ & 255) + ":" + std::to_string(port_);
+}
+
+std::string valueToStrep(IpAndPort const& a) { return a.stringValue(); }
+std::ostream& operator<<(std::ostream& os, IpAndPort const& a) { return os << a.stringValue(); }
+
+}  // namespace Ovel
