@@ -11,7 +11,7 @@ class Dir : public Entity {
   using EntityMap = HashMap<Name, Ptr<Entity>>;
 
   static TypeInfo const& kivTypeInfo();
-  TypeInfo const& kivType() const override { return kivTypeInfo(); }
+  TypeInfo const& kivEntityType() const override { return kivTypeInfo(); }
 
   // A free-standing directory, the root of a tree that the host hands to the system.
   static Ptr<Dir> DirIs(Name const& name);

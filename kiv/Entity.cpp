@@ -118,7 +118,7 @@ String Entity::fullName() const {
 }
 
 std::string Entity::kivStrep() const {
-  return std::string("<") + kivType().name + " " + fullName().stdString() + ">";
+  return std::string("<") + kivEntityType().name + " " + fullName().stdString() + ">";
 }
 
 void Entity::zeroReferencesIs(bool z) {
@@ -127,7 +127,7 @@ void Entity::zeroReferencesIs(bool z) {
 }
 
 void Entity::throwReadOnly(char const* attr) const {
-  throwInternalException(std::string("write-update from readonly proxy: ") + kivType().name + "::" + attr +
+  throwInternalException(std::string("write-update from readonly proxy: ") + kivEntityType().name + "::" + attr +
                          " of " + fullName().stdString());
 }
 
@@ -150,7 +150,7 @@ Ptr<Dir> Dir::DirIs(Name const& name) { return Ptr<Dir>(new Dir(EntityInit{name,
 
 Ptr<Entity> Dir::entryIs(Name const& name, std::string_view typeName) {
   if (Ptr<Entity> const* existing = members_.find(name)) {
-    ReinstantiationCheck(entitySubject(name))("typeName", std::string(typeName), std::string((*existing)->kivType().name));
+    ReinstantiationCheck(entitySubject(name))("typeName", std::string(typeName), std::string((*existing)->kivEntityType().name));
     return *existing;
   }
   kivCheckWritable("entityPtr");

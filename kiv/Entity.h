@@ -21,7 +21,9 @@ struct EntityInit {
   Name parentAttrName;
 };
 
-enum class AttrKind { derived, constant, value, reference, collection, valueCollection };
+// An `init` attribute is listed as a value or a reference; `owner` is a raw back pointer to the
+// parent, never notified.
+enum class AttrKind { derived, constant, value, reference, collection, valueCollection, owner };
 
 // An attribute of a declared type. Identifiers start at 258 in declaration order; those below
 // belong to the framework.
@@ -50,7 +52,8 @@ class Entity : public PtrInterface, public Notifier {
   Name const& parentAttrName() const { return parentAttrName_; }
   // The path of names from the root of the tree, joined by '/'.
   String fullName() const;
-  virtual TypeInfo const& kivType() const = 0;
+  // The type object. Not called kivType: entity types use that name for an attribute.
+  virtual TypeInfo const& kivEntityType() const = 0;
 
   // A read-only replica refuses local writes; members created under it inherit the flag.
   bool kivReadOnly() const { return readOnly_; }
@@ -99,7 +102,7 @@ class ReplicaWriteScope {
 // Type-checked down-cast: null when `p` is null or not exactly of type T.
 template <class T, class U>
 Ptr<T> entityCast(Ptr<U> const& p) {
-  if (!p || &p->kivType() != &std::remove_const_t<T>::kivTypeInfo()) return nullptr;
+  if (!p || &p->kivEntityType() != &std::remove_const_t<T>::kivTypeInfo()) return nullptr;
   return Ptr<T>(static_cast<T*>(p.ptr()));
 }
 

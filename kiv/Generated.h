@@ -17,6 +17,13 @@
 
 namespace Kiv {
 
+// The parent as an owner of type O; null when there is none or it is of another type (a
+// directory may create members of types without constructor parameters).
+template <class O>
+O* ownerOf(EntityInit const& init) {
+  return init.parent && &init.parent->kivEntityType() == &O::kivTypeInfo() ? static_cast<O*>(init.parent) : nullptr;
+}
+
 // Parses a value's text form; specialised for every declared enumeration and value type.
 template <class T>
 T sequenceToValue(std::string_view text);

@@ -3,6 +3,7 @@
 
 #include "kiv/kivc/Emit.h"
 
+#include <algorithm>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -22,8 +23,9 @@ bool passByValue(TypeRef const& t) {
 }
 std::string param(TypeRef const& t) { return passByValue(t) ? t.cpp : t.cpp + " const&"; }
 
-char const* kindName(AttrKind k) {
-  switch (k) {
+// The kind reflection reports: an init attribute behaves as a value or a reference once made.
+char const* kindName(Attribute const& a) {
+  switch (a.kind) {
     case AttrKind::derived:
       return "derived";
     case AttrKind::constant:
@@ -32,6 +34,10 @@ char const* kindName(AttrKind k) {
       return "value";
     case AttrKind::reference:
       return "reference";
+    case AttrKind::initial:
+      return a.type.pointer ? "reference" : "value";
+    case AttrKind::owner:
+      return "owner";
     case AttrKind::collection:
       return "collection";
     case AttrKind::valueCollection:
@@ -46,10 +52,36 @@ Entity const* findEntity(Unit const& u, std::string const& name) {
   return nullptr;
 }
 
-std::vector<Attribute const*> constantsOf(Entity const& e) {
+// Constructor parameters: the const and init attributes in declaration order.
+std::vector<Attribute const*> ctorParamsOf(Entity const& e) {
   std::vector<Attribute const*> out;
   for (Attribute const& a : e.attributes)
-    if (a.kind == AttrKind::constant) out.push_back(&a);
+    if (a.kind == AttrKind::constant || a.kind == AttrKind::initial) out.push_back(&a);
+  return out;
+}
+
+int ctorParamIndex(Entity const& e, Attribute const& a) {
+  std::vector<Attribute const*> const params = ctorParamsOf(e);
+  return static_cast<int>(std::find(params.begin(), params.end(), &a) - params.begin());
+}
+
+// The member's const parameters in the order its collection compares them.
+std::vector<Attribute const*> comparedOf(Entity const& member, Attribute const& collection) {
+  std::vector<Attribute const*> out;
+  if (collection.compareOrder.empty()) {
+    for (Attribute const& a : member.attributes)
+      if (a.kind == AttrKind::constant) out.push_back(&a);
+    return out;
+  }
+  for (std::string const& name : collection.compareOrder)
+    for (Attribute const& a : member.attributes)
+      if (a.name == name) out.push_back(&a);
+  return out;
+}
+
+std::string joined(std::vector<std::string> const& parts, char const* separator) {
+  std::string out;
+  for (std::string const& p : parts) out += (out.empty() ? "" : separator) + p;
   return out;
 }
 
@@ -74,6 +106,8 @@ class AttrEmitter {
   virtual std::string member() const { return {}; }
   virtual std::string visit() const = 0;
   virtual std::string destructorPart() const { return {}; }
+  // The constructor's member initializer, with its leading comma.
+  virtual std::string initializer() const { return {}; }
 
  protected:
   std::string fillA(std::string_view tmpl) const {
@@ -107,16 +141,14 @@ class ReadOnlyEmitter : public AttrEmitter {
   std::string member() const override {
     return a_.kind == AttrKind::constant ? fillA("  $type$ $x$_;\n") : std::string();
   }
+  std::string initializer() const override {
+    return a_.kind == AttrKind::constant ? fillA(", $x$_($x$)") : std::string();
+  }
   std::string visit() const override {
     if (a_.kind == AttrKind::derived)
       return fillA("    v.derived(\"$x$\", $id$u, [](Type const& e) { return e.$x$(); });\n");
-    int index = 0;
-    for (Attribute const* c : constantsOf(e_)) {
-      if (c == &a_) break;
-      ++index;
-    }
     return fill(fillA("    v.constant(\"$x$\", $id$u, $index$, [](Type const& e) { return e.$x$(); });\n"),
-                {{"index", std::to_string(index)}});
+                {{"index", std::to_string(ctorParamIndex(e_, a_))}});
   }
 };
 
@@ -154,6 +186,38 @@ class ValueEmitter : public AttrEmitter {
   }
 };
 
+// init: a value or reference that is also a constructor parameter.
+class InitEmitter : public ValueEmitter {
+ public:
+  using ValueEmitter::ValueEmitter;
+  std::string initializer() const override { return fillA(", $x$_($x$)"); }
+  std::string visit() const override {
+    return fill(fillA("    v.template initial<$type$>(\"$x$\", $id$u, $index$, [](Type const& e) { return e.$x$(); },\n"
+                      "        [](Type& e, $param$ x) { e.$x$Is(x); });\n"),
+                {{"index", std::to_string(ctorParamIndex(e_, a_))}});
+  }
+};
+
+// owner: a raw pointer to the parent, which the parent clears when it lets the member go.
+class OwnerEmitter : public AttrEmitter {
+ public:
+  using AttrEmitter::AttrEmitter;
+  std::string declaration() const override {
+    return fillA(
+        "  $type$ $x$() const { return $x$_; }\n"
+        "  void $x$Is($type$ v) { $x$_ = v; }\n");
+  }
+  std::string member() const override { return fillA("  $type$ $x$_;\n"); }
+  std::string initializer() const override {
+    return fill(fillA(", $x$_(Kiv::ownerOf<$target$>(kivInit))"), {{"target", a_.type.entity}});
+  }
+  std::string visit() const override {
+    return fill(fillA("    v.template owner<$target$>(\"$x$\", $id$u, [](Type const& e) { return e.$x$(); },\n"
+                      "        [](Type& e, $type$ p) { e.$x$Is(p); });\n"),
+                {{"target", a_.type.entity}});
+  }
+};
+
 class CollectionEmitterBase : public AttrEmitter {
  public:
   using AttrEmitter::AttrEmitter;
@@ -162,6 +226,10 @@ class CollectionEmitterBase : public AttrEmitter {
         "    virtual void on$X$($keyParam$) {}\n"
         "    virtual void on$X$() {}\n"
         "    virtual void on$X$kivImmediate() {}\n");
+  }
+  std::string member() const override {
+    if (!a_.sizeHint) return fillA("  $X$Map $x$_;\n");
+    return fill(fillA("  $X$Map $x$_{$hint$};\n"), {{"hint", std::to_string(a_.sizeHint)}});
   }
   std::string recorder() const override {
     return fillA(
@@ -235,11 +303,37 @@ class CollectionEmitter : public CollectionEmitterBase {
   CollectionEmitter(Unit const& u, Entity const& e, Attribute const& a) : CollectionEmitterBase(u, e, a) {
     member_ = findEntity(u, a.type.name);
     if (!member_) throw std::logic_error("collection member type not in unit");
-    for (Attribute const* c : constantsOf(*member_)) {
-      params_ += ", " + param(c->type) + " " + c->name;
+    std::vector<Attribute const*> const compared = comparedOf(*member_, a);
+    std::vector<std::string> params, sampled;
+    int inits = 0;
+    for (Attribute const* c : ctorParamsOf(*member_)) {
+      params.push_back(param(c->type) + " " + c->name);
       args_ += ", " + c->name;
-      checks_ += "(\"" + c->name + "\", " + c->name + ", (*existing)->" + c->name + "())";
+      // The conformance samples pick each parameter's variant from one bit of `differ`: the
+      // compared ones first, in their order, then the init ones.
+      std::size_t bit = compared.size() + inits;
+      if (c->kind == AttrKind::initial) {
+        ++inits;
+        applies_ += "    m->" + c->name + "Is(" + c->name + ");\n";
+        initialNames_.push_back("\"" + c->name + "\"");
+      } else {
+        bit = static_cast<std::size_t>(std::find(compared.begin(), compared.end(), c) - compared.begin());
+      }
+      std::string const sample = "s.template get<" + c->type.cpp + ">(differ >> " + std::to_string(bit) + " & 1)";
+      sampled.push_back(sample);
+      keyLocals_ += "          [[maybe_unused]] " + c->type.cpp + " const " + c->name + " = " + sample + ";\n";
     }
+    for (Attribute const* c : compared) {
+      checks_ += "(\"" + c->name + "\", " + c->name + ", (*existing)->" + c->name + "())";
+      comparedNames_.push_back("\"" + c->name + "\"");
+    }
+    computed_ = !a.keyExpression.empty();
+    if (!computed_) params.insert(params.begin(), param(*a.key) + " k");
+    signature_ = joined(params, ", ");
+    sampled_ = joined(sampled, ", ");
+    // Only owners of this entity's type point here.
+    for (Attribute const& o : member_->attributes)
+      if (o.kind == AttrKind::owner && o.type.entity == e.name) owners_.push_back(o.name);
   }
   std::string declaration() const override {
     return fill(fillA(R"(  Kiv::Ptr<$type$> $x$($keyParam$ k) {
@@ -250,18 +344,24 @@ class CollectionEmitter : public CollectionEmitterBase {
     Kiv::Ptr<$type$> const* m = $x$_.find(k);
     return m ? Kiv::PtrConst<$type$>(*m) : nullptr;
   }
-  Kiv::Ptr<$type$> $x$Is($keyParam$ k$params$);
+  Kiv::Ptr<$type$> $x$Is($signature$);
 )"),
-                {{"params", params_}}) +
+                {{"signature", signature_}}) +
            commonDeclaration("Kiv::Ptr<" + a_.type.cpp + ">");
   }
   std::string definition() const override {
-    std::string check = checks_.empty() ? std::string()
-                                        : "    Kiv::ReinstantiationCheck(Kiv::entitySubject(Kiv::nameOf(k)))" + checks_ + ";\n";
-    return fill(fillA(R"(Kiv::Ptr<$type$> $T$::$x$Is($keyParam$ k$params$) {
-  if (Kiv::Ptr<$type$> const* existing = $x$_.find(k)) {
-$check$    return *existing;
-  }
+    std::string const check =
+        checks_.empty() ? std::string()
+                        : "    Kiv::ReinstantiationCheck(Kiv::entitySubject(Kiv::nameOf(k)))" + checks_ + ";\n";
+    std::string const found =
+        applies_.empty() ? "    return *existing;\n"
+                         : fill("    Kiv::Ptr<$type$> const m = *existing;  // a setter's reactor may remove it\n"
+                                "$applies$    return m;\n",
+                                {{"type", a_.type.cpp}, {"applies", applies_}});
+    std::string const computeKey = computed_ ? "  " + a_.key->cpp + " const k(" + a_.keyExpression + ");\n" : "";
+    return fill(fillA(R"(Kiv::Ptr<$type$> $T$::$x$Is($signature$) {
+$computeKey$  if (Kiv::Ptr<$type$> const* existing = $x$_.find(k)) {
+$check$$found$  }
   kivCheckWritable("$x$");
   Kiv::keyCheck(k, "$ns$::$T$::$x$");
   Kiv::Ptr<$type$> m(new $type$(Kiv::EntityInit{Kiv::nameOf(k), this, Kiv::Name("$x$")}$args$));
@@ -271,31 +371,57 @@ $check$    return *existing;
 }
 
 )"),
-                {{"params", params_}, {"args", args_}, {"check", check}}) +
-           commonDefinition("Kiv::Ptr<" + a_.type.cpp + ">", "  removed->kivParentIs(nullptr);\n");
+                {{"signature", signature_},
+                 {"args", args_},
+                 {"check", check},
+                 {"found", found},
+                 {"computeKey", computeKey}}) +
+           commonDefinition("Kiv::Ptr<" + a_.type.cpp + ">", unlink("  removed->"));
   }
-  std::string member() const override { return fillA("  $X$Map $x$_;\n"); }
   std::string destructorPart() const override {
-    return fillA("  for (auto it = $x$_.begin(); it; ++it) it.value()->kivParentIs(nullptr);\n");
+    if (owners_.empty()) return fillA("  for (auto it = $x$_.begin(); it; ++it) it.value()->kivParentIs(nullptr);\n");
+    return fill(fillA("  for (auto it = $x$_.begin(); it; ++it) {\n$unlink$  }\n"),
+                {{"unlink", unlink("    it.value()->")}});
   }
   std::string visit() const override {
-    std::string names, sampled;
-    int i = 0;
-    for (Attribute const* c : constantsOf(*member_)) {
-      names += std::string(names.empty() ? "" : ", ") + "\"" + c->name + "\"";
-      sampled += ", s.template get<" + c->type.cpp + ">(differ == " + std::to_string(i++) + " ? 1 : 0)";
-    }
-    return fill(fillA(R"(    v.template collection<$key$, $type$>("$x$", $id$u, std::vector<std::string>{$names$},
-        [](Type& e, $keyParam$ k, auto& s, int differ) { (void)s; (void)differ; return e.$x$Is(k$sampled$); },
-        [](Type& e, $keyParam$ k) { return e.$x$(k); },
+    // create(e, k, s, differ) and keyOf(s, k, differ); a computed key ignores k.
+    std::string const create = computed_ ? R"(        [](Type& e, $keyParam$, auto& s, unsigned differ) {
+          (void)s;
+          (void)differ;
+          return e.$x$Is($args$);
+        },
+        [](auto& s, $keyParam$, unsigned differ) -> $key$ {
+          (void)s;
+          (void)differ;
+$keyLocals$          return $key$($expr$);
+        },
+)"
+                                         : R"(        [](Type& e, $keyParam$ k, auto& s, unsigned differ) { (void)s; (void)differ; return e.$x$Is($args$); },
+        [](auto&, $keyParam$ k, unsigned) -> $key$ { return k; },
+)";
+    std::string const args = computed_ ? sampled_ : sampled_.empty() ? "k" : "k, " + sampled_;
+    return fill(fillA(R"(    v.template collection<$key$, $type$>("$x$", $id$u, std::vector<std::string>{$compared$},
+        std::vector<std::string>{$initial$},
+$create$        [](Type& e, $keyParam$ k) { return e.$x$(k); },
 )"),
-                {{"names", names}, {"sampled", sampled}}) +
+                {{"compared", joined(comparedNames_, ", ")},
+                 {"initial", joined(initialNames_, ", ")},
+                 {"create", fill(fillA(create), {{"args", args}, {"keyLocals", keyLocals_}, {"expr", a_.keyExpression}})}}) +
            commonVisitTail();
   }
 
  private:
+  // A member let go: its owner pointers are cleared first, then its parent.
+  std::string unlink(std::string const& member) const {
+    std::string out;
+    for (std::string const& o : owners_) out += member + o + "Is(nullptr);\n";
+    return out + member + "kivParentIs(nullptr);\n";
+  }
+
   Entity const* member_;
-  std::string params_, args_, checks_;
+  bool computed_ = false;
+  std::string signature_, args_, checks_, applies_, sampled_, keyLocals_;
+  std::vector<std::string> comparedNames_, initialNames_, owners_;
 };
 
 // Value collections: plain values by key; reading an absent key gives the default value.
@@ -303,17 +429,20 @@ class ValueCollectionEmitter : public CollectionEmitterBase {
  public:
   using CollectionEmitterBase::CollectionEmitterBase;
   std::string declaration() const override {
-    return fillA(R"(  $type$ $x$($keyParam$ k) const {
+    return fill(fillA(R"(  $type$ $x$($keyParam$ k) const {
     $type$ const* v = $x$_.find(k);
     return v ? *v : $type${};
   }
-  void $x$Is($keyParam$ k, $param$ v);
-)") + commonDeclaration(a_.type.cpp);
+  void $x$Is($signature$);
+)"),
+                {{"signature", signature()}}) +
+           commonDeclaration(a_.type.cpp);
   }
   std::string definition() const override {
-    return fillA(R"(void $T$::$x$Is($keyParam$ k, $param$ v) {
+    std::string const computeKey = computed() ? "  " + a_.key->cpp + " const k(" + a_.keyExpression + ");\n" : "";
+    return fill(fillA(R"(void $T$::$x$Is($signature$) {
   kivCheckWritable("$x$");
-  Kiv::keyCheck(k, "$ns$::$T$::$x$");
+$computeKey$  Kiv::keyCheck(k, "$ns$::$T$::$x$");
   auto [stored, inserted] = $x$_.insert(k, v);
   if (!inserted) {
     if (*stored == v) return;
@@ -322,13 +451,28 @@ class ValueCollectionEmitter : public CollectionEmitterBase {
   kivNotify<Callbacks>([&](Callbacks* n) { n->on$X$(k); });
 }
 
-)") + commonDefinition(a_.type.cpp, "");
+)"),
+                {{"signature", signature()}, {"computeKey", computeKey}}) +
+           commonDefinition(a_.type.cpp, "");
   }
-  std::string member() const override { return fillA("  $X$Map $x$_;\n"); }
   std::string visit() const override {
+    if (computed())
+      return fill(fillA(R"(    v.template valueCollection<$key$, $type$>("$x$", $id$u,
+        [](Type const& e, $keyParam$ k) { return e.$x$(k); }, [](Type& e, $keyParam$, $param$ x) { e.$x$Is(x); },
+        []($keyParam$, $param$ v) -> $key$ { return $key$($expr$); },
+)"),
+                  {{"expr", a_.keyExpression}}) +
+             commonVisitTail();
     return fillA(R"(    v.template valueCollection<$key$, $type$>("$x$", $id$u,
         [](Type const& e, $keyParam$ k) { return e.$x$(k); }, [](Type& e, $keyParam$ k, $param$ x) { e.$x$Is(k, x); },
+        []($keyParam$ k, $param$) -> $key$ { return k; },
 )") + commonVisitTail();
+  }
+
+ private:
+  bool computed() const { return !a_.keyExpression.empty(); }
+  std::string signature() const {
+    return computed() ? param(a_.type) + " v" : param(*a_.key) + " k, " + param(a_.type) + " v";
   }
 };
 
@@ -340,6 +484,10 @@ std::unique_ptr<AttrEmitter> emitterFor(Unit const& u, Entity const& e, Attribut
     case AttrKind::value:
     case AttrKind::reference:
       return std::make_unique<ValueEmitter>(u, e, a);
+    case AttrKind::initial:
+      return std::make_unique<InitEmitter>(u, e, a);
+    case AttrKind::owner:
+      return std::make_unique<OwnerEmitter>(u, e, a);
     case AttrKind::collection:
       return std::make_unique<CollectionEmitter>(u, e, a);
     case AttrKind::valueCollection:
@@ -480,11 +628,11 @@ void emitEntity(Unit const& u, Entity const& e, Output& out) {
   std::vector<std::unique_ptr<AttrEmitter>> emitters;
   for (Attribute const& a : e.attributes) emitters.push_back(emitterFor(u, e, a));
 
-  std::string ids, accessors, callbacks, members, definitions, recorder, visit, destructor, attrInfo;
+  std::string ids, accessors, callbacks, members, definitions, recorder, visit, destructor, attrInfo, ctorInits;
   for (std::size_t i = 0; i < e.attributes.size(); ++i) {
     Attribute const& a = e.attributes[i];
     ids += "  static constexpr std::uint32_t kiv" + capitalized(a.name) + "AttrId = " + std::to_string(a.id) + ";\n";
-    attrInfo += "    {" + std::to_string(a.id) + "u, \"" + a.name + "\", Kiv::AttrKind::" + kindName(a.kind) + "},\n";
+    attrInfo += "    {" + std::to_string(a.id) + "u, \"" + a.name + "\", Kiv::AttrKind::" + kindName(a) + "},\n";
     accessors += emitters[i]->declaration();
     callbacks += emitters[i]->callbacks();
     members += emitters[i]->member();
@@ -492,29 +640,39 @@ void emitEntity(Unit const& u, Entity const& e, Output& out) {
     recorder += emitters[i]->recorder();
     visit += emitters[i]->visit();
     destructor += emitters[i]->destructorPart();
+    ctorInits += emitters[i]->initializer();
   }
-  std::string ctorParams, ctorInits, factoryArgs, makeArgs;
-  for (Attribute const* c : constantsOf(e)) {
+  std::string ctorParams, factoryArgs, makeArgs;
+  for (Attribute const* c : ctorParamsOf(e)) {
     ctorParams += ", " + param(c->type) + " " + c->name;
-    ctorInits += ", " + c->name + "_(" + c->name + ")";
     factoryArgs += ", " + c->name;
     makeArgs += ", s.template get<" + c->type.cpp + ">(0)";
   }
-  std::string const factoryDecl =
-      e.factory ? fill("  // A free-standing instance, not held by a parent.\n"
+  std::string factoryDecl, factoryDef;
+  if (e.factory) {
+    factoryDecl = fill("  // A free-standing instance, not held by a parent.\n"
                        "  static Kiv::Ptr<$T$> $T$Is(Kiv::Name const& name$params$);\n",
-                       {{"T", e.name}, {"params", ctorParams}})
-                : std::string();
-  std::string const factoryDef =
-      e.factory ? fill(R"(Kiv::Ptr<$T$> $T$::$T$Is(Kiv::Name const& name$params$) {
+                       {{"T", e.name}, {"params", ctorParams}});
+    factoryDef = fill(R"(Kiv::Ptr<$T$> $T$::$T$Is(Kiv::Name const& name$params$) {
   Kiv::keyCheck(name, "$ns$::$T$");
   return Kiv::Ptr<$T$>(new $T$(Kiv::EntityInit{name, nullptr, Kiv::Name()}$args$));
 }
 
 )",
-                       {{"T", e.name}, {"params", ctorParams}, {"args", factoryArgs}, {"ns", u.ns}})
-                : std::string();
-  bool creatable = constantsOf(e).empty();
+                      {{"T", e.name}, {"params", ctorParams}, {"args", factoryArgs}, {"ns", u.ns}});
+  } else if (e.singleton) {
+    std::string const params = ctorParams.empty() ? "" : ctorParams.substr(2);
+    factoryDecl = fill("  // A free-standing instance named by the empty name, not held by a parent.\n"
+                       "  static Kiv::Ptr<$T$> $T$Is($params$);\n",
+                       {{"T", e.name}, {"params", params}});
+    factoryDef = fill(R"(Kiv::Ptr<$T$> $T$::$T$Is($params$) {
+  return Kiv::Ptr<$T$>(new $T$(Kiv::EntityInit{Kiv::Name(), nullptr, Kiv::Name()}$args$));
+}
+
+)",
+                      {{"T", e.name}, {"params", params}, {"args", factoryArgs}});
+  }
+  bool creatable = ctorParamsOf(e).empty();
   // Vars hold views: every substituted text needs a name that outlives them.
   std::string const dtorDecl = destructor.empty() ? "" : "  ~" + e.name + "() override;\n";
   std::string const dtorDef = destructor.empty() ? "" : e.name + "::~" + e.name + "() {\n" + destructor + "}\n\n";
@@ -551,7 +709,7 @@ void emitEntity(Unit const& u, Entity const& e, Output& out) {
   out.header += fill(R"(class $T$ : public Kiv::Entity {
  public:
   static Kiv::TypeInfo const& kivTypeInfo();
-  Kiv::TypeInfo const& kivType() const override { return kivTypeInfo(); }
+  Kiv::TypeInfo const& kivEntityType() const override { return kivTypeInfo(); }
 $ids$
 $factoryDecl$  // Members are created by their parent's collection mutator, never by hand.
   explicit $T$(Kiv::EntityInit const& kivInit$ctorParams$);

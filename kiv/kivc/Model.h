@@ -32,7 +32,8 @@ struct TypeRef {
   std::string name;    // as written, for messages and samples ("String", "U32", "MountState")
 };
 
-enum class AttrKind { derived, constant, value, reference, collection, valueCollection };
+// `initial` is an `init` attribute: a value or reference that is also a constructor parameter.
+enum class AttrKind { derived, constant, value, reference, initial, owner, collection, valueCollection };
 
 struct Attribute {
   Location at;
@@ -41,6 +42,12 @@ struct Attribute {
   TypeRef type;                    // the value type; for collections the member or value type
   std::optional<TypeRef> key;      // collections only
   std::string derivedExpression;   // derived only; empty means the entity's name
+  // Collection options: the const parameters in the order they are compared (empty means
+  // declaration order), the key as a C++ expression over the parameters (empty means a key
+  // argument) and the initial size of the map (0 means none).
+  std::vector<std::string> compareOrder;
+  std::string keyExpression;
+  unsigned sizeHint = 0;
   unsigned id = 0;
 };
 
@@ -48,6 +55,7 @@ struct Entity {
   Location at;
   std::string name;
   bool factory = false;
+  bool singleton = false;
   std::vector<Attribute> attributes;
 };
 

@@ -8,17 +8,27 @@
 //   entity MountFilterSystem factory {          // `factory`: class-scope MountFilterSystemIs(name)
 //     derived filterName : String;              // the entity's name; or `= "C++ expression"`
 //     const kivcType : String;                  // constructor parameter, in declaration order
+//     init remotePath : String;                 // constructor parameter with a notifying setter
 //     mutable warm : bool;                      // value with a notifying setter
 //     ref systemFilter : MountFilterSystem;     // Ptr; `ref x : const T` for a PtrConst
+//     owner registry : MountsRegistry;          // raw pointer to the parent of that type
 //     collection mountConfig : Name -> MountConfig;   // instantiating collection of entities
 //     set includedSystem : String -> bool;      // value collection
 //   }
+//   entity MountsRegistry singleton { ... }     // class-scope MountsRegistryIs(params), unnamed
+//
+// Collection options, after the member type, in any order:
+//   compare (b, a)            const parameters of the member in the order they are compared
+//   key "a.serviceName()"     the key computed from the parameters (from `v` in a set); the
+//                             mutator then takes no key
+//   hint 4                    initial size of the map
 //
 // Builtin types: String, Name, bool, U32, U64, I32, Seconds; Ptr<T> and PtrConst<T> of entities.
 // Comments run from "//" or "#" to the end of the line.
 
 #include "kiv/kivc/Parser.h"
 
+#include <algorithm>
 #include <cctype>
 #include <map>
 #include <set>
@@ -112,7 +122,7 @@ class Parser {
       } else if (c == '-' && i + 1 < text_.size() && text_[i + 1] == '>') {
         tokens_.push_back({Token::punct, "->", at});
         advance(2);
-      } else if (std::string("{};:=<>,").find(c) != std::string::npos) {
+      } else if (std::string("{};:=<>,()").find(c) != std::string::npos) {
         tokens_.push_back({Token::punct, std::string(1, c), at});
         advance(1);
       } else {
@@ -253,9 +263,13 @@ class Parser {
   }
 
   void entity(Location const& at) {
-    Entity e{at, identifier("an entity name"), false, {}};
+    Entity e{at, identifier("an entity name"), false, false, {}};
     declareName(e.name, at, TypeKind::entity);
-    if (accept("factory")) e.factory = true;
+    if (accept("factory")) {
+      e.factory = true;
+    } else if (accept("singleton")) {
+      e.singleton = true;
+    }
     expect("{");
     std::set<std::string> names;
     while (errors_.empty() && !accept("}")) {
@@ -266,16 +280,20 @@ class Parser {
         a.kind = AttrKind::derived;
       } else if (k.text == "const") {
         a.kind = AttrKind::constant;
+      } else if (k.text == "init") {
+        a.kind = AttrKind::initial;
       } else if (k.text == "mutable") {
         a.kind = AttrKind::value;
       } else if (k.text == "ref") {
         a.kind = AttrKind::reference;
+      } else if (k.text == "owner") {
+        a.kind = AttrKind::owner;
       } else if (k.text == "collection") {
         a.kind = AttrKind::collection;
       } else if (k.text == "set") {
         a.kind = AttrKind::valueCollection;
       } else {
-        error(k.at, "expected an attribute kind (derived, const, mutable, ref, collection, set) but found " + describe(k));
+        error(k.at, "expected an attribute kind (derived, const, init, mutable, ref, owner, collection, set) but found " + describe(k));
         return;
       }
       a.name = identifier("an attribute name");
@@ -284,10 +302,14 @@ class Parser {
         bool toConst = accept("const");
         std::string target = identifier("an entity name");
         a.type = TypeRef{target, TypeKind::entity, true, toConst, target, target};
+      } else if (a.kind == AttrKind::owner) {
+        std::string target = identifier("an entity name");
+        a.type = TypeRef{target, TypeKind::entity, true, false, target, target};
       } else if (a.kind == AttrKind::collection || a.kind == AttrKind::valueCollection) {
         a.key = typeRef();
         expect("->");
         a.type = typeRef();
+        collectionOptions(a);
       } else {
         a.type = typeRef();
       }
@@ -305,6 +327,32 @@ class Parser {
     unsigned id = kFirstAttributeId;
     for (Attribute& a : e.attributes) a.id = id++;
     unit_.entities.push_back(std::move(e));
+  }
+
+  void collectionOptions(Attribute& a) {
+    std::set<std::string> given;
+    while (errors_.empty() && peek().kind == Token::ident &&
+           (peek().text == "compare" || peek().text == "key" || peek().text == "hint")) {
+      Token const& o = next();
+      if (!given.insert(o.text).second) return error(o.at, "option " + o.text + " is given twice");
+      if (o.text == "compare") {
+        if (a.kind == AttrKind::valueCollection)
+          return error(o.at, "a set has no constructor parameters to compare; 'compare' is for collections");
+        expect("(");
+        do {
+          a.compareOrder.push_back(identifier("a const attribute name"));
+        } while (errors_.empty() && accept(","));
+        expect(")");
+      } else if (o.text == "key") {
+        if (peek().kind != Token::string || peek().text.empty())
+          return error(peek().at, "expected a quoted C++ expression after 'key'");
+        a.keyExpression = next().text;
+      } else {
+        if (peek().kind != Token::number)
+          return error(peek().at, "expected a number after 'hint' but found " + describe(peek()));
+        a.sizeHint = static_cast<unsigned>(std::stoul(next().text));
+      }
+    }
   }
 
   TypeRef typeRef() {
@@ -382,9 +430,13 @@ class Parser {
             break;
           case AttrKind::constant:
           case AttrKind::value:
+          case AttrKind::initial:
             if (entityValue) return error(a.at, where + " cannot hold an entity by value; use Ptr<T> or PtrConst<T>");
             break;
           case AttrKind::reference:
+            break;
+          case AttrKind::owner:
+            a.type.cpp = a.type.entity + "*";
             break;
           case AttrKind::collection:
             if (a.type.kind != TypeKind::entity || a.type.pointer)
@@ -394,6 +446,7 @@ class Parser {
                                      ", which must be declared in this file so its constructor parameters are known");
             a.type.cpp = cppOf(a.type.name);
             a.type.entity = a.type.cpp;
+            if (!checkCompareOrder(e, a)) return;
             [[fallthrough]];
           case AttrKind::valueCollection:
             if (a.kind == AttrKind::valueCollection && (a.type.kind == TypeKind::entity))
@@ -406,6 +459,30 @@ class Parser {
         }
       }
     }
+  }
+
+  // Every const parameter of the member exactly once, and nothing else.
+  bool checkCompareOrder(Entity const& e, Attribute const& a) {
+    if (a.compareOrder.empty()) return true;
+    Entity const* member = nullptr;
+    for (Entity const& m : unit_.entities)
+      if (m.name == a.type.name) member = &m;
+    std::string const where = "attribute " + a.name + " of " + e.name;
+    std::set<std::string> listed;
+    for (std::string const& name : a.compareOrder) {
+      auto it = std::find_if(member->attributes.begin(), member->attributes.end(),
+                             [&](Attribute const& m) { return m.name == name; });
+      if (it == member->attributes.end())
+        return error(a.at, where + " compares " + name + ", which is not an attribute of " + member->name), false;
+      if (it->kind != AttrKind::constant)
+        return error(a.at, where + " compares " + name + ", which is not a const attribute of " + member->name), false;
+      if (!listed.insert(name).second) return error(a.at, where + " compares " + name + " twice"), false;
+    }
+    for (Attribute const& m : member->attributes)
+      if (m.kind == AttrKind::constant && !listed.count(m.name))
+        return error(a.at, where + " leaves const attribute " + m.name + " of " + member->name + " out of its compare list"),
+               false;
+    return true;
   }
 
   std::string file_;

@@ -22,7 +22,7 @@ class Leaf : public Kiv::Entity {
     static Kiv::TypeInfo const info{.name = "Test::Leaf", .create = &create};
     return info;
   }
-  Kiv::TypeInfo const& kivType() const override { return kivTypeInfo(); }
+  Kiv::TypeInfo const& kivEntityType() const override { return kivTypeInfo(); }
   explicit Leaf(Kiv::EntityInit const& init) : Entity(init) {}
 
  private:
@@ -58,7 +58,7 @@ TEST_F(EntityDir, EntryIsCreatesByTypeNameOnceAndNotifies) {
 
   Kiv::Ptr<Kiv::Entity> a = root->entryIs(Kiv::Name("a"), "Kiv::Dir");
   ASSERT_TRUE(a);
-  EXPECT_EQ(std::string(a->kivType().name), "Kiv::Dir");
+  EXPECT_EQ(std::string(a->kivEntityType().name), "Kiv::Dir");
   EXPECT_TRUE(Kiv::entityCast<Kiv::Dir>(a));
   EXPECT_FALSE(Kiv::entityCast<Leaf>(a));
   EXPECT_EQ(a->parent(), root.ptr());

@@ -10,13 +10,16 @@
 // Samples: BuiltinSamples covers the builtin types; a unit with enumerations or value types gives
 // Case its own samples type that handles those and defers the rest to BuiltinSamples. Needed:
 // get<P>(1) != P{}, get<P>(0) != get<P>(1), and distinct non-empty keys for variants 1 and 2.
-// Reference targets are made through the same Traits template, so they must be of the same unit.
+// Entity pointers are sampled by the suite: null for variant 0, else an instance made through the
+// same Traits template, so reference targets must be of the same unit. A key computed from the
+// parameters must differ between all of them at variant 0 and all at variant 1.
 // A derived attribute of type String or Name is expected to be the entity's name.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -68,6 +71,29 @@ using Calls = std::vector<std::string>;
 
 template <class K>
 constexpr bool kStringKey = std::is_same_v<K, Kiv::Name> || std::is_same_v<K, Kiv::String>;
+template <class P>
+constexpr bool kEntityPointer = false;
+template <class T>
+constexpr bool kEntityPointer<Kiv::Ptr<T>> = true;
+
+// The case's samples, and entity pointers: null for variant 0, else one instance per variant.
+template <class C>
+struct Samples : C::Samples {
+  std::map<std::pair<std::string, int>, Kiv::Ptr<Kiv::Entity>> made;
+  template <class P>
+  P get(int variant) {
+    if constexpr (kEntityPointer<P>) {
+      using Target = std::remove_const_t<typename P::element_type>;
+      using TargetTraits = typename C::template Traits<Target>;
+      if (variant == 0) return nullptr;
+      Kiv::Ptr<Kiv::Entity>& e = made[{TargetTraits::kTypeName, variant}];
+      if (!e) e = TargetTraits::make(Kiv::Name("sample" + std::to_string(variant)), *this);
+      return P(static_cast<Target*>(e.ptr()));
+    } else {
+      return C::Samples::template get<P>(variant);
+    }
+  }
+};
 
 inline std::string on(char const* attr, auto const& key) { return std::string(attr) + "(" + Kiv::strep(key) + ")"; }
 
@@ -86,13 +112,18 @@ struct Ignore {
   void derived(char const*, std::uint32_t, auto) {}
   void constant(char const*, std::uint32_t, int, auto) {}
   template <class P>
+  void initial(char const*, std::uint32_t, int, auto, auto) {}
+  template <class P>
   void value(char const*, std::uint32_t, auto, auto) {}
   template <class Target, bool isConst>
   void reference(char const*, std::uint32_t, auto, auto) {}
+  template <class Target>
+  void owner(char const*, std::uint32_t, auto, auto) {}
   template <class K, class M>
-  void collection(char const*, std::uint32_t, std::vector<std::string> const&, auto, auto, auto, auto, auto, auto) {}
+  void collection(char const*, std::uint32_t, std::vector<std::string> const&, std::vector<std::string> const&, auto,
+                  auto, auto, auto, auto, auto, auto) {}
   template <class K, class V>
-  void valueCollection(char const*, std::uint32_t, auto, auto, auto, auto, auto, auto) {}
+  void valueCollection(char const*, std::uint32_t, auto, auto, auto, auto, auto, auto, auto) {}
 };
 
 struct Listing {
@@ -110,6 +141,11 @@ struct Listing {
     paramIndexes.push_back(index);
   }
   template <class P>
+  void initial(char const* n, std::uint32_t id, int index, auto, auto) {
+    attrs.push_back({n, id, kEntityPointer<P> ? Kiv::AttrKind::reference : Kiv::AttrKind::value});
+    paramIndexes.push_back(index);
+  }
+  template <class P>
   void value(char const* n, std::uint32_t id, auto, auto) {
     attrs.push_back({n, id, Kiv::AttrKind::value});
   }
@@ -117,12 +153,17 @@ struct Listing {
   void reference(char const* n, std::uint32_t id, auto, auto) {
     attrs.push_back({n, id, Kiv::AttrKind::reference});
   }
+  template <class Target>
+  void owner(char const* n, std::uint32_t id, auto, auto) {
+    attrs.push_back({n, id, Kiv::AttrKind::owner});
+  }
   template <class K, class M>
-  void collection(char const* n, std::uint32_t id, std::vector<std::string> const&, auto, auto, auto, auto, auto, auto) {
+  void collection(char const* n, std::uint32_t id, std::vector<std::string> const&, std::vector<std::string> const&,
+                  auto, auto, auto, auto, auto, auto, auto) {
     attrs.push_back({n, id, Kiv::AttrKind::collection});
   }
   template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t id, auto, auto, auto, auto, auto, auto) {
+  void valueCollection(char const* n, std::uint32_t id, auto, auto, auto, auto, auto, auto, auto) {
     attrs.push_back({n, id, Kiv::AttrKind::valueCollection});
   }
 };
@@ -132,12 +173,31 @@ template <class S, class M>
 struct Params : Ignore {
   S& samples;
   M const& member;
-  std::vector<std::string> names, current, differing;
+  std::vector<std::string> names, current, differing, inits;
   void constant(char const* n, std::uint32_t, int, auto read) {
     using P = std::decay_t<decltype(read(member))>;
     names.push_back(n);
     current.push_back(Kiv::strep(read(member)));
     differing.push_back(Kiv::strep(samples.template get<P>(1)));
+  }
+  template <class P>
+  void initial(char const* n, std::uint32_t, int, auto, auto) {
+    inits.push_back(n);
+  }
+};
+
+// Owners of the parent's type point at `parent` (null once let go); owners of other types are null.
+template <class Parent, class M>
+struct OwnersAre : Ignore {
+  M const& member;
+  Parent const* parent;
+  template <class Target>
+  void owner(char const* n, std::uint32_t, auto read, auto) {
+    if constexpr (std::is_same_v<Target, Parent>) {
+      EXPECT_EQ(read(member), parent) << n;
+    } else {
+      EXPECT_EQ(read(member), nullptr) << n;
+    }
   }
 };
 
@@ -152,6 +212,14 @@ struct ReadsSources : Ignore {
   void constant(char const* n, std::uint32_t, int, auto read) {
     using P = std::decay_t<decltype(read(*f.entity))>;
     EXPECT_EQ(read(*f.entity), f.samples.template get<P>(0)) << n;
+  }
+  template <class P>
+  void initial(char const* n, std::uint32_t, int, auto read, auto) {
+    EXPECT_TRUE(read(*f.entity) == f.samples.template get<P>(0)) << n;
+  }
+  template <class Target>
+  void owner(char const* n, std::uint32_t, auto read, auto) {
+    EXPECT_EQ(read(*f.entity), nullptr) << n << ": a free-standing instance has no owner";
   }
 };
 
@@ -193,42 +261,105 @@ struct NotifiesOnChange : Ignore {
     EXPECT_EQ(f.calls(), Calls{});
     EXPECT_EQ(a->parent(), nullptr) << "a reference does not adopt its target";
   }
+  template <class P>
+  void initial(char const* n, std::uint32_t, int, auto read, auto write) {
+    SCOPED_TRACE(n);
+    auto& e = *f.entity;
+    P const first = f.samples.template get<P>(0), changed = f.samples.template get<P>(1);
+    write(e, changed);
+    EXPECT_EQ(f.calls(), Calls{n});
+    EXPECT_TRUE(read(e) == changed);
+    write(e, changed);
+    EXPECT_EQ(f.calls(), Calls{});
+    write(e, first);
+    EXPECT_EQ(f.calls(), Calls{n});
+    EXPECT_TRUE(read(e) == first);
+  }
 };
 
 template <class F>
 struct CollectionsBehave : Ignore {
   F& f;
+  // Bit i of `differ` gives the i-th compared parameter, and then the init ones, variant 1.
+  static unsigned bit(std::size_t i) { return 1u << i; }
+
   template <class K, class M>
-  void collection(char const* n, std::uint32_t, std::vector<std::string> const& paramNames, auto create, auto get,
-                  auto del, auto delAll, auto size, auto notify) {
+  void collection(char const* n, std::uint32_t, std::vector<std::string> const& compared,
+                  std::vector<std::string> const& initial, auto create, auto keyOf, auto get, auto del, auto delAll,
+                  auto size, auto notify) {
     SCOPED_TRACE(n);
+    using Parent = typename F::T;
+    using MemberTraits = typename F::template TraitsOf<M>;
     auto& e = *f.entity;
     auto& s = f.samples;
-    K const k1 = s.template get<K>(1), k2 = s.template get<K>(2);
+    auto owners = [](M const& member, Parent const* parent) {
+      OwnersAre<Parent, M> check{{}, member, parent};
+      MemberTraits::visit(check);
+    };
+    // A key computed from the parameters ignores the one given.
+    K const given1 = s.template get<K>(1), given2 = s.template get<K>(2);
+    K const k1 = keyOf(s, given1, 0u), k2 = keyOf(s, given2, ~0u);
+    ASSERT_FALSE(k1 == k2) << "a computed key must depend on the parameters";
 
-    Kiv::Ptr<M> m = create(e, k1, s, -1);
+    Kiv::Ptr<M> m = create(e, given1, s, 0u);
     EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     ASSERT_TRUE(m);
     EXPECT_EQ(m->parent(), static_cast<Kiv::Entity*>(&e));
     EXPECT_EQ(m->name(), Kiv::nameOf(k1));
     EXPECT_EQ(m->parentAttrName(), Kiv::Name(n));
+    owners(*m, &e);
     EXPECT_TRUE(get(e, k1) == m);
     EXPECT_EQ(size(e), 1u);
-    EXPECT_TRUE(create(e, k1, s, -1) == m);
+    EXPECT_TRUE(create(e, given1, s, 0u) == m);
     EXPECT_EQ(f.calls(), Calls{});
 
-    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}};
-    F::template TraitsOf<M>::visit(params);
-    EXPECT_EQ(params.names, paramNames);
-    for (std::size_t i = 0; i < params.names.size(); ++i) {
+    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}, {}};
+    MemberTraits::visit(params);
+    std::vector<std::string> listed = compared, declared = params.names;
+    std::sort(listed.begin(), listed.end());
+    std::sort(declared.begin(), declared.end());
+    EXPECT_EQ(listed, declared);
+    EXPECT_EQ(params.inits, initial);
+
+    // A parameter that feeds the key makes another member, so it is left out of what follows.
+    unsigned initBits = 0;
+    for (std::size_t i = 0; i < initial.size(); ++i)
+      if (keyOf(s, given1, bit(compared.size() + i)) == k1) initBits |= bit(compared.size() + i);
+    std::vector<std::size_t> kept;
+    for (std::size_t i = 0; i < compared.size(); ++i)
+      if (keyOf(s, given1, bit(i)) == k1) kept.push_back(i);
+    Kiv::Ptr<typename MemberTraits::Recorder> memberCalls(new typename MemberTraits::Recorder(m));
+    // With every parameter from kept[p] on different, kept[p] is named, so each is compared and
+    // in the listed order; nothing changes, not even the init parameters that differ too.
+    for (std::size_t p = 0; p < kept.size(); ++p) {
+      unsigned mask = initBits;
+      for (std::size_t q = p; q < kept.size(); ++q) mask |= bit(kept[q]);
+      if (!(keyOf(s, given1, mask) == k1)) continue;
+      std::size_t const at = static_cast<std::size_t>(
+          std::find(params.names.begin(), params.names.end(), compared[kept[p]]) - params.names.begin());
+      ASSERT_LT(at, params.names.size());
       std::string const expected = "Reinstantiating the entity with name " + Kiv::nameOf(k1).stdString() +
-                                   " where constructor parameter attribute _" + params.names[i] +
-                                   " has a different value of " + params.differing[i] + " than the current value of " +
-                                   params.current[i] + " not allowed";
-      EXPECT_EQ(thrownText<Kiv::NameInUseException>([&] { create(e, k1, s, static_cast<int>(i)); }), expected);
+                                   " where constructor parameter attribute _" + params.names[at] +
+                                   " has a different value of " + params.differing[at] + " than the current value of " +
+                                   params.current[at] + " not allowed";
+      EXPECT_EQ(thrownText<Kiv::NameInUseException>([&] { create(e, given1, s, mask); }), expected);
+    }
+    EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{});
+    // A different init value is set in place, through the setter.
+    for (std::size_t i = 0; i < initial.size(); ++i) {
+      unsigned const b = bit(compared.size() + i);
+      if (!(initBits & b)) continue;
+      EXPECT_TRUE(create(e, given1, s, b) == m);
+      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{initial[i]});
+      create(e, given1, s, b);
+      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{});
+      create(e, given1, s, 0u);
+      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{initial[i]});
     }
     if constexpr (kStringKey<K>) {
-      EXPECT_THROW(create(e, K(), s, -1), Kiv::RangeException);
+      if (keyOf(s, K(), 0u) == K()) {
+        EXPECT_THROW(create(e, K(), s, 0u), Kiv::RangeException);
+      }
     }
     EXPECT_EQ(f.calls(), Calls{});
     EXPECT_EQ(size(e), 1u);
@@ -238,13 +369,14 @@ struct CollectionsBehave : Ignore {
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     EXPECT_EQ(m->parent(), nullptr);
+    owners(*m, nullptr);
     EXPECT_FALSE(get(e, k1));
     EXPECT_EQ(size(e), 0u);
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{});
 
-    create(e, k1, s, -1);
-    create(e, k2, s, -1);
+    Kiv::Ptr<M> const m1 = create(e, given1, s, 0u), m2 = create(e, given2, s, ~0u);
+    owners(*m2, &e);
     f.calls();
     delAll(e);
     Calls got = f.calls(), want{on(n, k1), on(n, k2)};
@@ -252,28 +384,37 @@ struct CollectionsBehave : Ignore {
     std::sort(want.begin(), want.end());
     EXPECT_EQ(got, want);
     EXPECT_EQ(size(e), 0u);
+    owners(*m1, nullptr);
+    owners(*m2, nullptr);
   }
 
   template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto del, auto delAll, auto size,
-                       auto notify) {
+  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto del, auto delAll,
+                       auto size, auto notify) {
     SCOPED_TRACE(n);
     auto& e = *f.entity;
-    K const k1 = f.samples.template get<K>(1), k2 = f.samples.template get<K>(2);
-    V const v1 = f.samples.template get<V>(1);
+    // A key computed from the value ignores the one given.
+    K const given1 = f.samples.template get<K>(1), given2 = f.samples.template get<K>(2);
+    V const v1 = f.samples.template get<V>(1), v2 = f.samples.template get<V>(2);
+    K const k1 = keyOf(given1, v1), k2 = keyOf(given2, v2);
+    ASSERT_FALSE(k1 == k2);
 
     EXPECT_EQ(read(e, k1), V{});
-    write(e, k1, v1);
+    write(e, given1, v1);
     EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     EXPECT_EQ(read(e, k1), v1);
-    write(e, k1, v1);
+    write(e, given1, v1);
     EXPECT_EQ(f.calls(), Calls{});
     // The default value is stored like any other, not taken for an absence.
-    write(e, k1, V{});
-    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    if (keyOf(given1, V{}) == k1) {
+      write(e, given1, V{});
+      EXPECT_EQ(f.calls(), Calls{on(n, k1)});
+    }
     EXPECT_EQ(size(e), 1u);
     if constexpr (kStringKey<K>) {
-      EXPECT_THROW(write(e, K(), v1), Kiv::RangeException);
+      if (keyOf(K(), V{}) == K()) {
+        EXPECT_THROW(write(e, K(), V{}), Kiv::RangeException);
+      }
     }
     notify(e, k2);
     EXPECT_EQ(f.calls(), Calls{on(n, k2)});
@@ -285,8 +426,8 @@ struct CollectionsBehave : Ignore {
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{});
 
-    write(e, k1, v1);
-    write(e, k2, v1);
+    write(e, given1, v1);
+    write(e, given2, v2);
     f.calls();
     delAll(e);
     Calls got = f.calls(), want{on(n, k1), on(n, k2)};
@@ -313,6 +454,12 @@ struct RefusesWrites : Ignore {
     refused(n, [&] { write(*f.entity, f.samples.template get<P>(1)); });
     EXPECT_EQ(read(*f.entity), P{}) << n;
   }
+  template <class P>
+  void initial(char const* n, std::uint32_t, int, auto read, auto write) {
+    if (populate) return;
+    refused(n, [&] { write(*f.entity, f.samples.template get<P>(1)); });
+    EXPECT_TRUE(read(*f.entity) == f.samples.template get<P>(0)) << n;
+  }
   template <class Target, bool isConst>
   void reference(char const* n, std::uint32_t, auto read, auto write) {
     if (populate) return;
@@ -320,30 +467,32 @@ struct RefusesWrites : Ignore {
     EXPECT_FALSE(read(*f.entity)) << n;
   }
   template <class K, class M>
-  void collection(char const* n, std::uint32_t, std::vector<std::string> const&, auto create, auto, auto del,
-                  auto delAll, auto size, auto) {
+  void collection(char const* n, std::uint32_t, std::vector<std::string> const&, std::vector<std::string> const&,
+                  auto create, auto keyOf, auto, auto del, auto delAll, auto size, auto) {
     auto& e = *f.entity;
-    K const k1 = f.samples.template get<K>(1);
+    K const given1 = f.samples.template get<K>(1);
     if (populate) {
-      create(e, k1, f.samples, -1);
+      create(e, given1, f.samples, 0u);
       return;
     }
-    refused(n, [&] { create(e, f.samples.template get<K>(2), f.samples, -1); });
-    refused(n, [&] { del(e, k1); });
+    refused(n, [&] { create(e, f.samples.template get<K>(2), f.samples, ~0u); });
+    refused(n, [&] { del(e, keyOf(f.samples, given1, 0u)); });
     refused(n, [&] { delAll(e); });
     EXPECT_EQ(size(e), 1u) << n;
   }
   template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto del, auto delAll, auto size, auto) {
+  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto del, auto delAll,
+                       auto size, auto) {
     auto& e = *f.entity;
-    K const k1 = f.samples.template get<K>(1);
+    K const given1 = f.samples.template get<K>(1);
     V const v1 = f.samples.template get<V>(1);
+    K const k1 = keyOf(given1, v1);
     if (populate) {
-      write(e, k1, v1);
+      write(e, given1, v1);
       return;
     }
-    refused(n, [&] { write(e, f.samples.template get<K>(2), v1); });
-    refused(n, [&] { write(e, k1, V{}); });
+    refused(n, [&] { write(e, f.samples.template get<K>(2), f.samples.template get<V>(2)); });
+    refused(n, [&] { write(e, given1, V{}); });
     refused(n, [&] { del(e, k1); });
     refused(n, [&] { delAll(e); });
     EXPECT_EQ(size(e), 1u) << n;
@@ -368,7 +517,7 @@ class KivConformance : public ::testing::Test {
     return TraitsOf<U>::make(Kiv::Name(name), samples);
   }
 
-  typename C::Samples samples;
+  detail::Samples<C> samples;
   Kiv::Ptr<T> entity = Traits::make(Kiv::Name("subject"), samples);
   Kiv::Ptr<typename Traits::Recorder> recorder{new typename Traits::Recorder(entity)};
 };
@@ -381,7 +530,7 @@ TYPED_TEST_P(KivConformance, AttributesAreNumberedFrom258AsRegistered) {
   TestFixture::Traits::visit(listing);
   Kiv::TypeInfo const& info = T::kivTypeInfo();
   EXPECT_STREQ(info.name, TestFixture::Traits::kTypeName);
-  EXPECT_EQ(&this->entity->kivType(), &info);
+  EXPECT_EQ(&this->entity->kivEntityType(), &info);
   EXPECT_EQ(Kiv::typeNamed(info.name), &info);
   ASSERT_EQ(info.attrCount, listing.attrs.size());
   for (std::size_t i = 0; i < listing.attrs.size(); ++i) {

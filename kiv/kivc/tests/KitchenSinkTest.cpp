@@ -68,6 +68,40 @@ TEST(KitchenSinkTypes, FactoryAndDerivedExpression) {
   EXPECT_EQ(pool->poolName(), Kiv::Name("deep"));
 }
 
+TEST(KitchenSinkTypes, SingletonComputedKeysAndOwner) {
+  Kiv::Ptr<Ns::Registry> registry = Ns::Registry::RegistryIs("hello");
+  EXPECT_EQ(registry->name(), Kiv::Name());
+  EXPECT_EQ(registry->parent(), nullptr);
+  EXPECT_EQ(registry->motto(), Kiv::String("hello"));
+
+  // A computed key is checked before anything is stored.
+  EXPECT_THROW(registry->mountIs(V("", "x"), 1, "n", Ns::colorRed, nullptr), Kiv::RangeException);
+  EXPECT_THROW(registry->taggedIs(V("", "x")), Kiv::RangeException);
+  EXPECT_EQ(registry->mountSize() + registry->taggedSize(), 0u);
+
+  // The parent's notifiees hear of a removal only once the member has let go of it.
+  struct Watch : Ns::Registry::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    void onMount(Kiv::String const&) override {
+      if (held) stillOwned = held->registry() || held->parent();
+    }
+    Kiv::Ptr<Ns::Mount> held;
+    bool stillOwned = true;
+  };
+  Kiv::Ptr<Watch> watch(new Watch(registry));
+  watch->held = registry->mountIs(V("m", "x"), 1, "n", Ns::colorRed, nullptr);
+  EXPECT_EQ(watch->held->registry(), registry.ptr());
+  registry->mountDel("m");
+  EXPECT_FALSE(watch->stillOwned);
+
+  // Nor does a member outliving its parent keep a dangling owner.
+  Kiv::Ptr<Ns::Mount> survivor = registry->mountIs(V("s", "x"), 1, "n", Ns::colorRed, nullptr);
+  watch = nullptr;
+  registry = nullptr;
+  EXPECT_EQ(survivor->registry(), nullptr);
+  EXPECT_EQ(survivor->parent(), nullptr);
+}
+
 struct KitchenSinkSamples : kivconformance::BuiltinSamples {
   template <class P>
   P get(int variant) {
@@ -88,4 +122,4 @@ using SinkCase = kivconformance::Case<Ns::kivtesting::Traits, T, KitchenSinkSamp
 
 }  // namespace
 
-KIV_CONFORMANCE_SUITE(KitchenSink, SinkCase<Ns::Pool>, SinkCase<Ns::Leaf>)
+KIV_CONFORMANCE_SUITE(KitchenSink, SinkCase<Ns::Pool>, SinkCase<Ns::Leaf>, SinkCase<Ns::Registry>, SinkCase<Ns::Mount>)

@@ -89,7 +89,7 @@ BadCase const kBad[] = {
      "4:3: error: attribute x is declared twice"},
     {"duplicate type", "namespace Ns;\nvalue E { a : bool; }\nentity E {}\n", "3:1: error: type E is declared twice"},
     {"bad attribute kind", "namespace Ns;\nentity E {\n  mutible x : bool;\n}\n",
-     "3:3: error: expected an attribute kind (derived, const, mutable, ref, collection, set) but found 'mutible'"},
+     "3:3: error: expected an attribute kind (derived, const, init, mutable, ref, owner, collection, set) but found 'mutible'"},
     {"collection of a non-entity", "namespace Ns;\nentity E {\n  collection c : Name -> String;\n}\n",
      "3:3: error: attribute c of E is a collection, so its members must be an entity type"},
     {"set holding an entity", "namespace Ns;\nentity M {}\nentity E {\n  set s : Name -> M;\n}\n",
@@ -114,6 +114,28 @@ BadCase const kBad[] = {
      "3:3: error: 'String' is not a known entity type"},
     {"entity held by value", "namespace Ns;\nentity M {}\nentity E {\n  mutable m : M;\n}\n",
      "4:3: error: attribute m of E cannot hold an entity by value; use Ptr<T> or PtrConst<T>"},
+    {"init entity by value", "namespace Ns;\nentity M {}\nentity E {\n  init m : M;\n}\n",
+     "4:3: error: attribute m of E cannot hold an entity by value; use Ptr<T> or PtrConst<T>"},
+    {"owner of a non-entity", "namespace Ns;\nentity E {\n  owner o : String;\n}\n",
+     "3:3: error: 'String' is not a known entity type"},
+    {"compares an unknown name", "namespace Ns;\nentity E {\n  collection m : Name -> M compare (a, z);\n}\n"
+     "entity M {\n  const a : U32;\n}\n",
+     "3:3: error: attribute m of E compares z, which is not an attribute of M"},
+    {"compares a non-const", "namespace Ns;\nentity M {\n  const a : U32;\n  init b : U32;\n}\n"
+     "entity E {\n  collection m : Name -> M compare (b, a);\n}\n",
+     "7:3: error: attribute m of E compares b, which is not a const attribute of M"},
+    {"compare list short", "namespace Ns;\nentity M {\n  const a : U32;\n  const b : U32;\n}\n"
+     "entity E {\n  collection m : Name -> M compare (b);\n}\n",
+     "7:3: error: attribute m of E leaves const attribute a of M out of its compare list"},
+    {"compare listed twice", "namespace Ns;\nentity M {\n  const a : U32;\n}\n"
+     "entity E {\n  collection m : Name -> M compare (a, a);\n}\n",
+     "6:3: error: attribute m of E compares a twice"},
+    {"compare on a set", "namespace Ns;\nentity E {\n  set s : Name -> bool compare (a);\n}\n",
+     "3:24: error: a set has no constructor parameters to compare; 'compare' is for collections"},
+    {"option given twice", "namespace Ns;\nentity E {\n  set s : Name -> bool hint 2 hint 3;\n}\n",
+     "3:31: error: option hint is given twice"},
+    {"key not quoted", "namespace Ns;\nentity E {\n  set s : Name -> bool key v;\n}\n",
+     "3:28: error: expected a quoted C++ expression after 'key'"},
 };
 
 TEST(Diagnostics, EachBadDefinitionGivesOneLocatedError) {
