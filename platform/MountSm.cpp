@@ -1,0 +1,257 @@
+#include "platform/MountSm.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kiv/Exception.h"
+#include "kiv/Reactor.h"
+#include "kiv/Trace.h"
+#include "platform/SimNetwork.h"
+#include "platform/Timer.h"
+
+namespace Controller {
+
+namespace {
+
+Kiv::TraceHandle trace("ControllerMountSm");
+
+Kiv::Ptr<Kiv::Dir>& localRoot() {
+  static Kiv::Ptr<Kiv::Dir> root;
+  return root;
+}
+
+std::vector<std::string_view> components(std::string_view path) {
+  std::vector<std::string_view> out;
+  while (!path.empty()) {
+    std::size_t slash = path.find('/');
+    std::string_view c = path.substr(0, slash);
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+    if (!c.empty()) out.push_back(c);
+  }
+  return out;
+}
+
+// Joins with '/', skipping empty components: "a/" + "/b" is "a/b".
+std::string joinPath(std::string_view a, std::string_view b) {
+  std::string out;
+  for (std::string_view part : {a, b}) {
+    for (std::string_view c : components(part)) {
+      if (!out.empty()) out += '/';
+      out += c;
+    }
+  }
+  return out;
+}
+
+// Copies `source`'s members into `copy`, read-only, recursively. Directories and records carry
+// their content; any other entity is recreated by its type name, empty. The caller holds a
+// ReplicaWriteScope.
+void replicaFill(Kiv::Entity& copy, Kiv::Entity const& source) {
+  copy.kivReadOnlyIs(true);
+  if (&source.kivEntityType() == &Kiv::Dir::kivTypeInfo()) {
+    auto& dir = static_cast<Kiv::Dir&>(copy);
+    for (auto it = static_cast<Kiv::Dir const&>(source).entityPtrIter(); it; ++it) {
+      Kiv::Entity const& member = *it.value();
+      replicaFill(*dir.entryIs(it.key(), member.kivEntityType().name), member);
+    }
+  } else if (&source.kivEntityType() == &Sim::Record::kivTypeInfo()) {
+    auto& record = static_cast<Sim::Record&>(copy);
+    for (auto it = static_cast<Sim::Record const&>(source).attrIter(); it; ++it) record.attrIs(it.key(), it.value());
+  }
+}
+
+}  // namespace
+
+Kiv::Ptr<MountSm> MountSm::MountSmIs(Controller::SystemId systemId,
+                                     Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig,
+                                     Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig,
+                                     Kiv::String remoteRootPath, Kiv::String remotePath, Kiv::String targetPath,
+                                     Kiv::String connectionName, std::uint32_t reconnectRetries,
+                                     Kiv::Seconds mountTimeout, Kiv::Ptr<Controller::MountSmData> mountSmData) {
+  Kiv::nullCheck(connectionConfig, "connectionConfig", "Controller::MountSm");
+  Kiv::nullCheck(mountSmData, "mountSmData", "Controller::MountSm");
+  Kiv::Ptr<MountSm> sm(new MountSm(systemId, std::move(connectionConfig), std::move(heartbeatConfig),
+                                   std::move(remoteRootPath), std::move(remotePath), std::move(targetPath),
+                                   std::move(connectionName), reconnectRetries, mountTimeout, std::move(mountSmData)));
+  sm->startMounting();
+  return sm;
+}
+
+MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig,
+                 Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig, Kiv::String remoteRootPath,
+                 Kiv::String remotePath, Kiv::String targetPath, Kiv::String connectionName,
+                 std::uint32_t reconnectRetries, Kiv::Seconds mountTimeout,
+                 Kiv::Ptr<Controller::MountSmData> mountSmData)
+    : systemId_(systemId),
+      connectionConfig_(std::move(connectionConfig)),
+      heartbeatConfig_(std::move(heartbeatConfig)),
+      remoteRootPath_(std::move(remoteRootPath)),
+      remotePath_(std::move(remotePath)),
+      targetPath_(std::move(targetPath)),
+      connectionName_(std::move(connectionName)),
+      reconnectRetries_(reconnectRetries),
+      mountTimeout_(mountTimeout),
+      mountSmData_(std::move(mountSmData)),
+      // Each step holds the machine: the owner's reactors may release it while the step reports.
+      requestTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onRequestTime(); })),
+      attemptTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onAttemptTime(); })),
+      unmountTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onUnmountTime(); })) {}
+
+MountSm::~MountSm() { doCleanup(); }
+
+void MountSm::localRootDirIs(Kiv::Ptr<Kiv::Dir> dir) { localRoot() = std::move(dir); }
+
+Kiv::Ptr<Kiv::Dir> MountSm::localRootDir() { return localRoot(); }
+
+void MountSm::connectionConfigIs(Kiv::PtrConst<Controller::ConnectionConfig> cfg) {
+  Kiv::nullCheck(cfg, "connectionConfig", "Controller::MountSm");
+  connectionConfig_ = std::move(cfg);
+}
+
+void MountSm::doRemount() {
+  if (cleanedUp_) return;
+  startMounting();
+}
+
+void MountSm::doUnmount() { request(Request::unmount); }
+
+void MountSm::doStatePreservingUnmount() { request(Request::statePreservingUnmount); }
+
+void MountSm::doCleanup() {
+  cleanedUp_ = true;
+  request_ = Request::none;
+  requestTimer_->disarm();
+  attemptTimer_->disarm();
+  unmountTimer_->disarm();
+}
+
+void MountSm::request(Request r) {
+  if (cleanedUp_) return;
+  request_ = r;
+  if (!requestTimer_->armed()) requestTimer_->armIn(0);
+}
+
+void MountSm::onRequestTime() {
+  if (cleanedUp_ || request_ == Request::none) return;
+  Request r = request_;
+  request_ = Request::none;
+  switch (state_) {
+    case mountStateUnmounted:
+      if (r == Request::unmount && copy_) {
+        copyDel();
+        mountSmData_->mountedPathIs("");
+      }
+      return;
+    case mountStateUnmounting:
+      unmounting_ = r;
+      return;
+    case mountStateMounting:
+    case mountStateFailed:
+    case mountStateMounted:
+      break;
+  }
+  attemptTimer_->disarm();
+  unmounting_ = r;
+  Sim::Switch* sw = findSwitch();
+  unmountTimer_->armIn(sw ? sw->unmountLatency() : 0);
+  stateIs(mountStateUnmounting);
+}
+
+void MountSm::onUnmountTime() {
+  if (cleanedUp_ || state_ != mountStateUnmounting) return;
+  if (unmounting_ == Request::unmount) {
+    copyDel();
+    mountSmData_->mountedPathIs("");
+  }
+  unmounting_ = Request::none;
+  if (!cleanedUp_) stateIs(mountStateUnmounted);
+}
+
+void MountSm::startMounting() {
+  request_ = Request::none;
+  requestTimer_->disarm();
+  unmountTimer_->disarm();
+  unmounting_ = Request::none;
+  attempts_ = 0;
+  startAttempt();
+  stateIs(mountStateMounting);
+}
+
+void MountSm::startAttempt() {
+  ++attempts_;
+  attemptStart_ = Kiv::System::currentTime();
+  Sim::Switch* sw = findSwitch();
+  awaitingCompletion_ = sw && sw->mountable() && sw->mountLatency() <= mountTimeout_;
+  attemptGeneration_ = sw ? sw->generation() : 0;
+  KIV_TRACE(trace, 8, __FILE__, __LINE__, __func__,
+            systemId_ << " attempt " << attempts_ << (awaitingCompletion_ ? " reaches the switch" : " will time out"));
+  attemptTimer_->armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
+}
+
+void MountSm::onAttemptTime() {
+  if (cleanedUp_ || state_ != mountStateMounting) return;
+  if (awaitingCompletion_) {
+    awaitingCompletion_ = false;
+    // The connection the attempt went out on may have gone (even if a new one is up by now), or
+    // the switch started failing.
+    Sim::Switch* sw = findSwitch();
+    if (sw && sw->mountable() && sw->generation() == attemptGeneration_ && establish(*sw)) {
+      mountSmData_->mountedPathIs(Kiv::String(joinPath(targetPath_, copy_->name())));
+      if (!cleanedUp_) stateIs(mountStateMounted);
+      return;
+    }
+    attemptTimer_->armAt(attemptStart_ + mountTimeout_);
+    return;
+  }
+  if (attempts_ <= reconnectRetries_) {
+    startAttempt();
+    return;
+  }
+  stateIs(mountStateFailed);
+}
+
+bool MountSm::establish(Sim::Switch& sw) {
+  std::string remote = joinPath(remoteRootPath_, remotePath_);
+  std::vector<std::string_view> remoteComponents = components(remote);
+  Kiv::Ptr<Kiv::Entity> source = sw.root()->entityAtPath(remote);
+  Kiv::Ptr<Kiv::Dir> parent = localRoot();
+  if (!source || !parent || remoteComponents.empty()) return false;
+  Kiv::Name name(remoteComponents.back());
+  try {
+    for (std::string_view c : components(targetPath_)) parent = parent->subdirIs(Kiv::Name(c));
+    copyDel();
+    // The target path belongs to the mount: whatever sits there (a copy an earlier machine kept,
+    // say) gives way to the fresh copy.
+    if (parent->entityPtr(name)) parent->entityPtrDel(name);
+    copy_ = parent->entryIs(name, source->kivEntityType().name);
+    copyParent_ = parent;
+    Kiv::ReplicaWriteScope scope;
+    replicaFill(*copy_, *source);
+  } catch (Kiv::Exception const& e) {
+    KIV_TRACE(trace, 5, __FILE__, __LINE__, __func__, systemId_ << " cannot place the copy: " << e.what());
+    return false;
+  }
+  return true;
+}
+
+void MountSm::copyDel() {
+  Kiv::Ptr<Kiv::Entity> copy = std::move(copy_);
+  Kiv::Ptr<Kiv::Dir> parent = std::move(copyParent_);
+  if (copy && parent && parent->entityPtr(copy->name()) == copy) parent->entityPtrDel(copy->name());
+}
+
+Sim::Switch* MountSm::findSwitch() const {
+  Sim::Network* net = Sim::Network::current();
+  Sim::Switch* sw = net ? net->switchAt(connectionConfig_->address()) : nullptr;
+  return sw && sw->systemId() == systemId_ ? sw : nullptr;
+}
+
+void MountSm::stateIs(Controller::MountState s) {
+  KIV_TRACE(trace, 5, __FILE__, __LINE__, __func__, systemId_ << " " << state_ << " -> " << s);
+  state_ = s;
+  // Last in every step: the owner's reactors may call back into this machine, or release it.
+  mountSmData_->mountStateIs(s);
+}
+
+}  // namespace Controller

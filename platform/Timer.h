@@ -1,0 +1,43 @@
+#pragma once
+// Platform::Timer: a one-shot timer on the current event loop that runs a callback. The stand-ins
+// in platform/ own one per pending step, hold it by Ptr, and disarm (or drop) it to cancel.
+//
+// It binds to the clock of whichever loop is current when it is armed (one must be), so an object
+// that outlives one loop (a process-wide singleton across tests) still arms on the next one.
+
+#include <functional>
+#include <utility>
+
+#include "kiv/Clock.h"
+
+namespace Platform {
+
+class Timer : public Kiv::Clock::NotifieeConst {
+ public:
+  static Kiv::Ptr<Timer> TimerIs(std::function<void()> onTime) { return Kiv::Ptr<Timer>(new Timer(std::move(onTime))); }
+
+  bool armed() const { return timeMin() != Kiv::kInfinity; }
+  // Arms for absolute time t on the current loop (re-arming moves it).
+  void armAt(Kiv::Seconds t) {
+    Kiv::Ptr<Kiv::Clock const> clock = Kiv::ActivityFacility::clock();
+    if (notifier() != clock) {
+      timeMinIs(Kiv::kInfinity);
+      notifierIs(clock);
+    }
+    timeMinIs(t);
+  }
+  void armIn(Kiv::Seconds delay) { armAt(Kiv::System::currentTime() + delay); }
+  void disarm() { timeMinIs(Kiv::kInfinity); }
+
+  void onTime() override {
+    // The callback may drop its owner's last reference to this timer.
+    Kiv::Ptr<Timer> self(this);
+    onTime_();
+  }
+
+ private:
+  explicit Timer(std::function<void()> onTime) : onTime_(std::move(onTime)) {}
+  std::function<void()> onTime_;
+};
+
+}  // namespace Platform

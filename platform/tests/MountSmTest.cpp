@@ -1,0 +1,204 @@
+#include <gmock/gmock.h>
+
+#include <utility>
+#include <vector>
+
+#include "SimFixture.h"
+#include "kiv/Exception.h"
+
+namespace {
+
+using namespace Controller;
+using ::testing::ElementsAre;
+using ::testing::Pair;
+using States = std::vector<std::pair<MountState, Kiv::Seconds>>;
+
+// Every mountState change with the virtual time it happened at.
+class StateLog : public MountSmData::NotifieeConst {
+ public:
+  using NotifieeConst::NotifieeConst;
+  void onMountState() override {
+    states.push_back({notifier()->mountState(), Kiv::System::currentTime()});
+    if (then) then(notifier()->mountState());
+  }
+  States states;
+  std::function<void(MountState)> then;
+};
+
+class MountSmTest : public SimFixture {
+ protected:
+  MountSmTest() {
+    MountSm::localRootDirIs(local);
+    sw.mountLatencyIs(2).unmountLatencyIs(3);
+    sw.entityIs("state/ports/eth1")->attrIs("speed", "100G");
+    sw.entityIs("state/ports/lag/po1");
+    sw.connect();
+  }
+
+  // A fresh data entity and machine mounting the switch's "state/ports" at "mounts/s1".
+  Kiv::Ptr<MountSm> mount(std::uint32_t retries = 2, Kiv::Seconds timeout = 5) {
+    data = MountSmData::MountSmDataIs("data", sw.systemId(), "ports");
+    log = new StateLog(data);
+    auto config = ConnectionConfig::ConnectionConfigIs("config");
+    config->addressIs(sw.address());
+    return MountSm::MountSmIs(sw.systemId(), config, heartbeat, "state", "/ports", "mounts/s1", "s1", retries,
+                              timeout, data);
+  }
+  Kiv::Ptr<Sim::Record> copied(char const* member) {
+    return Kiv::entityCast<Sim::Record>(local->entityAtPath(std::string("mounts/s1/ports/") + member));
+  }
+
+  Sim::Switch& sw = net.switchIs("00:00:00:00:00:01");
+  Kiv::Ptr<MountSmData> data;
+  Kiv::Ptr<StateLog> log;
+};
+
+TEST_F(MountSmTest, MountsAReadOnlyCopyAfterTheLatency) {
+  auto sm = mount();
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0)));
+  loop.advanceTo(1.9);
+  EXPECT_EQ(local->entityAtPath("mounts/s1/ports"), nullptr);
+  loop.advanceTo(10);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0), Pair(mountStateMounted, 2)));
+  EXPECT_EQ(data->mountedPath(), "mounts/s1/ports");
+
+  ASSERT_NE(copied("eth1"), nullptr);
+  EXPECT_EQ(copied("eth1")->attr("speed"), "100G");
+  EXPECT_NE(copied("lag/po1"), nullptr);
+  for (char const* path : {"mounts/s1/ports", "mounts/s1/ports/lag", "mounts/s1/ports/eth1"})
+    EXPECT_TRUE(local->entityAtPath(path)->kivReadOnly()) << path;
+  EXPECT_FALSE(local->entityAtPath("mounts/s1")->kivReadOnly());
+  EXPECT_THROW(copied("eth1")->attrIs("speed", "1G"), Kiv::InternalException);
+  EXPECT_EQ(loop.pendingTimerCount(), 0u);
+}
+
+TEST_F(MountSmTest, GivesUpAfterTheRetriesEachTakingTheTimeout) {
+  // Each way an attempt can fail costs the full timeout, three attempts in all.
+  std::vector<std::pair<char const*, std::function<void()>>> faults = {
+      {"failing", [&] { sw.failingIs(true); }},
+      {"unreachable", [&] { sw.failingIs(false).disconnect(); }},
+      {"slower than the timeout", [&] { sw.mountLatencyIs(6).connect(); }},
+  };
+  for (auto& [fault, apply] : faults) {
+    SCOPED_TRACE(fault);
+    apply();
+    Kiv::Seconds start = loop.now();
+    auto sm = mount(2, 5);
+    loop.advanceTo(start + 14.9);
+    EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, start)));
+    loop.advanceTo(start + 20);
+    EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, start), Pair(mountStateFailed, start + 15)));
+  }
+}
+
+TEST_F(MountSmTest, RetriesReachASwitchThatComesBackAndNotOneThatLeftMidAttempt) {
+  sw.disconnect();
+  auto sm = mount(2, 5);
+  loop.advanceTo(7);
+  sw.connect();  // during the second attempt, which had already given up on it
+  loop.advanceTo(20);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0), Pair(mountStateMounted, 12)));
+
+  sm = mount(0, 5);
+  loop.advanceTo(21);
+  sw.flap(0.5);  // back before the latency is over, but the attempt in flight is lost
+  loop.advanceTo(40);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 20), Pair(mountStateFailed, 25)));
+}
+
+TEST_F(MountSmTest, UnmountIsARequestActedOnAtTheNextTurn) {
+  auto sm = mount();
+  loop.advanceTo(2);
+  sm->doUnmount();
+  EXPECT_TRUE(sm->pendingRequest());
+  EXPECT_EQ(data->mountState(), mountStateMounted);
+  loop.runUntilIdle();
+  EXPECT_FALSE(sm->pendingRequest());
+  loop.advanceTo(10);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0), Pair(mountStateMounted, 2),
+                                       Pair(mountStateUnmounting, 2), Pair(mountStateUnmounted, 5)));
+  EXPECT_EQ(local->entityAtPath("mounts/s1/ports"), nullptr);
+  EXPECT_EQ(data->mountedPath(), "");
+}
+
+TEST_F(MountSmTest, StatePreservingUnmountKeepsTheCopyUntilAFreshOneReplacesIt) {
+  auto sm = mount();
+  loop.advanceTo(2);
+  sm->doStatePreservingUnmount();
+  loop.advanceTo(10);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0), Pair(mountStateMounted, 2),
+                                       Pair(mountStateUnmounting, 2), Pair(mountStateUnmounted, 5)));
+  Kiv::Ptr<Sim::Record> kept = copied("eth1");
+  ASSERT_NE(kept, nullptr);
+  EXPECT_TRUE(kept->kivReadOnly());
+  EXPECT_EQ(data->mountedPath(), "mounts/s1/ports");
+
+  // The next machine for the switch, as after a reconnect, replaces the kept copy.
+  sm->doCleanup();
+  sw.entityIs("state/ports/eth1")->attrIs("speed", "400G");
+  sm = mount();
+  loop.advanceTo(20);
+  EXPECT_NE(copied("eth1"), kept);
+  EXPECT_EQ(copied("eth1")->attr("speed"), "400G");
+}
+
+TEST_F(MountSmTest, RemountCancelsAnUnmountPendingOrRunning) {
+  auto sm = mount();
+  loop.advanceTo(2);
+  Kiv::Ptr<Sim::Record> first = copied("eth1");
+  sm->doUnmount();
+  sm->doRemount();
+  EXPECT_FALSE(sm->pendingRequest());
+  loop.advanceTo(10);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0), Pair(mountStateMounted, 2),
+                                       Pair(mountStateMounting, 2), Pair(mountStateMounted, 4)));
+  EXPECT_NE(copied("eth1"), first);
+
+  sm->doUnmount();
+  loop.advanceTo(11);  // unmounting until 13
+  sm->doRemount();
+  loop.advanceTo(20);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0), Pair(mountStateMounted, 2),
+                                       Pair(mountStateMounting, 2), Pair(mountStateMounted, 4),
+                                       Pair(mountStateUnmounting, 10), Pair(mountStateMounting, 11),
+                                       Pair(mountStateMounted, 13)));
+  EXPECT_NE(copied("eth1"), nullptr);
+
+  // After a reconnect at a new address only the new configuration reaches the switch.
+  sw.disconnect();
+  sw.addressIs(Ovel::IpAndPort("10.0.0.9:6042")).connect();
+  sm->doRemount();
+  loop.advanceTo(40);
+  EXPECT_EQ(data->mountState(), mountStateFailed);
+  sm->connectionConfigIs(net.peerTable()->peer(sw.systemId())->connectionConfig());
+  sm->doRemount();
+  loop.advanceTo(50);
+  EXPECT_EQ(data->mountState(), mountStateMounted);
+}
+
+TEST_F(MountSmTest, NothingHappensAfterCleanup) {
+  auto sm = mount();
+  loop.advanceTo(1);
+  sm->doUnmount();
+  sm->doCleanup();
+  EXPECT_FALSE(sm->pendingRequest());
+  sm->doRemount();
+  loop.advanceTo(100);
+  EXPECT_THAT(log->states, ElementsAre(Pair(mountStateMounting, 0)));
+  EXPECT_EQ(loop.pendingTimerCount(), 0u);
+
+  // The owner's usual ending: clean up and let go from inside the report of state 0.
+  sm = mount();
+  log->then = [&](MountState s) {
+    if (s == mountStateMounted) sm->doUnmount();
+    if (s != mountStateUnmounted) return;
+    sm->doCleanup();
+    sm = nullptr;
+  };
+  loop.advanceTo(200);
+  EXPECT_EQ(sm, nullptr);
+  EXPECT_EQ(log->states.back(), std::make_pair(mountStateUnmounted, Kiv::Seconds(105)));
+  EXPECT_EQ(loop.pendingTimerCount(), 0u);
+}
+
+}  // namespace
