@@ -322,6 +322,8 @@ class Parser {
       }
       expect(";");
       if (!names.insert(a.name).second && errors_.empty()) error(a.at, "attribute " + a.name + " is declared twice");
+      if (reserved(a) && errors_.empty())
+        error(a.at, "attribute name " + a.name + " is reserved by the framework or the generated code");
       e.attributes.push_back(std::move(a));
     }
     unsigned id = kFirstAttributeId;
@@ -353,6 +355,16 @@ class Parser {
         a.sizeHint = static_cast<unsigned>(std::stoul(next().text));
       }
     }
+  }
+
+  // Members every entity has; and, for constructor parameters, the names of the generated
+  // mutators' locals.
+  static bool reserved(Attribute const& a) {
+    static std::set<std::string> const members = {"name", "fullName", "parent", "parentAttrName", "entity"};
+    static std::set<std::string> const locals = {"k", "m", "existing"};
+    bool parameter = a.kind == AttrKind::constant || a.kind == AttrKind::initial;
+    return members.count(a.name) != 0 || (parameter && locals.count(a.name) != 0) ||
+           (a.name.rfind("kiv", 0) == 0 && a.name != "kivType" && a.name != "kivcType");
   }
 
   TypeRef typeRef() {
