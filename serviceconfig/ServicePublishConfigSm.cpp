@@ -1,0 +1,114 @@
+#include "serviceconfig/ServicePublishConfigSm.h"
+
+#include <vector>
+
+#include "serviceconfig/ServiceConfigTrace.h"
+#include "serviceconfig/ServicePublishGroupSm.h"
+
+namespace Controller {
+
+ServicePublishConfigSm::ServicePublishConfigSm(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
+                                               Kiv::PtrConst<ServicePublishConfig> const& servicePublishConfig,
+                                               Kiv::Ptr<ServicePublishStatus> const& servicePublishStatus,
+                                               Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
+                                               Kiv::Ptr<MountsRegistry> const& mountsRegistry,
+                                               ServiceConfigDirSm* parent)
+    : controllerdbStatus_(controllerdbStatus),
+      servicePublishConfig_(servicePublishConfig),
+      servicePublishStatus_(servicePublishStatus),
+      controllerdbPublishStatus_(controllerdbPublishStatus),
+      mountsRegistry_(mountsRegistry),
+      parent_(parent),
+      kivControllerdbStatus_(new KivControllerdbStatus(controllerdbStatus, this)),
+      kivServicePublishConfig_(new KivServicePublishConfig(servicePublishConfig, this)) {
+  handleInitialized();
+}
+
+ServicePublishConfigSm::~ServicePublishConfigSm() = default;
+
+bool ServicePublishConfigSm::canPublish() const {
+  Kiv::String const& controller = controllerdbStatus_->leaderGenId();
+  bool can = !controller.empty() && servicePublishConfig_->leaderGenId() == controller;
+  SCD_TRACE(8, "canPublish",
+            "ServicePublishConfigSm::" << "canPublish" << " can:" << can << " publishConfig genId:"
+                                       << servicePublishConfig_->leaderGenId() << " controller genId:" << controller);
+  return can;
+}
+
+void ServicePublishConfigSm::handleInitialized() {
+  SCD_TRACE(8, "handleInitialized", "ServicePublishConfigSm::" << "handleInitialized");
+  if (initialized_ || servicePublishConfig_->serviceName().empty()) return;
+  initialized_ = true;
+  handlePublishGroupConfig();
+  handleLeaderGenId();
+}
+
+void ServicePublishConfigSm::handleServiceName() {
+  SCD_DUALLOG("void Controller::ServicePublishConfigSm::handleServiceName()", " serviceName:%s",
+              servicePublishConfig_->serviceName());
+  handleInitialized();
+}
+
+void ServicePublishConfigSm::handleLeaderGenId() {
+  if (!initialized_) return;
+  SCD_TRACE(8, "handleLeaderGenId",
+            "ServicePublishConfigSm::" << "handleLeaderGenId" << " " << servicePublishConfig_->leaderGenId());
+  if (canPublish()) {
+    handlePublishReady();
+    return;
+  }
+  SCD_DUALLOG("void Controller::ServicePublishConfigSm::handleLeaderGenId()",
+              "Stale leaderGenId, cleanup publishReady flag for %s", servicePublishConfig_->serviceName());
+  mountsRegistry_->servicePublishReadyDel(servicePublishConfig_->serviceName());
+}
+
+void ServicePublishConfigSm::handlePublishReady() {
+  SCD_TRACE(8, "handlePublishReady",
+            "ServicePublishConfigSm::" << "handlePublishReady" << ": " << servicePublishConfig_->serviceName());
+  if (!initialized_ || !canPublish()) return;
+  mountsRegistry_->servicePublishReadyIs(servicePublishConfig_->serviceName(), servicePublishConfig_->ready());
+}
+
+void ServicePublishConfigSm::handlePublishGroupConfig() {
+  SCD_TRACE(8, "handlePublishGroupConfig", "ServicePublishConfigSm::" << "handlePublishGroupConfig");
+  if (!initialized_) return;
+  std::vector<Kiv::Name> groups;
+  for (auto it = servicePublishConfig_->publishGroupConfigIter(); it; ++it) groups.push_back(it.key());
+  for (Kiv::Name const& group : groups) handlePublishGroupConfig(group);
+}
+
+void ServicePublishConfigSm::handlePublishGroupConfig(Kiv::Name const& group) {
+  SCD_TRACE(8, "handlePublishGroupConfig",
+            "ServicePublishConfigSm::" << "handlePublishGroupConfig" << ": " << servicePublishConfig_->serviceName()
+                                       << ", " << group);
+  if (!initialized_) return;
+  if (Kiv::PtrConst<ServicePublishGroupConfig> config = servicePublishConfig_->publishGroupConfig(group)) {
+    Kiv::Ptr<ServicePublishGroupStatus> status = servicePublishStatus_->servicePublishGroupStatusIs(group);
+    status->publishStateIs(publishStateComplete);
+    publishGroupSmIs(controllerdbStatus_, servicePublishConfig_, config, status, mountsRegistry_);
+  } else if (Kiv::Ptr<ServicePublishGroupSm> sm = publishGroupSm_.get(group)) {
+    // The group's entries leave the registry before its machine and its status go.
+    sm->doCleanup();
+    publishGroupSmDel(group);
+    servicePublishStatus_->servicePublishGroupStatusDel(group);
+  }
+}
+
+Kiv::Ptr<ServicePublishGroupSm> ServicePublishConfigSm::publishGroupSmIs(
+    Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
+    Kiv::PtrConst<ServicePublishConfig> const& servicePublishConfig,
+    Kiv::PtrConst<ServicePublishGroupConfig> const& publishGroupConfig,
+    Kiv::Ptr<ServicePublishGroupStatus> const& publishGroupStatus, Kiv::Ptr<MountsRegistry> const& mountsRegistry) {
+  Kiv::nullCheck(publishGroupConfig, "publishGroupConfig", "Controller::ServicePublishConfigSm::publishGroupSm");
+  return publishGroupSm_.instantiate(
+      publishGroupConfig->name(),
+      std::make_tuple(controllerdbStatus, servicePublishConfig, publishGroupConfig, publishGroupStatus, mountsRegistry),
+      [&] {
+        return Kiv::Ptr<ServicePublishGroupSm>(new ServicePublishGroupSm(
+            controllerdbStatus, servicePublishConfig, publishGroupConfig, publishGroupStatus, mountsRegistry, this));
+      });
+}
+
+void ServicePublishConfigSm::publishGroupSmDel(Kiv::Name const& group) { publishGroupSm_.erase(group); }
+
+}  // namespace Controller

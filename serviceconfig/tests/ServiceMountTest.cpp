@@ -1,0 +1,176 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "serviceconfig/DirPath.h"
+#include "serviceconfig/tests/ServiceConfigFixture.h"
+
+namespace Controller::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class ServiceMount : public ::testing::Test, public ServiceConfigWorld {};
+
+TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
+  auto svc = mountService("svcA");
+  auto group = svc->mountGroupConfigIs("g1");
+  group->mountConfigIs("/sys/a", "Sim::Record", "r", "");            // under the registry's directory
+  group->mountConfigIs("/sys/b", "Sim::Record", "r", "local/b/here");  // under the root, where it says
+  start();
+
+  auto a = registry->mountEntry("/sys/a");
+  ASSERT_TRUE(a);
+  EXPECT_EQ(a->targetPath(), "mounts//sys/a");
+  EXPECT_TRUE(root->entityAtPath("mounts/sys/a"));
+  EXPECT_EQ(registry->mountEntry("/sys/b")->targetPath(), "local/b/here");
+  EXPECT_TRUE(Kiv::entityCast<Kiv::Dir>(root->entityAtPath("local/b/here")));
+  EXPECT_THAT(mountersOf("/sys/a"), ElementsAre("svcA/g1"));
+  auto status = mountStatusOf("svcA");
+  EXPECT_EQ(status->mountedPathPrefix("/sys/a")->pathPrefix(), "mounts//sys/a");
+  EXPECT_EQ(status->mountedPathPrefix("/sys/b")->pathPrefix(), "local/b/here");
+  EXPECT_EQ(a->mounter("svcA")->mountGroupConfig(), group);
+  EXPECT_EQ(status->serviceName(), "svcA");
+  svc->serviceNameIs("svcA2");
+  EXPECT_EQ(status->serviceName(), "svcA2");
+  svc->serviceNameIs("svcA");
+
+  // Paths come and go with the configuration; the entry stays without mounters.
+  group->mountConfigIs("/sys/c", "Sim::Record", "r", "");
+  EXPECT_THAT(mountersOf("/sys/c"), ElementsAre("svcA/g1"));
+  group->mountConfigDel("/sys/a");
+  EXPECT_THAT(mountersOf("/sys/a"), IsEmpty());
+  EXPECT_TRUE(registry->mountEntry("/sys/a"));
+  EXPECT_FALSE(status->mountedPathPrefix("/sys/a"));
+}
+
+TEST_F(ServiceMount, TheMounterIsAddedAfterItsPrefixAndTheFirstGroupOfAServiceWins) {
+  struct PrefixOnMounter : MountsRegistryEntry::NotifieeConst {
+    PrefixOnMounter(Kiv::PtrConst<MountsRegistryEntry> const& e, Kiv::Ptr<ServiceMountStatus> s)
+        : NotifieeConst(e), status(std::move(s)) {}
+    void onMounter(Kiv::String const&) override { prefixSeen.push_back(bool(status->mountedPathPrefix("/p"))); }
+    Kiv::Ptr<ServiceMountStatus> status;
+    std::vector<bool> prefixSeen;
+  };
+  start();
+  auto b = mountService("svcB");
+  auto entry = registry->mountEntryIs("/p", "mounts//p", "T", "r");
+  Kiv::Ptr<PrefixOnMounter> watch(new PrefixOnMounter(entry, mountStatusOf("svcB")));
+  b->mountGroupConfigIs("g1")->mountConfigIs("/p", "T", "r", "");
+  b->mountGroupConfigIs("g2")->mountConfigIs("/p", "T", "r", "");
+  EXPECT_THAT(watch->prefixSeen, ElementsAre(true));
+  EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
+
+  // The losing group's withdrawal leaves the winner's mounter and prefix alone.
+  b->mountGroupConfigDel("g2");
+  EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
+  EXPECT_TRUE(mountStatusOf("svcB")->mountedPathPrefix("/p"));
+}
+
+TEST_F(ServiceMount, TwoServicesShareOneEntryAndOnePrefix) {
+  start();
+  mountService("svcA")->mountGroupConfigIs("g")->mountConfigIs("/shared", "T", "r", "");
+  mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/shared", "T", "r", "ignored/for/second");
+  EXPECT_EQ(registry->mountEntrySize(), 1u);
+  EXPECT_THAT(mountersOf("/shared"), ElementsAre("svcA/g", "svcB/h"));
+  EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/shared")->pathPrefix(), "mounts//shared");
+  EXPECT_FALSE(root->entityAtPath("ignored"));
+}
+
+TEST_F(ServiceMount, LeaderGenerationGatesOrdinaryServicesButNotProxies) {
+  auto ordinary = mountService("svc");
+  ordinary->mountGroupConfigIs("g")->mountConfigIs("/o", "T", "r", "");
+  auto proxy = mountService("svc2-proxy", "old", true);
+  proxy->mountGroupConfigIs("g")->mountConfigIs("/x", "T", "r", "");
+  db->leaderGenIdIs("");
+  start();
+  EXPECT_THAT(mountersOf("/o"), IsEmpty());  // no controller generation: only proxies mount
+  EXPECT_THAT(mountersOf("/x"), ElementsAre("svc2-proxy/g"));
+
+  db->leaderGenIdIs("gen1");
+  EXPECT_THAT(mountersOf("/o"), ElementsAre("svc/g"));
+  db->leaderGenIdIs("gen2");  // the service's generation is stale now
+  EXPECT_THAT(mountersOf("/o"), IsEmpty());
+  EXPECT_FALSE(mountStatusOf("svc")->mountedPathPrefix("/o"));
+  EXPECT_TRUE(registry->mountEntry("/o"));
+  EXPECT_THAT(mountersOf("/x"), ElementsAre("svc2-proxy/g"));
+  ordinary->leaderGenIdIs("gen2");
+  EXPECT_THAT(mountersOf("/o"), ElementsAre("svc/g"));
+}
+
+TEST_F(ServiceMount, RemovingAGroupWithdrawsItsMountersBeforeItsMachineGoes) {
+  struct Order : MountsRegistryEntry::NotifieeConst {
+    Order(Kiv::PtrConst<MountsRegistryEntry> const& e, ServiceMountConfigSm* s) : NotifieeConst(e), sm(s) {}
+    void onMounter(Kiv::String const&) override { machinePresent.push_back(bool(sm->mountGroupSm("g"))); }
+    ServiceMountConfigSm* sm;
+    std::vector<bool> machinePresent;
+  };
+  auto svc = mountService("svc");
+  svc->mountGroupConfigIs("g")->mountConfigIs("/a", "T", "r", "");
+  start();
+  auto configSm = sm->serviceMountConfigSm("svc");
+  Kiv::Ptr<Order> order(new Order(registry->mountEntry("/a"), configSm.ptr()));
+  svc->mountGroupConfigDel("g");
+  EXPECT_THAT(order->machinePresent, ElementsAre(true));
+  EXPECT_FALSE(configSm->mountGroupSm("g"));
+  EXPECT_EQ(mountStatusOf("svc")->mountedPathPrefixSize(), 0u);
+}
+
+TEST_F(ServiceMount, EventsWorthKeepingAreLoggedWithTheirSignature) {
+  Kiv::TraceCapture capture;
+  serviceConfigDirSmTrace.levelIs(5, true);
+  start();
+  auto a = mountService("svcA");
+  a->mountGroupConfigIs("g")->mountConfigIs("/p", "T", "r", "");
+  mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/p", "T", "r", "");
+  a->mountGroupConfigIs("g")->mountConfigDel("/p");
+  mountService("svcB")->mountGroupConfigIs("h")->mountConfigDel("/p");
+  serviceConfigDirSmTrace.levelsIs(0);
+  std::string const add = "void Controller::ServiceMountGroupSm::addMountConfig(Kiv::Name): ";
+  std::string const del = "void Controller::ServiceMountGroupSm::removeMountConfig(Kiv::Name): ";
+  EXPECT_THAT(capture.messages(5),
+              ElementsAre(add + " add registry entry service:svcA group:g rpath:/p tpath:mounts//p",
+                          add + " add mounter service:svcA group:g rpath:/p path prefix:mounts//p",
+                          add + " dup registry entry service:svcB group:h rpath:/p",
+                          add + " add mounter service:svcB group:h rpath:/p path prefix:mounts//p",
+                          del + " del registry entry: service:svcA group:g path:/p",
+                          del + " del registry entry: service:svcB group:h path:/p",
+                          del + " all mounters gone path:/p"));
+}
+
+TEST(ServiceMountDeathTest, ADuplicateEntryMustAgreeOnTypeAndFlags) {
+  EXPECT_DEATH(
+      {
+        ServiceConfigWorld w;
+        w.start();
+        w.mountService("a")->mountGroupConfigIs("g")->mountConfigIs("/p", "T", "r", "");
+        w.mountService("b")->mountGroupConfigIs("g")->mountConfigIs("/p", "U", "r", "");
+      },
+      "mre->kivType\\(\\) == mountConfig->kivcType\\(\\)");
+  EXPECT_DEATH(
+      {
+        ServiceConfigWorld w;
+        w.start();
+        w.mountService("a")->mountGroupConfigIs("g")->mountConfigIs("/p", "T", "r", "");
+        w.mountService("b")->mountGroupConfigIs("g")->mountConfigIs("/p", "T", "rw", "");
+      },
+      "mre->mountFlags\\(\\) == mountConfig->mountFlags\\(\\)");
+}
+
+TEST(DirPath, CreatesWhatIsMissingOnceAndStopsAtANonDirectory) {
+  auto root = Kiv::Dir::DirIs("root");
+  Kiv::Ptr<Kiv::Dir> b = root->subdirIs("a")->subdirIs("b");
+  doCreateDirPath(root, "/a/b/c/d");
+  doCreateDirPath(root, "a//b/c/d");
+  EXPECT_EQ(root->entityAtPath("a/b"), b);
+  EXPECT_EQ(b->entityPtrs(), 1u);
+  EXPECT_TRUE(Kiv::entityCast<Kiv::Dir>(root->entityAtPath("a/b/c/d")));
+
+  auto svc = root->entryIs<ServiceMountConfig>("file");
+  doCreateDirPath(root, "file/x/y");
+  EXPECT_FALSE(root->entityAtPath("file/x"));
+  EXPECT_EQ(root->entityPtr("file"), svc);
+}
+
+}  // namespace
+}  // namespace Controller::testing

@@ -1,0 +1,138 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "serviceconfig/tests/ServiceConfigFixture.h"
+
+namespace Controller::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class ServicePublish : public ::testing::Test, public ServiceConfigWorld {
+ protected:
+  // A service with one group publishing one entity and one directory, filtered.
+  Kiv::Ptr<ServicePublishConfig> declare(std::string const& name, std::string const& genId = "gen1") {
+    auto svc = publishService(name, genId);
+    auto group = svc->publishGroupConfigIs("grp");
+    group->systemFilterIs(svc->systemFilterIs("sys"));
+    group->publishConfigIs("/local/" + name, "/remote/" + name, "Sim::Record");
+    group->publishDirIs("/dir/" + name, "Kiv::Dir");
+    svc->readyIs(true);
+    return svc;
+  }
+};
+
+TEST_F(ServicePublish, EntriesCarryTheGroupsFiltersAndDirectoriesWaitForReadiness) {
+  auto svc = declare("pub");
+  start();
+  auto entity = registry->publishEntry("/local/pub");
+  ASSERT_TRUE(entity);
+  EXPECT_EQ(entity->remotePath(), "/remote/pub");
+  EXPECT_FALSE(entity->isPrefixPath());
+  EXPECT_TRUE(entity->readyToPublish());
+  EXPECT_EQ(entity->serviceName(), "pub");
+  EXPECT_EQ(entity->systemFilter(), svc->systemFilter("sys"));
+  EXPECT_EQ(entity->versionFilter(), nullptr);
+
+  auto dir = registry->publishEntry("/dir/pub");
+  ASSERT_TRUE(dir);
+  EXPECT_TRUE(dir->isPrefixPath());
+  EXPECT_EQ(dir->remotePath(), "");
+  EXPECT_FALSE(dir->readyToPublish());
+  auto publishDir = svc->publishGroupConfig("grp")->publishDir("/dir/pub");
+  Kiv::ptrConstCast<PublishDir>(publishDir)->remoteTargetPathIs("/remote/dir");
+  Kiv::ptrConstCast<PublishDir>(publishDir)->readyToPublishIs(true);
+  EXPECT_EQ(dir->remotePath(), "/remote/dir");
+  EXPECT_TRUE(dir->readyToPublish());
+
+  // The group's filters follow the configuration.
+  auto versions = svc->versionFilterIs("v");
+  svc->publishGroupConfig("grp")->versionFilterIs(versions);
+  EXPECT_EQ(entity->versionFilter(), versions);
+  EXPECT_EQ(dir->versionFilter(), versions);
+
+  auto groupStatus = publishStatusOf("pub")->servicePublishGroupStatus("grp");
+  EXPECT_EQ(groupStatus->publishState(), publishStateComplete);
+  EXPECT_EQ(groupStatus->publishStatus("/local/pub")->publishState(), publishStateComplete);
+  EXPECT_TRUE(registry->servicePublishReady("pub"));
+  svc->readyIs(false);
+  EXPECT_FALSE(registry->servicePublishReady("pub"));
+}
+
+TEST_F(ServicePublish, TheFirstPublisherOfAPathKeepsItAndTheOtherIsToldAtLevelOne) {
+  Kiv::TraceCapture capture;
+  serviceConfigDirSmTrace.levelIs(1, true);
+  start();
+  publishService("first")->publishGroupConfigIs("g")->publishConfigIs("/shared", "/r1", "T");
+  auto second = publishService("second");
+  second->publishGroupConfigIs("g")->publishConfigIs("/shared", "/r2", "T");
+  second->publishGroupConfigIs("g")->publishDirIs("/shared", "Kiv::Dir");
+  serviceConfigDirSmTrace.levelsIs(0);
+  EXPECT_EQ(registry->publishEntry("/shared")->serviceName(), "first");
+  EXPECT_EQ(registry->publishEntry("/shared")->remotePath(), "/r1");
+  EXPECT_THAT(capture.messages(1),
+              ElementsAre("addPublishConfig/shared already published. Ignoring publish from:second",
+                          "addPublishDir/shared already published. Ignoring publishDir from: second"));
+  // The ignored publisher withdrawing leaves the first one's entry in place.
+  second->publishGroupConfigDel("g");
+  EXPECT_EQ(registry->publishEntry("/shared")->serviceName(), "first");
+}
+
+TEST_F(ServicePublish, AStaleGenerationWithdrawsEverythingUntilItIsCurrentAgain) {
+  auto svc = declare("pub");
+  start();
+  ASSERT_EQ(registry->publishEntrySize(), 2u);
+  db->leaderGenIdIs("gen2");
+  EXPECT_EQ(registry->publishEntrySize(), 0u);
+  EXPECT_EQ(registry->servicePublishReadySize(), 0u);
+  // Group statuses belong to the configuration, not to the generation: they stay.
+  EXPECT_TRUE(publishStatusOf("pub")->servicePublishGroupStatus("grp"));
+
+  svc->leaderGenIdIs("gen2");
+  EXPECT_EQ(registry->publishEntrySize(), 2u);
+  EXPECT_TRUE(registry->servicePublishReady("pub"));
+  db->leaderGenIdIs("");  // no known controller generation: nothing is published
+  EXPECT_EQ(registry->publishEntrySize(), 0u);
+  EXPECT_EQ(registry->servicePublishReadySize(), 0u);
+}
+
+TEST_F(ServicePublish, RemovingAGroupRemovesItsEntriesBeforeItsStatus) {
+  struct Order : MountsRegistry::NotifieeConst {
+    Order(Kiv::PtrConst<MountsRegistry> const& r, Kiv::Ptr<ServicePublishStatus> s)
+        : NotifieeConst(r), status(std::move(s)) {}
+    void onPublishEntry(Kiv::Name const&) override {
+      statusPresent.push_back(bool(status->servicePublishGroupStatus("grp")));
+    }
+    Kiv::Ptr<ServicePublishStatus> status;
+    std::vector<bool> statusPresent;
+  };
+  auto svc = declare("pub");
+  start();
+  Kiv::Ptr<Order> order(new Order(registry, publishStatusOf("pub")));
+  svc->publishGroupConfigDel("grp");
+  EXPECT_THAT(order->statusPresent, ElementsAre(true, true));
+  EXPECT_EQ(publishStatusOf("pub")->servicePublishGroupStatusSize(), 0u);
+  EXPECT_EQ(registry->publishEntrySize(), 0u);
+}
+
+TEST_F(ServicePublish, EventsWorthKeepingAreLogged) {
+  Kiv::TraceCapture capture;
+  serviceConfigDirSmTrace.levelIs(5, true);
+  auto svc = publishService("pub");
+  start();
+  svc->publishGroupConfigIs("g")->publishConfigIs("/l", "/r", "T");
+  db->leaderGenIdIs("gen2");
+  serviceConfigDirSmTrace.levelsIs(0);
+  EXPECT_THAT(capture.messages(5),
+              ElementsAre("void Controller::ServicePublishGroupSm::addPublishDirOrConfig(Kiv::String, Kiv::String, "
+                          "Kiv::String, bool, bool, Kiv::PtrConst<Controller::ServicePublishGroupConfig>):  adding: "
+                          "service:pub cpath:/l rpath:/r type:T",
+                          "void Controller::ServicePublishConfigSm::handleLeaderGenId(): Stale leaderGenId, cleanup "
+                          "publishReady flag for pub",
+                          "void Controller::ServicePublishGroupSm::removePublishDirOrConfig(Kiv::String):  removing "
+                          "cpath:/l"));
+}
+
+}  // namespace
+}  // namespace Controller::testing
