@@ -7,9 +7,10 @@ function(kiv_generate target)
     get_filename_component(stem ${def} NAME_WE)
     set(hdr ${outdir}/${stem}.h)
     set(src ${outdir}/${stem}.cpp)
+    set(testing ${outdir}/${stem}Testing.h)
     # kivc rewrites an output only when its text changed, so unchanged definitions rebuild nothing.
     add_custom_command(
-      OUTPUT ${hdr} ${src}
+      OUTPUT ${hdr} ${src} ${testing}
       COMMAND kivc --out-dir ${outdir} ${abs}
       DEPENDS kivc ${abs}
       COMMENT "kivc ${def}"

@@ -145,8 +145,10 @@ class ReadOnlyEmitter : public AttrEmitter {
     return a_.kind == AttrKind::constant ? fillA(", $x$_($x$)") : std::string();
   }
   std::string visit() const override {
+    // Whether it has an expression: only one without is the entity's name.
     if (a_.kind == AttrKind::derived)
-      return fillA("    v.derived(\"$x$\", $id$u, [](Type const& e) { return e.$x$(); });\n");
+      return fill(fillA("    v.derived(\"$x$\", $id$u, $computed$, [](Type const& e) { return e.$x$(); });\n"),
+                  {{"computed", a_.derivedExpression.empty() ? "false" : "true"}});
     return fill(fillA("    v.constant(\"$x$\", $id$u, $index$, [](Type const& e) { return e.$x$(); });\n"),
                 {{"index", std::to_string(ctorParamIndex(e_, a_))}});
   }
