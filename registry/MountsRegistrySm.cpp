@@ -1,0 +1,246 @@
+#include "registry/MountsRegistrySm.h"
+
+#include <vector>
+
+#include "platform/ProxyService.h"
+#include "registry/RegistryTrace.h"
+
+namespace Controller {
+
+Kiv::TraceHandle mountsRegistrySmTrace("ControllerMountsRegistrySm");
+
+namespace {
+constexpr char const* kServicePublishReady =
+    "void Controller::MountsRegistrySm::handleServicePublishReady(Kiv::String)";
+
+std::vector<SystemId> peersOf(Kiv::PtrConst<PeerTable> const& table) {
+  std::vector<SystemId> ids;
+  if (table)
+    for (auto it = table->peerIter(); it; ++it) ids.push_back(it.key());
+  return ids;
+}
+}  // namespace
+
+MountsRegistrySm::MountsRegistrySm(Kiv::Ptr<MountsRegistry> const& mountsRegistry,
+                                   Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
+                                   Kiv::PtrConst<Heartbeat::Config> const& heartbeatConfig,
+                                   Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir,
+                                   Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus)
+    : mountsRegistry_(Kiv::ValidPtr<MountsRegistry>(mountsRegistry)),
+      oobStatus_(Kiv::ValidPtr<ControllerOob::Status const>(oobStatus)),
+      heartbeatConfig_(heartbeatConfig),
+      serviceMountStatusDir_(Kiv::ValidPtr<Kiv::Dir>(serviceMountStatusDir)),
+      controllerdbPublishStatus_(Kiv::ValidPtr<Controllerdb::PublishStatus>(controllerdbPublishStatus)),
+      kivMountsRegistry_(new KivMountsRegistry(mountsRegistry, this)),
+      kivOobStatus_(new KivOobStatus(oobStatus, this)) {
+  handleMountEntry();
+  handlePublishEntry();
+  peerTableIs(oobStatus_->peerTable());
+  handleInitialized();
+}
+
+MountsRegistrySm::~MountsRegistrySm() = default;
+
+void MountsRegistrySm::KivOobStatus::onEstablished() { owner_->peerTableIs(notifier()->peerTable()); }
+void MountsRegistrySm::KivOobStatus::onPeerTable() { owner_->peerTableIs(notifier()->peerTable()); }
+
+void MountsRegistrySm::peerTableIs(Kiv::PtrConst<PeerTable> const& peerTable) {
+  if (peerTable == peerTable_) return;
+  peerTable_ = peerTable;
+  kivPeerTable_ = peerTable ? new KivPeerTable(peerTable, this) : nullptr;
+  if (!initialized_) return;
+  // Peers of a table that went away are handled as gone.
+  std::vector<Kiv::Name> connections;
+  for (auto it = connectionServiceStatusDirSm_.begin(); it; ++it) connections.push_back(it.key());
+  for (Kiv::Name const& c : connections) handlePeer(SystemId(c.view()));
+  handlePeer();
+  handleSwitchConnection();
+}
+
+void MountsRegistrySm::handleInitialized() {
+  initialized_ = true;
+  handlePeer();
+  handleSwitchConnection();
+}
+
+void MountsRegistrySm::handleSwitchConnection() {
+  MR_TRACE_AT(8, 630, "handleSwitchConnection", "MountsRegistrySm::" << "handleSwitchConnection");
+  for (SystemId const& id : peersOf(peerTable_)) handleSwitchConnection(id);
+}
+
+void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
+  MR_TRACE_AT(8, 616, "handleSwitchConnection", "MountsRegistrySm::" << "handleSwitchConnection" << " " << systemId);
+  std::vector<Kiv::Ptr<MountsRegistryEntrySm>> entries;
+  for (auto it = mountsRegistryEntrySm_.begin(); it; ++it) entries.push_back(it.value());
+  for (auto const& sm : entries) sm->handleSwitchConnection(systemId);
+  std::vector<Kiv::Ptr<PublishRegistryEntrySm>> publishers;
+  for (auto it = publishRegistryEntrySm_.begin(); it; ++it) publishers.push_back(it.value());
+  for (auto const& sm : publishers) sm->handleSwitchConnection(systemId);
+}
+
+void MountsRegistrySm::handleServiceVersion(Kiv::String const& serviceName, Kiv::String const& connectionName) {
+  MR_TRACE_AT(8, 666, "handleServiceVersion",
+              "MountsRegistrySm::" << "handleServiceVersion" << " " << serviceName << " " << connectionName);
+  handleSwitchConnection(SystemId(connectionName.view()));
+}
+
+void MountsRegistrySm::handleMountEntry() {
+  std::vector<Kiv::Name> keys;
+  for (auto it = mountsRegistry_->mountEntryIter(); it; ++it) keys.push_back(it.key());
+  for (Kiv::Name const& key : keys) handleMountEntry(key);
+}
+
+void MountsRegistrySm::handleMountEntry(Kiv::Name const& remotePath) {
+  Kiv::Ptr<MountsRegistryEntry> entry = mountsRegistry_->mountEntry(remotePath);
+  MR_TRACE_AT(8, 741, "handleMountEntry",
+              "MountsRegistrySm::" << "handleMountEntry" << ": " << remotePath << " Remote Path:"
+                                   << (entry ? entry->remotePath() : remotePath));
+  if (entry) {
+    mountsRegistryEntrySmIs(entry, oobStatus_, serviceMountStatusDir_);
+  } else if (mountsRegistryEntrySm_.get(remotePath)) {
+    MR_TRACE_AT(8, 750, "handleMountEntry",
+                "MountsRegistrySm::" << "handleMountEntry" << ": " << remotePath
+                                     << " Deleting registry entry sm for :" << remotePath);
+    mountsRegistryEntrySm_.cleanupAndErase(remotePath);
+  }
+}
+
+void MountsRegistrySm::handlePublishEntry() {
+  MR_TRACE_AT(8, 732, "handlePublishEntry", "MountsRegistrySm::" << "handlePublishEntry");
+  std::vector<Kiv::Name> keys;
+  for (auto it = mountsRegistry_->publishEntryIter(); it; ++it) keys.push_back(it.key());
+  for (Kiv::Name const& key : keys) handlePublishEntry(key);
+}
+
+void MountsRegistrySm::handlePublishEntry(Kiv::Name const& path) {
+  Kiv::Ptr<PublishRegistryEntry> pe = mountsRegistry_->publishEntry(path);
+  MR_TRACE_AT(8, 713, "handlePublishEntry",
+              "MountsRegistrySm::" << "handlePublishEntry" << ": " << path << " Controller Path:" << path);
+  if (pe) {
+    Kiv::Ptr<PublishRegistryEntrySm> preSm = publishRegistryEntrySm_.get(path);
+    KIV_ASSERT(!preSm || pe->serviceName() == preSm->publishEntry()->serviceName());
+    publishRegistryEntrySmIs(pe, oobStatus_, controllerdbPublishStatus_);
+  } else if (publishRegistryEntrySm_.get(path)) {
+    MR_TRACE_AT(8, 723, "handlePublishEntry",
+                "MountsRegistrySm::" << "handlePublishEntry" << ": " << path << " Deleting publish sm for: " << path);
+    publishRegistryEntrySm_.cleanupAndErase(path);
+  }
+}
+
+void MountsRegistrySm::handleServicePublishReady(Kiv::String const& serviceName) {
+  MR_TRACE_AT(8, 767, "handleServicePublishReady",
+              "MountsRegistrySm::" << "handleServicePublishReady" << ": " << serviceName);
+  for (auto it = publishRegistryEntrySm_.begin(); it; ++it) {
+    PublishRegistryEntrySm& sm = *it.value();
+    if (sm.publishEntry()->serviceName() != serviceName || sm.processed()) continue;
+    MR_DUALLOG_AT(5, 788, kServicePublishReady, "Publish entry %s not yet processed", it.key());
+    return;
+  }
+  if (mountsRegistry_->servicePublishReady(serviceName)) {
+    MR_DUALLOG_AT(5, 795, kServicePublishReady, "Setting publishReady for %s", serviceName);
+    controllerdbPublishStatus_->servicePublishReadyIs(serviceName, true);
+  } else {
+    controllerdbPublishStatus_->servicePublishReadyDel(serviceName);
+  }
+}
+
+Kiv::PtrConst<ControllerOob::Connection> MountsRegistrySm::connectionOf(Kiv::PtrConst<Peer> const& peer) const {
+  for (auto it = oobStatus_->connectionIter(); it; ++it)
+    if (it.value()->address() == peer->connectionAddress()) return it.value();
+  return nullptr;
+}
+
+void MountsRegistrySm::handlePeer() {
+  for (SystemId const& id : peersOf(peerTable_)) handlePeer(id);
+}
+
+void MountsRegistrySm::handlePeer(SystemId const& systemId) {
+  MR_TRACE_AT(8, 640, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " " << systemId);
+  Kiv::Name const name(systemId.stringValue());
+  Kiv::PtrConst<Peer> peer = peerTable_ ? peerTable_->peer(systemId) : nullptr;
+  if (peer) {
+    MR_TRACE_AT(8, 642, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " added");
+    Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer);
+    if (!connection || !connection->serviceStatusDir()) return;
+    controllerdbPublishStatus_->systemIs(systemId);
+    connectionServiceStatusDirSmIs(name, connection->serviceStatusDir());
+  } else if (connectionServiceStatusDirSm_.get(name)) {
+    MR_TRACE_AT(8, 648, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " removed");
+    controllerdbPublishStatus_->systemDel(systemId);
+    connectionServiceStatusDirSm_.cleanupAndErase(name);
+  }
+}
+
+std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::String serviceName,
+                                                                      Kiv::String connectionName) const {
+  MR_TRACE_AT(8, 677, "negotiatedServiceVersionForConnection",
+              "MountsRegistrySm::" << "negotiatedServiceVersionForConnection" << " " << serviceName << " "
+                                   << connectionName);
+  Ovel::EthAddr addr;
+  if (!peerTable_ || !Ovel::EthAddr::parse(connectionName.view(), addr)) return 0;
+  Kiv::PtrConst<Peer> peer = peerTable_->peer(SystemId(addr));
+  if (!peer) return 0;
+  Kiv::String const service = isProxyServiceName(serviceName.view()) ? realServiceNameOfProxy(serviceName) : serviceName;
+  Kiv::PtrConst<ServiceVersionStatusV1> version;
+  if (Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer)) {
+    if (auto sm = connectionServiceStatusDirSm_.get(Kiv::Name(SystemId(addr).stringValue()))) {
+      if (auto reactor = sm->serviceStatus(service)) {
+        Kiv::PtrConst<ServiceStatusV1> status = reactor->notifier();
+        if (status && status->enabled()) version = status->versionStatus();
+      }
+    }
+  }
+  if (version && version->versionNegotiationComplete()) {
+    MR_TRACE_AT(8, 700, "negotiatedServiceVersionForConnection",
+                "MountsRegistrySm::" << "negotiatedServiceVersionForConnection" << " negotiated service version for "
+                                     << connectionName << " for service " << service << " = " << version->version());
+    return version->version();
+  }
+  MR_TRACE_AT(8, 705, "negotiatedServiceVersionForConnection",
+              "MountsRegistrySm::" << "negotiatedServiceVersionForConnection" << " no version negotiated for "
+                                   << connectionName << " for service " << service);
+  return 0;
+}
+
+Kiv::Ptr<MountsRegistryEntrySm> MountsRegistrySm::mountsRegistryEntrySmIs(
+    Kiv::Ptr<MountsRegistryEntry> const& registryEntry, Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
+    Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir) {
+  Kiv::ValidPtr<MountsRegistryEntry> entry(registryEntry);
+  return mountsRegistryEntrySm_.instantiate(
+      entry->name(), std::make_tuple(registryEntry, oobStatus, serviceMountStatusDir), [&] {
+        return Kiv::Ptr<MountsRegistryEntrySm>(
+            new MountsRegistryEntrySm(registryEntry, oobStatus, serviceMountStatusDir, this));
+      });
+}
+
+void MountsRegistrySm::mountsRegistryEntrySmDel(Kiv::Name const& remotePath) {
+  mountsRegistryEntrySm_.erase(remotePath);
+}
+
+Kiv::Ptr<PublishRegistryEntrySm> MountsRegistrySm::publishRegistryEntrySmIs(
+    Kiv::Ptr<PublishRegistryEntry> const& publishEntry, Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
+    Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus) {
+  Kiv::ValidPtr<PublishRegistryEntry> entry(publishEntry);
+  return publishRegistryEntrySm_.instantiate(
+      entry->name(), std::make_tuple(publishEntry, oobStatus, controllerdbPublishStatus), [&] {
+        return Kiv::Ptr<PublishRegistryEntrySm>(
+            new PublishRegistryEntrySm(publishEntry, oobStatus, controllerdbPublishStatus, this));
+      });
+}
+
+void MountsRegistrySm::publishRegistryEntrySmDel(Kiv::Name const& path) { publishRegistryEntrySm_.erase(path); }
+
+Kiv::Ptr<ConnectionServiceStatusDirSm> MountsRegistrySm::connectionServiceStatusDirSmIs(
+    Kiv::Name const& connectionName, Kiv::PtrConst<ServiceStatusDir> const& controllerServiceStatusDir) {
+  return connectionServiceStatusDirSm_.instantiate(
+      connectionName, std::make_tuple(controllerServiceStatusDir), [&] {
+        return Kiv::Ptr<ConnectionServiceStatusDirSm>(
+            new ConnectionServiceStatusDirSm(connectionName, controllerServiceStatusDir, this));
+      });
+}
+
+void MountsRegistrySm::connectionServiceStatusDirSmDel(Kiv::Name const& connectionName) {
+  connectionServiceStatusDirSm_.erase(connectionName);
+}
+
+}  // namespace Controller

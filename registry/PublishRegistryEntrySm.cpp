@@ -1,0 +1,226 @@
+#include "registry/PublishRegistryEntrySm.h"
+
+#include <vector>
+
+#include "registry/MountsRegistrySm.h"
+#include "registry/RegistryTrace.h"
+
+namespace Controller {
+
+namespace {
+constexpr char const* kCanPublish = "bool Controller::PublishRegistryEntrySm::canPublishToConnection(Kiv::String)";
+constexpr char const* kHasVersion = "bool Controller::PublishRegistryEntrySm::hasVersion(Kiv::String, unsigned int)";
+constexpr char const* kAllSwitches = "void Controller::PublishRegistryEntrySm::handleSwitchConnection()";
+constexpr char const* kOneSwitch =
+    "void Controller::PublishRegistryEntrySm::handleSwitchConnection(Controller::SystemId)";
+constexpr char const* kConnect = "void Controller::PublishRegistryEntrySm::doConnectSwitch(Controller::SystemId)";
+constexpr char const* kDisconnect = "void Controller::PublishRegistryEntrySm::doDisconnectSwitch(Controller::SystemId)";
+constexpr char const* kClock = "void Controller::PublishRegistryEntrySm::handleEntityPresenceCheckClock()";
+}  // namespace
+
+PublishRegistryEntrySm::PublishRegistryEntrySm(Kiv::Ptr<PublishRegistryEntry> const& publishEntry,
+                                               Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
+                                               Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
+                                               MountsRegistrySm* mountsRegistrySm)
+    : publishEntry_(Kiv::ValidPtr<PublishRegistryEntry>(publishEntry)),
+      oobStatus_(oobStatus),
+      controllerdbPublishStatus_(controllerdbPublishStatus),
+      mountsRegistrySm_(mountsRegistrySm),
+      kivPublishEntry_(new KivPublishEntry(publishEntry, this)),
+      clock_(new KivEntityPresenceCheckClock(Kiv::ActivityManagerConfig::instance()->clock(), this)) {
+  if (publishEntry_->systemFilter()) systemFilter_ = new KivSystemFilter(publishEntry_->systemFilter(), this);
+  if (publishEntry_->versionFilter()) versionFilter_ = new KivVersionFilter(publishEntry_->versionFilter(), this);
+  handleInitialized();
+}
+
+PublishRegistryEntrySm::~PublishRegistryEntrySm() = default;
+
+Kiv::String PublishRegistryEntrySm::publishedPath(SystemId const& systemId) const {
+  if (!publishEntry_->isPrefixPath()) return publishEntry_->controllerdbPath();
+  return publishEntry_->controllerdbPath() + "/" + Kiv::String(systemId.stringValue());
+}
+
+Kiv::Ptr<Kiv::Entity> PublishRegistryEntrySm::publishEntity() const {
+  MountsRegistry* registry = publishEntry_->registry();
+  if (!registry || !registry->rootDir()) return nullptr;
+  return registry->rootDir()->entityAtPath(publishEntry_->controllerdbPath().view());
+}
+
+bool PublishRegistryEntrySm::publishEntityExists() const { return bool(publishEntity()); }
+
+bool PublishRegistryEntrySm::canPublishToConnection(Kiv::String connection) {
+  Kiv::Name const& key = publishEntry_->name();
+  MR_TRACE(8, "canPublishToConnection", "PublishRegistryEntrySm::" << "canPublishToConnection" << " " << key);
+  std::uint32_t version =
+      mountsRegistrySm_->negotiatedServiceVersionForConnection(publishEntry_->serviceName(), connection);
+  if (version == 0) {
+    MR_DUALLOG(5, kCanPublish, " no version negotiated:%s", connection);
+    return false;
+  }
+  if (publishEntry_->versionFilter()) {
+    if (!hasVersion(connection, version)) return false;
+  } else {
+    MR_DUALLOG(5, kCanPublish, "no versionFilter for %s", key);
+  }
+  if (Kiv::PtrConst<MountFilterSystem> const& systems = publishEntry_->systemFilter()) {
+    if (systems->includedSystem(connection)) {
+      MR_DUALLOG(5, kCanPublish, " matched systemFilter connection:%s", connection);
+      return true;
+    }
+    MR_DUALLOG(5, kCanPublish, " no matched system for connection: %s", connection);
+    return false;
+  }
+  MR_DUALLOG(5, kCanPublish, " no systemfilter for %s", key);
+  return true;
+}
+
+bool PublishRegistryEntrySm::hasVersion(Kiv::String connection, std::uint32_t version) {
+  MR_TRACE(8, "hasVersion", "PublishRegistryEntrySm::" << "hasVersion" << " " << publishEntry_->name());
+  Kiv::String const& service = publishEntry_->serviceName();
+  if (publishEntry_->versionFilter() && publishEntry_->versionFilter()->includedServiceVersion(version)) {
+    MR_DUALLOG(5, kHasVersion, " matched version: %s service:%s connection:%s", version, service, connection);
+    return true;
+  }
+  MR_DUALLOG(5, kHasVersion, " version not in filter:%s service:%s connection:%s", version, service, connection);
+  return false;
+}
+
+void PublishRegistryEntrySm::handleInitialized() {
+  MR_TRACE(8, "handleInitialized", "PublishRegistryEntrySm::" << "handleInitialized" << " " << publishEntry_->name());
+  initialized_ = true;
+  clock_->timeMinIs(Kiv::kInfinity);
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::handleSwitchConnection() {
+  MR_TRACE(8, "handleSwitchConnection",
+           "PublishRegistryEntrySm::" << "handleSwitchConnection" << " " << publishEntry_->name());
+  if (!initialized_) return;
+  std::vector<SystemId> switches;
+  if (Kiv::PtrConst<PeerTable> peers = mountsRegistrySm_->peerTable())
+    for (auto it = peers->peerIter(); it; ++it) switches.push_back(it.key());
+  // Switches that left still hold what was published to them.
+  for (auto it = controllerdbPublishStatus_->systemIter(); it; ++it)
+    if (std::find(switches.begin(), switches.end(), it.key()) == switches.end()) switches.push_back(it.key());
+  for (SystemId const& id : switches) handleSwitchConnection(id);
+
+  if (publishEntityExists()) {
+    processed_ = true;
+    mountsRegistrySm_->handleServicePublishReady(publishEntry_->serviceName());
+    return;
+  }
+  MR_DUALLOG(1, kAllSwitches, "Entity at %s doesn't exist.", publishEntry_->controllerdbPath());
+  clock_->timeMinIs(Kiv::System::currentTime() + entityCheckInterval);
+}
+
+void PublishRegistryEntrySm::handleEntityPresenceCheckClock() {
+  MR_DUALLOG(5, kClock, " checking %s", publishEntry_->controllerdbPath());
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
+  Kiv::Name const& key = publishEntry_->name();
+  MR_TRACE(8, "handleSwitchConnection",
+           "PublishRegistryEntrySm::" << "handleSwitchConnection" << " " << key << " Peer:" << systemId);
+  if (!initialized_) return;
+  Kiv::PtrConst<PeerTable> peers = mountsRegistrySm_->peerTable();
+  Kiv::PtrConst<Peer> peer = peers ? peers->peer(systemId) : nullptr;
+  if (!peer) {
+    doDisconnectSwitch(systemId);
+    return;
+  }
+  bool const exists = publishEntityExists();
+  // Without the directory there is nothing to add a subdirectory to yet; the presence check
+  // comes back to it.
+  if (publishEntry_->isPrefixPath() && exists) addSwitchToPublishEntryDir(systemId);
+  Kiv::String const connection(systemId.stringValue());
+  if (peer->connected() && canPublishToConnection(connection) && exists && publishEntry_->readyToPublish()) {
+    doConnectSwitch(systemId);
+  } else {
+    MR_DUALLOG(5, kOneSwitch, " Cannot publish:%s to:%s", key, systemId);
+    doDisconnectSwitch(systemId);
+  }
+}
+
+void PublishRegistryEntrySm::addSwitchToPublishEntryDir(SystemId const& systemId) {
+  KIV_ASSERT(publishEntry()->isPrefixPath());
+  Kiv::Ptr<Kiv::Dir> publishEntryDir = Kiv::entityCast<Kiv::Dir>(publishEntity());
+  KIV_ASSERT(publishEntryDir && "Publish path doesn't exist or its type is not Kiv::Dir");
+  Kiv::Name const name(systemId.stringValue());
+  try {
+    publishEntryDir->subdirIs(name);
+  } catch (Kiv::Exception const&) {
+    MR_TRACE(1, "addSwitchToPublishEntryDir",
+             "could not create subdir " << publishEntry_->controllerdbPath() << "/" << name);
+  }
+}
+
+void PublishRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
+  Kiv::String const connection(systemId.stringValue());
+  if (!canPublishToConnection(connection)) return;
+  Kiv::Ptr<Kiv::Entity> publishEntity = this->publishEntity();
+  KIV_ASSERT(publishEntity && "Publish entity doesn't exist");
+  MountDesc const mdesc(publishedPath(systemId), publishEntry_->remotePath(), publishEntry_->kivType(),
+                        publishEntry_->serviceName());
+  KIV_ASSERT(!!mdesc);
+  Kiv::Ptr<Controllerdb::SystemPublishedMount> system = controllerdbPublishStatus_->system(systemId);
+  if (!system) {
+    MR_DUALLOG(5, kConnect, " Cannot publish to:system%s", systemId);
+    return;
+  }
+  MR_TRACE(8, "doConnectSwitch",
+           "PublishRegistryEntrySm::" << "doConnectSwitch" << " publishing ssm:" << mdesc.path() << " to:" << systemId
+                                      << " type: " << mdesc.kivType() << " service: " << mdesc.serviceName());
+  if (system->publishedMount(mdesc.path()) == mdesc) return;
+  MR_DUALLOG(5, kConnect, " publishing:%s on:%s", mdesc.path(), systemId);
+  system->publishedMountIs(mdesc);
+}
+
+void PublishRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
+  Kiv::Ptr<Controllerdb::SystemPublishedMount> system = controllerdbPublishStatus_->system(systemId);
+  Kiv::String const path = publishedPath(systemId);
+  if (!system || !system->publishedMount(path)) return;
+  MR_DUALLOG(5, kDisconnect, " un-publishing:%s from:%s", path, systemId);
+  system->publishedMountDel(path);
+  if (system->publishedMountSize() == 0) MR_DUALLOG(5, kDisconnect, " All published mounts gone for %s", systemId);
+}
+
+void PublishRegistryEntrySm::handleSystemFilter() {
+  MR_TRACE(8, "handleSystemFilter", "PublishRegistryEntrySm::" << "handleSystemFilter" << " " << publishEntry_->name());
+  Kiv::PtrConst<MountFilterSystem> const& filter = publishEntry_->systemFilter();
+  systemFilter_ = filter ? new KivSystemFilter(filter, this) : nullptr;
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::handleVersionFilter() {
+  MR_TRACE(8, "handleVersionFilter", "PublishRegistryEntrySm::" << "handleVersionFilter" << " " << publishEntry_->name());
+  Kiv::PtrConst<MountFilterServiceVersion> const& filter = publishEntry_->versionFilter();
+  versionFilter_ = filter ? new KivVersionFilter(filter, this) : nullptr;
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::handleIncludedSystem(Kiv::String const& systemName) {
+  MR_TRACE(8, "handleIncludedSystem", "PublishRegistryEntrySm::" << "handleIncludedSystem" << " " << systemName);
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::handleIncludedServiceVersion(std::uint32_t version) {
+  MR_TRACE(8, "handleIncludedServiceVersion",
+           "PublishRegistryEntrySm::" << "handleIncludedServiceVersion" << " " << version);
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::handleReadyToPublish() {
+  MR_TRACE(8, "handleReadyToPublish", "PublishRegistryEntrySm::" << "handleReadyToPublish" << " " << publishEntry_->name());
+  handleSwitchConnection();
+}
+
+void PublishRegistryEntrySm::doCleanup() {
+  MR_TRACE(8, "doCleanup", "PublishRegistryEntrySm::" << "doCleanup" << " " << publishEntry_->name());
+  std::vector<SystemId> switches;
+  for (auto it = controllerdbPublishStatus_->systemIter(); it; ++it) switches.push_back(it.key());
+  for (SystemId const& id : switches) doDisconnectSwitch(id);
+  clock_->timeMinIs(Kiv::kInfinity);
+}
+
+}  // namespace Controller
