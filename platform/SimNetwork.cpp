@@ -63,9 +63,7 @@ void Switch::connect() {
   connection->addressIs(address_);
   connection->serviceStatusDirIs(serviceStatusDir_);
 
-  auto peer = oob.peerTable()->peerIs(systemId_);
-  peer->connectionAddressIs(address_);
-  peer->connectionConfigIs(config);
+  oob.peerTable()->peerIs(systemId_, address_, config);
 
   Kiv::NboAttrLog::ConnectionDir::instance()->connectionIs(name_, true);
   demuxer_ = Kiv::globalNboAttrLogDemuxerManager()->demuxerIs(name_);

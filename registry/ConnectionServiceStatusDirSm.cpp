@@ -12,7 +12,10 @@ ConnectionServiceStatusDirSm::ConnectionServiceStatusDirSm(
     : name_(name),
       controllerServiceStatusDir_(Kiv::ValidPtr<ServiceStatusDir const>(controllerServiceStatusDir)),
       owner_(owner),
-      kivControllerServiceStatusDir_(new KivControllerServiceStatusDir(controllerServiceStatusDir, this)) {
+      kivControllerServiceStatusDir_(new KivControllerServiceStatusDir(controllerServiceStatusDir, this)) {}
+
+void ConnectionServiceStatusDirSm::handleInitialized() {
+  if (initialized_) return;
   std::vector<Kiv::Name> services;
   for (auto it = controllerServiceStatusDir_->serviceIter(); it; ++it) services.push_back(it.key());
   for (Kiv::Name const& service : services) serviceStatusIs(service, controllerServiceStatusDir_->service(service));

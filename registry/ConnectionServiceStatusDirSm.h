@@ -62,6 +62,9 @@ class ConnectionServiceStatusDirSm : public Kiv::PtrInterface {
 
   Kiv::Ptr<KivServiceStatus> serviceStatusIs(Kiv::Name const& service, Kiv::PtrConst<ServiceStatusV1> const& status);
   void serviceStatusDel(Kiv::Name const& service);
+  // Follows the services already in the directory. The owner runs it once the machine is in its
+  // collection, where version queries that the services' handlers cause look for it.
+  void handleInitialized();
   void doCleanup();
 
  private:

@@ -232,11 +232,14 @@ void MountsRegistrySm::publishRegistryEntrySmDel(Kiv::Name const& path) { publis
 
 Kiv::Ptr<ConnectionServiceStatusDirSm> MountsRegistrySm::connectionServiceStatusDirSmIs(
     Kiv::Name const& connectionName, Kiv::PtrConst<ServiceStatusDir> const& controllerServiceStatusDir) {
-  return connectionServiceStatusDirSm_.instantiate(
+  bool const created = !connectionServiceStatusDirSm_.get(connectionName);
+  Kiv::Ptr<ConnectionServiceStatusDirSm> sm = connectionServiceStatusDirSm_.instantiate(
       connectionName, std::make_tuple(controllerServiceStatusDir), [&] {
         return Kiv::Ptr<ConnectionServiceStatusDirSm>(
             new ConnectionServiceStatusDirSm(connectionName, controllerServiceStatusDir, this));
       });
+  if (created) sm->handleInitialized();
+  return sm;
 }
 
 void MountsRegistrySm::connectionServiceStatusDirSmDel(Kiv::Name const& connectionName) {

@@ -1,0 +1,75 @@
+#include "initialmount/ProcessedSwitchSm.h"
+
+#include <vector>
+
+#include "initialmount/InitialMountTrace.h"
+
+namespace Controller {
+
+// --- GroupProcessedSm ---
+
+GroupProcessedSm::GroupProcessedSm(Kiv::Name const& systemName, Kiv::Name const& groupName,
+                                   Kiv::PtrConst<ServiceMountGroupStatus> const& serviceMountGroupStatus,
+                                   Kiv::Ptr<ProcessedSwitchSet> const& processedSwitchSet)
+    : systemName_(systemName),
+      groupName_(groupName),
+      serviceMountGroupStatus_(Kiv::ValidPtr<ServiceMountGroupStatus const>(serviceMountGroupStatus)),
+      processedSwitchSet_(Kiv::ValidPtr<ProcessedSwitchSet>(processedSwitchSet)),
+      kivServiceMountGroupStatus_(new KivServiceMountGroupStatus(serviceMountGroupStatus, this)) {
+  handleInitialized();
+}
+
+GroupProcessedSm::~GroupProcessedSm() = default;
+
+void GroupProcessedSm::handleInitialized() {
+  if (initialized_) return;
+  initialized_ = true;
+  handleProcessed();
+}
+
+void GroupProcessedSm::handleProcessed() {
+  if (!serviceMountGroupStatus_->processed()) return;
+  IM_TRACE(8, "handleProcessed",
+           "void Controller::GroupProcessedSm::handleProcessed()" << ": " << "systemName: " << systemName_
+                                                                  << ", groupName: " << groupName_);
+  processedSwitchSet_->processedIs(systemName_, true);
+}
+
+// --- SystemProcessedSm ---
+
+SystemProcessedSm::SystemProcessedSm(Kiv::Name const& systemName, Kiv::Name const& groupName,
+                                     Kiv::PtrConst<SystemStatus> const& systemStatus,
+                                     Kiv::Ptr<ProcessedSwitchSet> const& processedSwitchSet)
+    : systemName_(systemName),
+      groupName_(groupName),
+      systemStatus_(Kiv::ValidPtr<SystemStatus const>(systemStatus)),
+      processedSwitchSet_(Kiv::ValidPtr<ProcessedSwitchSet>(processedSwitchSet)),
+      kivSystemStatus_(new KivSystemStatus(systemStatus, this)) {
+  handleInitialized();
+}
+
+SystemProcessedSm::~SystemProcessedSm() = default;
+
+void SystemProcessedSm::handleInitialized() {
+  IM_TRACE(8, "handleInitialized", "void Controller::SystemProcessedSm::handleInitialized()" << ": ");
+  if (initialized_) return;
+  initialized_ = true;
+  handleServiceMountGroupStatus();
+}
+
+void SystemProcessedSm::handleServiceMountGroupStatus() {
+  std::vector<Kiv::Name> groups;
+  for (auto it = systemStatus_->serviceMountGroupStatusIter(); it; ++it) groups.push_back(it.key());
+  for (Kiv::Name const& group : groups) handleServiceMountGroupStatus(group);
+}
+
+void SystemProcessedSm::handleServiceMountGroupStatus(Kiv::Name const& group) {
+  if (!initialized_ || group != groupName_) return;
+  Kiv::PtrConst<ServiceMountGroupStatus> status = systemStatus_->serviceMountGroupStatus(group);
+  // A status that goes away leaves the tracker (and what it recorded) in place; one that is
+  // replaced by a new entity gets a tracker of its own.
+  if (!status || (groupProcessedSm_ && groupProcessedSm_->serviceMountGroupStatus() == status)) return;
+  groupProcessedSm_ = new GroupProcessedSm(systemName_, groupName_, status, processedSwitchSet_);
+}
+
+}  // namespace Controller

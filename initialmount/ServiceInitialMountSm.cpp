@@ -1,0 +1,93 @@
+#include "initialmount/ServiceInitialMountSm.h"
+
+#include <vector>
+
+#include "initialmount/InitialMountTrace.h"
+
+namespace Controller {
+
+ServiceInitialMountSm::ServiceInitialMountSm(Kiv::PtrConst<ServiceMountConfig> const& serviceMountConfig,
+                                             Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
+                                             Kiv::PtrConst<ConnectionPeriod> const& connectionPeriod,
+                                             Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
+                                             Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus)
+    : serviceMountConfig_(Kiv::ValidPtr<ServiceMountConfig const>(serviceMountConfig)),
+      serviceMountStatus_(Kiv::ValidPtr<ServiceMountStatus>(serviceMountStatus)),
+      connectionPeriod_(Kiv::ValidPtr<ConnectionPeriod const>(connectionPeriod)),
+      oobStatus_(oobStatus),
+      controllerdbStatus_(controllerdbStatus),
+      kivServiceMountConfig_(new KivServiceMountConfig(serviceMountConfig, this)),
+      kivControllerdbStatus_(new KivControllerdbStatus(controllerdbStatus, this)) {
+  handleInitialized();
+}
+
+ServiceInitialMountSm::~ServiceInitialMountSm() = default;
+
+bool ServiceInitialMountSm::canHandleMountGroup() const {
+  IM_TRACE(8, "canHandleMountGroup",
+           "ServiceInitialMountSm::" << "canHandleMountGroup" << " mountConfig genId:"
+                                     << serviceMountConfig_->leaderGenId() << " controller genId:"
+                                     << (controllerdbStatus_ ? controllerdbStatus_->leaderGenId() : Kiv::String()));
+  if (!controllerdbStatus_) return false;
+  return serviceMountConfig_->leaderGenId() == controllerdbStatus_->leaderGenId();
+}
+
+void ServiceInitialMountSm::handleInitialized() {
+  IM_TRACE(8, "handleInitialized", "ServiceInitialMountSm::" << "handleInitialized");
+  if (initialized_) return;
+  initialized_ = true;
+  handleLeaderGenId();
+}
+
+void ServiceInitialMountSm::handleLeaderGenId() {
+  IM_TRACE(8, "handleLeaderGenId", "ServiceInitialMountSm::" << "handleLeaderGenId");
+  if (canHandleMountGroup()) {
+    handleMountGroupConfig();
+  } else {
+    mountGroupInitialMountSmDelAll();
+  }
+}
+
+void ServiceInitialMountSm::handleMountGroupConfig() {
+  IM_TRACE(8, "handleMountGroupConfig", "ServiceInitialMountSm::" << "handleMountGroupConfig");
+  std::vector<Kiv::Name> groups;
+  for (auto it = serviceMountConfig_->mountGroupConfigIter(); it; ++it) groups.push_back(it.key());
+  for (Kiv::Name const& group : groups) handleMountGroupConfig(group);
+}
+
+void ServiceInitialMountSm::handleMountGroupConfig(Kiv::Name const& group) {
+  if (!initialized_ || !canHandleMountGroup()) return;
+  IM_TRACE(8, "handleMountGroupConfig", "ServiceInitialMountSm::" << "handleMountGroupConfig" << " " << group);
+  if (serviceMountConfig_->mountGroupConfig(group)) {
+    if (mountGroupInitialMountSm_.get(group)) return;
+    IM_TRACE(8, "handleMountGroupConfig",
+             "ServiceInitialMountSm::" << "handleMountGroupConfig" << ": adding mountGroupInitialMountSm");
+    mountGroupInitialMountSmIs(group, serviceMountStatus_, oobStatus_, connectionPeriod_);
+  } else {
+    mountGroupInitialMountSmDel(group);
+  }
+}
+
+void ServiceInitialMountSm::doCleanup() { mountGroupInitialMountSmDelAll(); }
+
+Kiv::Ptr<MountGroupInitialMountSm> ServiceInitialMountSm::mountGroupInitialMountSmIs(
+    Kiv::Name const& groupName, Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
+    Kiv::PtrConst<ControllerOob::Status> const& oobStatus, Kiv::PtrConst<ConnectionPeriod> const& connectionPeriod) {
+  return mountGroupInitialMountSm_.instantiate(
+      groupName, std::make_tuple(groupName, serviceMountStatus, oobStatus, connectionPeriod), [&] {
+        return Kiv::Ptr<MountGroupInitialMountSm>(
+            new MountGroupInitialMountSm(groupName, serviceMountStatus, oobStatus, connectionPeriod));
+      });
+}
+
+void ServiceInitialMountSm::mountGroupInitialMountSmDel(Kiv::Name const& group) {
+  mountGroupInitialMountSm_.cleanupAndErase(group);
+}
+
+void ServiceInitialMountSm::mountGroupInitialMountSmDelAll() {
+  std::vector<Kiv::Name> groups;
+  for (auto it = mountGroupInitialMountSm_.begin(); it; ++it) groups.push_back(it.key());
+  for (Kiv::Name const& group : groups) mountGroupInitialMountSmDel(group);
+}
+
+}  // namespace Controller

@@ -1,0 +1,88 @@
+#pragma once
+// The world the initial mount machines work in: a virtual-time loop, the service directories,
+// the out-of-band configuration and status with simulated switches (2 s heartbeat), and the
+// controller database's status. Per-switch mount status is written directly, as the registry
+// would write it.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "initialmount/InitialMountSm.h"
+#include "initialmount/InitialMountTrace.h"
+#include "kiv/Trace.h"
+#include "platform/AttrLog.h"
+#include "platform/SimNetwork.h"
+
+namespace Controller::testing {
+
+// Forgets what an earlier test left in the process-wide attribute-log singletons; a base, so that
+// it runs before any member is built.
+struct FreshAttrLog {
+  FreshAttrLog() { clear(); }
+  static void clear() {
+    Kiv::globalNboAttrLogDemuxerManager()->clear();
+    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
+  }
+};
+
+class InitialMountTest : public ::testing::Test, FreshAttrLog {
+ protected:
+  InitialMountTest() {
+    oobConfig->heartbeatConfigIs(heartbeat);
+    net.heartbeatIntervalIs(2);
+    net.establish();
+    db->leaderGenIdIs("gen1");
+  }
+  ~InitialMountTest() override {
+    sm = nullptr;
+    initialMountSmTrace.levelsIs(0);
+    FreshAttrLog::clear();
+  }
+
+  void start() { sm = new InitialMountSm(mountConfig, mountStatus, oobConfig, oob, db); }
+  // Traces of levels 5 and 8 from here on, into `capture`.
+  void traceEvents() { initialMountSmTrace.levelsIs((1u << 5) | (1u << 8)); }
+
+  Sim::Switch& sw(int n) { return net.switchIs("00:00:00:00:00:0" + std::to_string(n)); }
+  std::string name(int n) { return sw(n).name().stdString(); }
+
+  // A service of the current generation with mount groups `g` and `h`.
+  Kiv::Ptr<ServiceMountConfig> service(std::string const& svc = "svc") {
+    auto config = mountConfig->entryIs<ServiceMountConfig>(svc);
+    config->leaderGenIdIs("gen1");
+    config->mountGroupConfigIs("g");
+    config->mountGroupConfigIs("h");
+    mountStatus->entryIs<ServiceMountStatus>(svc);
+    return config;
+  }
+  Kiv::Ptr<ServiceMountStatus> status(std::string const& svc = "svc") {
+    return Kiv::entityCast<ServiceMountStatus>(mountStatus->entityPtr(svc));
+  }
+  // Switch n's status of a group, processed or not, in the given mount state.
+  void groupStatusIs(int n, MountState state, bool processed = true, std::string const& group = "g") {
+    auto groupStatus = status()->systemStatusIs(name(n))->serviceMountGroupStatusIs(group);
+    groupStatus->mountStateIs(state);
+    groupStatus->processedIs(processed);
+  }
+  Kiv::Ptr<MountGroupInitialMountSm> group(std::string const& g = "g") {
+    auto service = sm->serviceInitialMountSm("svc");
+    return service ? service->mountGroupInitialMountSm(g) : nullptr;
+  }
+  bool complete(std::string const& g = "g") { return status()->initialMountsComplete(g); }
+
+  Kiv::EventLoop loop;
+  Kiv::TraceCapture capture;
+  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
+  Kiv::Ptr<Kiv::Dir> mountConfig = root->subdirIs("mountConfig");
+  Kiv::Ptr<Kiv::Dir> mountStatus = root->subdirIs("mountStatus");
+  Kiv::Ptr<Heartbeat::Config> heartbeat = Heartbeat::Config::ConfigIs("heartbeat");
+  Kiv::Ptr<ControllerOob::Config> oobConfig = ControllerOob::Config::ConfigIs("oobConfig");
+  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
+  Kiv::Ptr<Controllerdb::Status> db = Controllerdb::Status::StatusIs("controllerdb");
+  Sim::Network net{oob, heartbeat};
+  Kiv::Ptr<InitialMountSm> sm;
+};
+
+}  // namespace Controller::testing

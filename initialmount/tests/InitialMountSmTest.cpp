@@ -1,0 +1,160 @@
+#include <type_traits>
+
+#include "InitialMountFixture.h"
+
+namespace Controller::testing {
+namespace {
+
+using ::testing::Contains;
+
+constexpr char const* kHandlePeer = "void Controller::InitialMountSm::handlePeer(Controller::SystemId): ";
+
+using ConnectionPeriodTest = InitialMountTest;
+using ServiceInitialMountTest = InitialMountTest;
+
+TEST_F(ConnectionPeriodTest, EndsThreeHeartbeatsAfterTheLastNewPeerAndReturningPeersDoNotMoveIt) {
+  traceEvents();
+  start();
+  EXPECT_EQ(sm->connectionPeriod()->name(), Kiv::Name("connectionPeriod"));
+  EXPECT_EQ(sm->initialSwitchSet()->name(), Kiv::Name("initialSwitchSet"));
+  // Read-only outside the coordinator.
+  static_assert(std::is_const_v<decltype(sm->initialSwitchSet())::element_type>);
+  EXPECT_EQ(sm->connectionTimeMin(), Kiv::kInfinity);
+
+  sw(1).connect();
+  EXPECT_EQ(sm->connectionTimeMin(), 6);
+  loop.advanceTo(5);
+  sw(2).connect();
+  EXPECT_EQ(sm->connectionTimeMin(), 11);
+  loop.advanceTo(7);
+  sw(1).flap(1);
+  loop.advanceTo(10.999);
+  EXPECT_TRUE(sw(1).connected());
+  EXPECT_EQ(sm->connectionTimeMin(), 11);
+  EXPECT_FALSE(sm->connectionPeriod()->complete());
+  loop.advanceTo(11);
+  EXPECT_TRUE(sm->connectionPeriod()->complete());
+  EXPECT_EQ(sm->initialSwitchSet()->initialSwitchSize(), 2u);
+  EXPECT_FALSE(sm->initialSwitchSet()->complete());
+  EXPECT_EQ(capture.messages(5),
+            (std::vector<std::string>{std::string(kHandlePeer) + ": reset timeMin to 6",
+                                      std::string(kHandlePeer) + ": reset timeMin to 11",
+                                      std::string(kHandlePeer) + ": already in initial switch set",
+                                      "void Controller::InitialMountSm::handleConnectionTimeout(): initial switch set "
+                                      "complete"}));
+
+  // A late peer is recorded and moves the clock, but the period stays complete and its callback
+  // says so only at level 8.
+  capture.clear();
+  loop.advanceTo(20);
+  sw(3).connect();
+  loop.advanceTo(30);
+  EXPECT_EQ(sm->initialSwitchSet()->initialSwitchSize(), 3u);
+  EXPECT_EQ(capture.messages(5), (std::vector<std::string>{std::string(kHandlePeer) + ": reset timeMin to 26"}));
+  EXPECT_THAT(capture.messages(8), Contains("InitialMountSm::handleConnectionTimeout: timeMin=26 connection period "
+                                            "complete=1"));
+}
+
+TEST_F(ConnectionPeriodTest, CountsPeersFromBeforeTheStartAndNeverEndsWithoutAny) {
+  start();
+  loop.advanceTo(1000);
+  EXPECT_FALSE(sm->connectionPeriod()->complete());
+  EXPECT_EQ(sm->connectionTimeMin(), Kiv::kInfinity);
+
+  // Connected before the machine: its deadline runs from the start.
+  sm = nullptr;
+  sw(1).connect();
+  start();
+  EXPECT_EQ(sm->connectionTimeMin(), 1006);
+
+  // Without a heartbeat configuration the interval is 0: the deadline is the moment of the peer.
+  sm = new InitialMountSm(mountConfig, mountStatus, nullptr, oob, db);
+  EXPECT_EQ(sm->heartbeatInterval(), 0);
+  loop.advanceTo(1000);
+  EXPECT_TRUE(sm->connectionPeriod()->complete());
+}
+
+TEST_F(ServiceInitialMountTest, AServiceHasAMachineWhileItHasConfigurationAndStatusOfTheRightTypes) {
+  auto before = mountConfig->entryIs<ServiceMountConfig>("early");
+  mountStatus->entryIs<ServiceMountStatus>("early");
+  mountStatus->entryIs<ServiceMountStatus>("svc");
+  mountConfig->entryIs<ServiceMountConfig>("odd");
+  mountStatus->subdirIs("odd");
+  start();
+  EXPECT_NE(sm->serviceInitialMountSm("early"), nullptr);
+  EXPECT_EQ(sm->serviceInitialMountSm("svc"), nullptr);
+  EXPECT_EQ(sm->serviceInitialMountSm("odd"), nullptr);
+
+  mountConfig->entryIs<ServiceMountConfig>("svc");
+  auto first = sm->serviceInitialMountSm("svc");
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->connectionPeriod(), sm->connectionPeriod());
+  mountConfig->entityPtrDel("svc");
+  EXPECT_EQ(sm->serviceInitialMountSm("svc"), nullptr);
+  mountConfig->entryIs<ServiceMountConfig>("svc");
+  EXPECT_NE(sm->serviceInitialMountSm("svc"), nullptr);
+  mountStatus->entityPtrDel("svc");
+  EXPECT_EQ(sm->serviceInitialMountSm("svc"), nullptr);
+  EXPECT_EQ(sm->serviceInitialMountSms(), 1u);
+}
+
+TEST_F(ServiceInitialMountTest, GroupMachinesExistOnlyWhileTheGenerationMatches) {
+  auto config = service();
+  config->leaderGenIdIs("gen0");
+  start();
+  auto svc = sm->serviceInitialMountSm("svc");
+  EXPECT_EQ(svc->mountGroupInitialMountSms(), 0u);
+  config->leaderGenIdIs("gen1");
+  EXPECT_EQ(svc->mountGroupInitialMountSms(), 2u);
+  auto h = svc->mountGroupInitialMountSm("h");
+
+  config->mountGroupConfigDel("g");
+  EXPECT_EQ(svc->mountGroupInitialMountSm("g"), nullptr);
+  EXPECT_EQ(svc->mountGroupInitialMountSm("h"), h);
+  config->mountGroupConfigIs("g");
+  EXPECT_NE(svc->mountGroupInitialMountSm("g"), nullptr);
+
+  db->leaderGenIdIs("gen2");
+  EXPECT_EQ(svc->mountGroupInitialMountSms(), 0u);
+  config->leaderGenIdIs("gen2");
+  EXPECT_EQ(svc->mountGroupInitialMountSms(), 2u);
+  EXPECT_NE(svc->mountGroupInitialMountSm("h"), h);
+}
+
+TEST_F(ServiceInitialMountTest, ALeaderChangeWithdrawsCompletionAndALaterMatchStartsAfresh) {
+  auto config = service();
+  start();
+  sw(1).connect();
+  groupStatusIs(1, mountStateMounted);
+  groupStatusIs(1, mountStateMounted, true, "h");
+  loop.advanceTo(7);
+  EXPECT_TRUE(complete("g"));
+  EXPECT_TRUE(complete("h"));
+  auto firstG = group("g");
+
+  db->leaderGenIdIs("gen2");
+  EXPECT_EQ(group("g"), nullptr);
+  EXPECT_EQ(status()->initialMountsCompleteSize(), 0u);
+  // Nothing writes the flags back while the ids differ.
+  loop.advanceTo(100);
+  EXPECT_EQ(status()->initialMountsCompleteSize(), 0u);
+
+  config->leaderGenIdIs("gen2");
+  ASSERT_NE(group("g"), nullptr);
+  EXPECT_NE(group("g"), firstG);
+  EXPECT_FALSE(complete("g"));
+  EXPECT_TRUE(group("g")->localInitialMountsComplete());
+  loop.advanceTo(101);
+  EXPECT_TRUE(complete("g"));
+  EXPECT_TRUE(complete("h"));
+
+  // A removed group takes only its own flag with it; so does the whole service.
+  config->mountGroupConfigDel("g");
+  EXPECT_EQ(status()->initialMountsCompleteSize(), 1u);
+  EXPECT_TRUE(complete("h"));
+  mountConfig->entityPtrDel("svc");
+  EXPECT_EQ(status()->initialMountsCompleteSize(), 0u);
+}
+
+}  // namespace
+}  // namespace Controller::testing

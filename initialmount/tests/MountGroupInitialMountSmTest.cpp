@@ -1,0 +1,177 @@
+#include "InitialMountFixture.h"
+
+namespace Controller::testing {
+namespace {
+
+using Kiv::NboAttrLog::Demuxer;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr char const* kGroupSm = "void Controller::MountGroupInitialMountSm::";
+
+class MountGroupInitialMountTest : public InitialMountTest {
+ protected:
+  // Starts with one service and the first `n` switches connected at t = 0: the period ends at 6.
+  void startWith(int n) {
+    service();
+    start();
+    traceEvents();
+    for (int i = 1; i <= n; ++i) sw(i).connect();
+  }
+  std::uint64_t requested(int n) { return sw(n).demuxer()->mountTable(Demuxer::kRequestTable)->nextRound(); }
+  Kiv::Ptr<ServiceMountGroupStatus> groupStatus(int n, char const* g = "g") {
+    return status()->systemStatus(name(n))->serviceMountGroupStatus(g);
+  }
+};
+using MountGroupInitialMountDeathTest = MountGroupInitialMountTest;
+
+TEST_F(MountGroupInitialMountTest, FinishedInitialSwitchesGoStraightToFlushingWithoutAMountWindow) {
+  startWith(3);
+  groupStatusIs(1, mountStateMounted);
+  groupStatusIs(2, mountStateFailed);
+  groupStatusIs(3, mountStateMounted);
+  loop.advanceTo(5.999);
+  EXPECT_FALSE(group()->mountGroupInitialSwitchSet()->complete());
+  EXPECT_FALSE(group()->localInitialMountsComplete());
+
+  loop.advanceTo(6);
+  EXPECT_EQ(group()->mountGroupInitialSwitchSet()->initialSwitchSize(), 3u);
+  EXPECT_EQ(group()->mountGroupInitialSwitchSet()->name(), Kiv::Name("g"));
+  EXPECT_TRUE(group()->localInitialMountsComplete());
+  EXPECT_THAT(loop.pendingTimers(), Not(Contains(246.0)));
+  EXPECT_THAT(capture.messages(5), Not(Contains(HasSubstr("Adding remaining switch"))));
+  EXPECT_THAT(capture.messages(5), Contains("flushLocalPassiveEntityLogs: Flushing Demuxer:00:00:00:00:00:02"));
+  EXPECT_EQ(requested(1) + requested(2) + requested(3), 3u);
+  EXPECT_FALSE(complete());
+  // The demuxers apply the round at 6.5; the next poll sees it.
+  loop.advanceTo(6.999);
+  EXPECT_FALSE(complete());
+  loop.advanceTo(7);
+  EXPECT_TRUE(complete());
+  EXPECT_FALSE(complete("h"));
+  EXPECT_THAT(capture.messages(8),
+              Contains("MountGroupInitialMountSm::handleAttrlogFlushTimer Attrlog flush completed for svc:g"));
+}
+
+TEST_F(MountGroupInitialMountTest, AnUnfinishedSwitchIsGivenUpExactly240sAfterTheRemainingSwitchesArePopulated) {
+  startWith(2);
+  loop.advanceTo(6);
+  groupStatusIs(1, mountStateMounted);
+  groupStatusIs(2, mountStateMounting, false);
+  loop.advanceTo(10);
+  EXPECT_EQ(group()->remainingSwitches(), 0u);
+  EXPECT_EQ(group()->mountTimeMin(), Kiv::kInfinity);
+
+  groupStatus(2)->processedIs(true);
+  EXPECT_NE(group()->remainingSwitch(name(2)), nullptr);
+  EXPECT_EQ(group()->mountTimeMin(), 250);
+  EXPECT_THAT(capture.messages(5),
+              Contains(std::string(kGroupSm) + "doPopulateRemainingSwitch(): Adding remaining switch: 00:00:00:00:00:02"));
+  // Neither an unfinished state nor another group's mount strikes it off.
+  groupStatus(2)->mountStateIs(mountStateUnmounting);
+  groupStatusIs(2, mountStateMounted, true, "h");
+  loop.advanceTo(249.999);
+  EXPECT_EQ(group()->remainingSwitches(), 1u);
+  EXPECT_FALSE(group()->localInitialMountsComplete());
+
+  loop.advanceTo(250);
+  EXPECT_EQ(group()->remainingSwitches(), 0u);
+  EXPECT_TRUE(group()->localInitialMountsComplete());
+  EXPECT_THAT(capture.messages(5), Contains(std::string(kGroupSm) + "handleMountTimeout(): "));
+  // A switch processed during the flush does not bring the given-up one back.
+  loop.advanceTo(250.2);
+  sw(3).connect();
+  groupStatusIs(3, mountStateMounted);
+  EXPECT_EQ(group()->remainingSwitches(), 0u);
+  EXPECT_EQ(group()->mountTimeMin(), Kiv::kInfinity);
+  loop.advanceTo(251);
+  EXPECT_TRUE(complete());
+}
+
+TEST_F(MountGroupInitialMountTest, ARemainingSwitchThatFinishesEndsTheWindowEarly) {
+  startWith(2);
+  groupStatusIs(1, mountStateMounting);
+  groupStatusIs(2, mountStateMounted);
+  loop.advanceTo(6);
+  EXPECT_EQ(group()->remainingSwitches(), 1u);
+  EXPECT_EQ(group()->mountTimeMin(), 246);
+
+  loop.advanceTo(20);
+  groupStatus(1)->mountStateIs(mountStateFailed);
+  EXPECT_EQ(group()->remainingSwitches(), 0u);
+  EXPECT_EQ(group()->mountTimeMin(), Kiv::kInfinity);
+  EXPECT_THAT(capture.messages(5), Contains(std::string(kGroupSm) +
+                                            "handleMountState(Kiv::Name, Kiv::Name): : deleting remaining switch "
+                                            "00:00:00:00:00:01"));
+  loop.advanceTo(21);
+  EXPECT_TRUE(complete());
+}
+
+TEST_F(MountGroupInitialMountTest, AConnectedDemuxerThatNeverCatchesUpTimesTheFlushOutAfter120Polls) {
+  startWith(2);
+  groupStatusIs(1, mountStateMounted);
+  groupStatusIs(2, mountStateMounted);
+  sw(1).demuxer()->stalledIs(true);
+  loop.advanceTo(125.999);
+  EXPECT_FALSE(complete());
+  EXPECT_EQ(group()->attrlogFlushRemainingTime(), 0);
+  loop.advanceTo(126);
+  EXPECT_TRUE(complete());
+  EXPECT_EQ(group()->attrlogFlushTimeMin(), Kiv::kInfinity);
+  EXPECT_THAT(capture.messages(8),
+              Contains("MountGroupInitialMountSm::handleAttrlogFlushTimer Attrlog flush timed out for svc:g"));
+  EXPECT_THAT(capture.messages(5), Contains("isLocalPassiveCurrentRoundSyncComplete: Demuxer:00:00:00:00:00:01 "
+                                            "connectStatus:1 round:0 nextRound:1"));
+}
+
+TEST_F(MountGroupInitialMountTest, ADemuxerThatCatchesUpCompletesTheFlushAtTheNextPoll) {
+  startWith(1);
+  groupStatusIs(1, mountStateMounted);
+  sw(1).demuxer()->stalledIs(true);
+  loop.advanceTo(50);
+  sw(1).demuxer()->stalledIs(false);
+  loop.advanceTo(50.999);
+  EXPECT_FALSE(complete());
+  loop.advanceTo(51);
+  EXPECT_TRUE(complete());
+  EXPECT_THAT(capture.messages(8),
+              Contains("MountGroupInitialMountSm::handleAttrlogFlushTimer Attrlog flush completed for svc:g"));
+}
+
+TEST_F(MountGroupInitialMountTest, WithoutConnectedPassiveDemuxersCompletionIsWrittenWhenThePeriodEnds) {
+  startWith(1);
+  loop.advanceTo(3);
+  // Gone before the period ends: not waited for.
+  sw(1).disconnect();
+  auto connections = Kiv::NboAttrLog::ConnectionDir::instance();
+  auto manager = Kiv::globalNboAttrLogDemuxerManager();
+  connections->connectionIs("ghost", true);
+  connections->connectionIs("idle", true);
+  manager->demuxerIs("idle");
+  connections->connectionIs("active", false);
+  auto active = manager->demuxerIs("active");
+  active->connectStatusIs(Kiv::NboAttrLog::connectStatusConnected);
+  active->stalledIs(true);
+
+  loop.advanceTo(5.999);
+  EXPECT_FALSE(complete());
+  loop.advanceTo(6);
+  EXPECT_TRUE(complete());
+  EXPECT_EQ(active->mountTable(Demuxer::kRequestTable)->nextRound(), 0u);
+  // Passive ones are asked all the same, once for each of the two groups.
+  EXPECT_EQ(manager->demuxer("idle")->mountTable(Demuxer::kRequestTable)->nextRound(), 2u);
+  EXPECT_TRUE(complete("h"));
+  EXPECT_THAT(capture.messages(5), Contains("isLocalPassiveCurrentRoundSyncComplete: No Demuxer for:ghost"));
+}
+
+TEST_F(MountGroupInitialMountDeathTest, AnInitialSwitchWithoutSystemStatusEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  startWith(1);
+  loop.advanceTo(6);
+  // Counts, not membership: another switch's processed status completes the count for switch 1.
+  EXPECT_DEATH(groupStatusIs(9, mountStateMounted), "assertion failed: systemStatus");
+}
+
+}  // namespace
+}  // namespace Controller::testing

@@ -1,0 +1,97 @@
+// The mount side from a service's declarations to status, with simulated switches: the service
+// configuration machines fill the registry, the registry machines mount from the switches.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/AttrLog.h"
+#include "platform/MountSm.h"
+#include "platform/SimNetwork.h"
+#include "registry/MountsRegistrySm.h"
+#include "serviceconfig/tests/ServiceConfigFixture.h"
+
+namespace Controller::testing {
+namespace {
+
+class EndToEnd : public ::testing::Test, public ServiceConfigWorld {
+ protected:
+  EndToEnd() {
+    Kiv::globalNboAttrLogDemuxerManager()->clear();
+    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
+    MountSm::localRootDirIs(root);
+    network.establish();
+  }
+  ~EndToEnd() override {
+    registrySm = nullptr;
+    MountSm::localRootDirIs(nullptr);
+  }
+  void startAll() {
+    start();
+    registrySm = new MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
+  }
+  Kiv::Ptr<MountStatus> statusOf(std::string const& service, Sim::Switch const& s, std::string const& group,
+                                 std::string const& path) {
+    auto system = mountStatusOf(service)->systemStatus(s.name());
+    auto groupStatus = system ? system->serviceMountGroupStatus(group) : nullptr;
+    return groupStatus ? groupStatus->mountStatus(path) : nullptr;
+  }
+
+  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
+  Kiv::Ptr<Heartbeat::Config> heartbeat = Heartbeat::Config::ConfigIs("heartbeat");
+  Sim::Network network{oob, heartbeat};
+  Kiv::Ptr<MountsRegistrySm> registrySm;
+};
+
+TEST_F(EndToEnd, AMountGoesFromConfigurationToStatus) {
+  Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
+  s1.entityIs("sys/config")->attrIs("mtu", "9000");
+  s1.serviceVersionIs("svc", 1).mountLatencyIs(2);
+  s1.connect();
+  mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/sys/config", "Sim::Record", "r", "");
+  startAll();
+
+  auto status = statusOf("svc", s1, "g", "/sys/config");
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->mountState(), mountStateMounting);
+  loop.advanceTo(2);
+  EXPECT_EQ(status->mountState(), mountStateMounted);
+  auto group = mountStatusOf("svc")->systemStatus(s1.name())->serviceMountGroupStatus("g");
+  EXPECT_EQ(group->mountState(), mountStateMounted);
+  EXPECT_TRUE(group->processed());
+  ASSERT_FALSE(status->mountedPath().empty());
+  auto mounted = Kiv::entityCast<Sim::Record>(root->entityAtPath(status->mountedPath().view()));
+  ASSERT_TRUE(mounted);
+  EXPECT_EQ(mounted->attr("mtu"), "9000");
+  EXPECT_TRUE(mounted->kivReadOnly());
+}
+
+TEST_F(EndToEnd, NothingIsLeftBehindOnceEveryGroupIsGone) {
+  Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
+  Sim::Switch& s2 = network.switchIs("00:00:00:00:00:02");
+  for (Sim::Switch* s : {&s1, &s2}) {
+    s->entityIs("a");
+    s->entityIs("b");
+    s->serviceVersionIs("one", 1).serviceVersionIs("two", 1);
+    s->connect();
+  }
+  mountService("one")->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
+  auto two = mountService("two");
+  two->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
+  two->mountGroupConfigIs("h")->mountConfigIs("/b", "Sim::Record", "r", "");
+  startAll();
+  loop.advanceBy(5);
+  ASSERT_EQ(statusOf("two", s2, "h", "/b")->mountState(), mountStateMounted);
+
+  Kiv::entityCast<ServiceMountConfig>(mountConfig->entityPtr("one"))->mountGroupConfigDelAll();
+  two->mountGroupConfigDelAll();
+  loop.advanceBy(5);
+  EXPECT_EQ(mounterCount(), 0u);
+  EXPECT_EQ(mountStatusOf("one")->systemStatusSize(), 0u);
+  EXPECT_EQ(mountStatusOf("two")->systemStatusSize(), 0u);
+  EXPECT_EQ(mountStatusOf("two")->mountedPathPrefixSize(), 0u);
+  // Registry entries without mounters stay, as do their machines, which mount nothing.
+  EXPECT_EQ(registry->mountEntrySize(), 2u);
+  EXPECT_FALSE(root->entityAtPath("mounts/a/" + s1.name().stdString() + "/a"));
+}
+
+}  // namespace
+}  // namespace Controller::testing
