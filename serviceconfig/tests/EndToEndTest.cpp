@@ -90,7 +90,47 @@ TEST_F(EndToEnd, NothingIsLeftBehindOnceEveryGroupIsGone) {
   EXPECT_EQ(mountStatusOf("two")->mountedPathPrefixSize(), 0u);
   // Registry entries without mounters stay, as do their machines, which mount nothing.
   EXPECT_EQ(registry->mountEntrySize(), 2u);
+  for (auto it = registry->mountEntryIter(); it; ++it) {
+    EXPECT_EQ(it.value()->mounterSize(), 0u);
+    auto entrySm = registrySm->mountsRegistryEntrySm(it.key());
+    EXPECT_EQ(entrySm->mountSms(), 0u) << it.key();
+    EXPECT_EQ(entrySm->mountSmDatas(), 0u) << it.key();
+  }
   EXPECT_FALSE(root->entityAtPath("mounts/a/" + s1.name().stdString() + "/a"));
+}
+
+TEST_F(EndToEnd, APublicationGoesFromDeclarationToTheAdmittedSwitches) {
+  Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
+  Sim::Switch& s2 = network.switchIs("00:00:00:00:00:02");
+  Sim::Switch& s3 = network.switchIs("00:00:00:00:00:03");
+  s1.serviceVersionIs("pub", 1).connect();
+  s2.serviceVersionIs("pub", 2).connect();  // its version is filtered out
+  s3.serviceVersionIs("pub", 1).connect();  // not in the system filter
+  auto svc = publishService("pub");
+  auto group = svc->publishGroupConfigIs("g");
+  auto systems = svc->systemFilterIs("systems");
+  systems->includedSystemIs(s1.name(), true);
+  systems->includedSystemIs(s2.name(), true);
+  auto versions = svc->versionFilterIs("versions");
+  versions->includedServiceVersionIs(1, true);
+  group->systemFilterIs(systems);
+  group->versionFilterIs(versions);
+  group->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
+  svc->readyIs(true);
+  startAll();
+  EXPECT_FALSE(dbPublish->servicePublishReady("pub"));  // the entity does not exist yet
+
+  loop.advanceTo(2.5);
+  root->subdirIs("local")->entryIs<Kiv::Dir>("state");
+  EXPECT_EQ(dbPublish->system(s1.systemId())->publishedMountSize(), 0u);
+  loop.advanceTo(3);  // the next presence check finds it
+  EXPECT_EQ(dbPublish->system(s1.systemId())->publishedMount("/local/state").remotePath(), "/remote/state");
+  EXPECT_EQ(dbPublish->system(s2.systemId())->publishedMountSize(), 0u);
+  EXPECT_EQ(dbPublish->system(s3.systemId())->publishedMountSize(), 0u);
+  EXPECT_TRUE(dbPublish->servicePublishReady("pub"));
+
+  svc->publishGroupConfigDel("g");
+  EXPECT_EQ(dbPublish->system(s1.systemId())->publishedMountSize(), 0u);
 }
 
 }  // namespace
