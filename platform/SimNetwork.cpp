@@ -63,6 +63,8 @@ void Switch::connect() {
   connection->addressIs(address_);
   connection->serviceStatusDirIs(serviceStatusDir_);
 
+  // Without a handshake to wait for, the switch answers mounts as soon as it is a peer.
+  if (handshakeLatency_ <= 0) connected_ = true;
   oob.peerTable()->peerIs(systemId_, address_, config);
 
   Kiv::NboAttrLog::ConnectionDir::instance()->connectionIs(name_, true);

@@ -150,11 +150,12 @@ void MounterConfigSm::doCleanup() {
 }
 
 void MounterConfigSm::withdrawMountStatus() {
-  // The mounted path prefix is not touched: the service configuration side owns it and has
-  // withdrawn it before the mounter goes.
   Kiv::Ptr<ServiceMountStatus> status = mounter_->serviceMountStatus();
   if (!status) return;
   Kiv::Name const path = remotePath();
+  // A service mounts a path through one mounter at most, so with it goes the service's prefix for
+  // the path (usually withdrawn already by the configuration side, before the mounter).
+  status->mountedPathPrefixDel(path);
   Kiv::Name const group(mounter_->groupName());
   std::vector<Kiv::Name> systems;
   for (auto it = status->systemStatusIter(); it; ++it) systems.push_back(it.key());

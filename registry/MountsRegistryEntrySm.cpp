@@ -309,7 +309,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   MR_TRACE(8, "doConnectSwitch", "MountsRegistryEntrySm::" << "doConnectSwitch" << " " << entryName());
   Kiv::PtrConst<PeerTable> table = peerTable();
   Kiv::PtrConst<Peer> peer = table ? table->peer(systemId) : nullptr;
-  if (Kiv::Ptr<MountSm> sm = mountSm(systemId); sm && sm->pendingRequest()) {
+  if (Kiv::Ptr<MountSm> sm = mountSm(systemId)) {
     Kiv::Ptr<MountSmData> data = mountSmData(systemId);
     KIV_ASSERT(data);
     if (data->mountState() == mountStateMounted && !sm->pendingRequest()) {
