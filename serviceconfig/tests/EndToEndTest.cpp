@@ -29,8 +29,8 @@ class EndToEnd : public ::testing::Test, public ServiceConfigWorld {
     registrySm = new MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
   }
   Kiv::Ptr<MountStatus> statusOf(std::string const& service, Sim::Switch const& s, std::string const& group,
-                                 std::string const& path) {
-    auto system = mountStatusOf(service)->systemStatus(s.name());
+                                 std::string const& path, bool proxy = false) {
+    auto system = mountStatusOf(service, proxy)->systemStatus(s.name());
     auto groupStatus = system ? system->serviceMountGroupStatus(group) : nullptr;
     return groupStatus ? groupStatus->mountStatus(path) : nullptr;
   }
@@ -97,6 +97,30 @@ TEST_F(EndToEnd, NothingIsLeftBehindOnceEveryGroupIsGone) {
     EXPECT_EQ(entrySm->mountSmDatas(), 0u) << it.key();
   }
   EXPECT_FALSE(root->entityAtPath("mounts/a/" + s1.name().stdString() + "/a"));
+}
+
+TEST_F(EndToEnd, AStaleGenerationUnmountsAnOrdinaryServiceButNotAProxy) {
+  Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
+  s1.entityIs("a");
+  s1.entityIs("p");
+  s1.serviceVersionIs("svc", 1).serviceVersionIs("real", 1).connect();
+  mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
+  mountService("real-proxy", "gen1", true)->mountGroupConfigIs("g")->mountConfigIs("/p", "Sim::Record", "r", "");
+  startAll();
+  loop.advanceBy(2);
+  ASSERT_EQ(statusOf("svc", s1, "g", "/a")->mountState(), mountStateMounted);
+
+  db->leaderGenIdIs("gen2");
+  loop.advanceBy(2);
+  EXPECT_THAT(mountersOf("/a"), ::testing::IsEmpty());
+  EXPECT_EQ(mountStatusOf("svc")->systemStatusSize(), 0u);
+  EXPECT_EQ(registrySm->mountsRegistryEntrySm("/a")->mountSms(), 0u);
+  EXPECT_FALSE(root->entityAtPath("mounts/a/" + s1.name().stdString() + "/a"));
+  EXPECT_EQ(statusOf("real-proxy", s1, "g", "/p", true)->mountState(), mountStateMounted);
+
+  mountConfig->entryIs<ServiceMountConfig>("svc")->leaderGenIdIs("gen2");
+  loop.advanceBy(2);
+  EXPECT_EQ(statusOf("svc", s1, "g", "/a")->mountState(), mountStateMounted);
 }
 
 TEST_F(EndToEnd, APublicationGoesFromDeclarationToTheAdmittedSwitches) {
