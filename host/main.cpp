@@ -1,0 +1,7 @@
+#include <iostream>
+
+#include "host/Host.h"
+
+int main(int argc, char** argv) {
+  return Host::hostMain(std::vector<std::string>(argv + 1, argv + argc), std::cout, std::cerr);
+}

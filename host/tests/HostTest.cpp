@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "host/Host.h"
+
+namespace Host {
+namespace {
+
+struct Outcome {
+  int rc;
+  std::string out, err;
+};
+
+Outcome run(std::string const& text, Options o = {}) {
+  std::ostringstream out, err;
+  int rc = runScenarioText(text, "t.scn", o, out, err);
+  return {rc, out.str(), err.str()};
+}
+
+Options json() {
+  Options o;
+  o.json = true;
+  return o;
+}
+
+bool has(std::string const& s, std::string const& part) { return s.find(part) != std::string::npos; }
+
+constexpr char kOneSwitch[] =
+    "switch 00:00:00:00:00:01 latency 2 version svc=1 pub=1 real=1 entity /sys/config /p\n";
+
+TEST(HostRun, AMountAndAPublicationGoFromConfigurationToStatus) {
+  Outcome r = run(std::string(kOneSwitch) +
+                  "service svc\n"
+                  "mount svc g /sys/config type Sim::Record flags r\n"
+                  "service pub ready\n"
+                  "publish pub pg /local/state remote /remote/state type Sim::Record\n"
+                  "at 2.5 create /local/state\n"
+                  "run 20\n",
+              json());
+  ASSERT_EQ(r.rc, 0) << r.err;
+  EXPECT_TRUE(has(r.out, "{\"switch\": \"00:00:00:00:00:01\", \"service\": \"svc\", \"group\": \"g\", "
+                         "\"path\": \"/sys/config\", \"state\": \"mounted\", \"mountedPath\": \"mounts/sys/config/"))
+      << r.out;
+  EXPECT_TRUE(has(r.out, "{\"switch\": \"00:00:00:00:00:01\", \"path\": \"/local/state\", \"remotePath\": "
+                         "\"/remote/state\", \"type\": \"Sim::Record\", \"service\": \"pub\"}"))
+      << r.out;
+  EXPECT_TRUE(has(r.out, "\"pub\": true")) << r.out;
+  // One switch connected at the start with a 2 s heartbeat: the initial mounts complete in the run.
+  EXPECT_TRUE(has(r.out, "{\"service\": \"svc\", \"group\": \"g\", \"complete\": true, \"at\": ")) << r.out;
+  // The log went to stderr, keeping stdout pure JSON, with a progress line per 10 s.
+  EXPECT_EQ(r.out.front(), '{');
+  EXPECT_TRUE(has(r.err, "[progress] t=10s of 20s")) << r.err;
+  EXPECT_TRUE(has(r.err, "[progress] t=20s of 20s")) << r.err;
+}
+
+TEST(HostRun, AnUnreadyServiceIsNotReportedReadyAndAMissingLocalEntityIsNotPublished) {
+  Outcome r = run(std::string(kOneSwitch) +
+                  "service pub\n"
+                  "publish pub pg /local/state remote /remote/state type Sim::Record\n"
+                  "run 10\n",
+              json());
+  ASSERT_EQ(r.rc, 0) << r.err;
+  EXPECT_TRUE(has(r.out, "\"pub\": false")) << r.out;
+  EXPECT_TRUE(has(r.out, "\"published\": [\n  ]")) << r.out;
+}
+
+TEST(HostRun, TheTablesShowCompletionMountsPublicationsAndReadiness) {
+  Outcome r = run(std::string(kOneSwitch) +
+              "service svc\nmount svc g /sys/config type Sim::Record\n"
+              "service pub ready\nlocal /local/state\n"
+              "publish pub pg /local/state remote /remote/state type Sim::Record\nrun 15\n");
+  ASSERT_EQ(r.rc, 0) << r.err;
+  EXPECT_TRUE(has(r.out, "Initial mounts (t=15.0)")) << r.out;
+  EXPECT_TRUE(has(r.out, "/sys/config       mounted")) << r.out;
+  EXPECT_TRUE(has(r.out, "/remote/state")) << r.out;
+  EXPECT_TRUE(has(r.out, "pub                   ready")) << r.out;
+}
+
+// The leader generation moves away from the ordinary service's and back: its mounts go and come
+// back, while the proxy's, never gated, stay mounted throughout.
+TEST(HostRun, ALeaderChangeWithdrawsAndRestoresAnOrdinaryServiceButLeavesTheProxy) {
+  std::string const base = std::string(kOneSwitch) +
+                           "service svc\nmount svc g /sys/config type Sim::Record\n"
+                           "service real-proxy proxy\nmount real-proxy pg /p type Sim::Record\n"
+                           "at 10 leader gen2\n";
+  std::string const svcMounted = "\"service\": \"svc\", \"group\": \"g\", \"path\": \"/sys/config\", \"state\": "
+                                 "\"mounted\"";
+  std::string const proxyMounted = "\"service\": \"real-proxy\", \"group\": \"pg\", \"path\": \"/p\", \"state\": "
+                                   "\"mounted\"";
+
+  Outcome before = run(base + "run 9\n", json());
+  ASSERT_EQ(before.rc, 0) << before.err;
+  EXPECT_TRUE(has(before.out, svcMounted)) << before.out;
+  EXPECT_TRUE(has(before.out, proxyMounted)) << before.out;
+
+  Outcome during = run(base + "run 15\n", json());
+  ASSERT_EQ(during.rc, 0) << during.err;
+  EXPECT_FALSE(has(during.out, "\"service\": \"svc\", \"group\": \"g\", \"path\"")) << during.out;
+  EXPECT_TRUE(has(during.out, proxyMounted)) << during.out;
+
+  Outcome after = run(base + "at 20 leader gen1\nrun 30\n", json());
+  ASSERT_EQ(after.rc, 0) << after.err;
+  EXPECT_TRUE(has(after.out, svcMounted)) << after.out;
+  EXPECT_TRUE(has(after.out, proxyMounted)) << after.out;
+}
+
+TEST(HostRun, TheDefaultScenarioRunsToTheEndWithTheLogAndRingLog) {
+  std::ostringstream out, err;
+  ASSERT_EQ(hostMain({"--until", "100", "--ringlog"}, out, err), 0) << err.str();
+  EXPECT_TRUE(has(out.str(), "Initial mounts (t=100.0)")) << out.str();
+  EXPECT_TRUE(has(out.str(), "telemetry-proxy")) << out.str();
+  EXPECT_TRUE(has(out.str(), "Ring log")) << out.str();
+  EXPECT_TRUE(has(err.str(), "[progress] t=100s of 100s")) << err.str();
+}
+
+}  // namespace
+}  // namespace Host
