@@ -114,5 +114,39 @@ TEST(HostRun, TheDefaultScenarioRunsToTheEndWithTheLogAndRingLog) {
   EXPECT_TRUE(has(err.str(), "[progress] t=100s of 100s")) << err.str();
 }
 
+TEST(HostRun, ASwitchBackBeforeItsUnmountEndsIsRemountedNotMountedAfresh) {
+  // The unmount takes the switch's latency (2 s): the switch is back after 1 s.
+  Outcome o = run(std::string(kOneSwitch) +
+                  "service svc\nmount svc g /sys/config type Sim::Record\nat 10 flap 00:00:00:00:00:01 1\nrun 20\n");
+  ASSERT_EQ(o.rc, 0) << o.err;
+  auto count = [&](std::string const& part) {
+    std::size_t n = 0;
+    for (std::size_t at = o.out.find(part); at != std::string::npos; at = o.out.find(part, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count(" mounting:/sys/config from:00:00:00:00:00:01"), 1u) << o.out;
+  EXPECT_TRUE(has(o.out, "   11.000  ControllerMountsRegistrySm: void Controller::MountsRegistryEntrySm::doConnectSwitch("
+                         "Controller::SystemId):  remounting:/sys/config from:00:00:00:00:00:01"))
+      << o.out;
+  // The same machine goes from unmounting straight back to mounting; it never reaches 0.
+  EXPECT_TRUE(has(o.out, "oldMountState:mountStateUnmounting newMountState:mountStateMounting")) << o.out;
+  EXPECT_EQ(count("newMountState:mountStateUnmounted"), 0u) << o.out;
+  EXPECT_TRUE(has(o.out, "mounts/sys/config/00:00:00:00:00:01/config")) << o.out;
+}
+
+TEST(HostRun, TheDefaultScenarioShowsWhatItIsBuiltToShow) {
+  std::ostringstream out, err;
+  ASSERT_EQ(hostMain({}, out, err), 0) << err.str();
+  std::string const& o = out.str();
+  // The switch without a version keeps the groups waiting for the whole 240-s window after the
+  // leader generation is current again at 330 s; the flush adds one poll.
+  EXPECT_TRUE(has(o, "  fabric                config        yes       571.0")) << o;
+  EXPECT_TRUE(has(o, "  fabric                counters      yes       571.0")) << o;
+  EXPECT_TRUE(has(o, "00:00:00:00:00:03  fabric                config        /sys/config       failed")) << o;
+  EXPECT_FALSE(has(o, "00:00:00:00:00:05  fabric")) << o;
+  EXPECT_TRUE(has(o, "00:00:00:00:00:04  /web/state        /remote/web")) << o;
+  EXPECT_TRUE(has(o, "  web                   ready")) << o;
+}
+
 }  // namespace
 }  // namespace Host
