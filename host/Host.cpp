@@ -472,7 +472,7 @@ namespace {
 
 constexpr char const* kUsage =
     "usage: mounthost [options] [scenario-file]\n"
-    "Runs a scenario (host/SCENARIO.md) against simulated switches; without a file, the built-in one.\n"
+    "Runs a scenario (see README.md) against simulated switches; without a file, the built-in one.\n"
     "  --json            print the final status as JSON (the log goes to stderr)\n"
     "  --trace SETTING   extra trace levels, e.g. 'ControllerMountsRegistrySm/0-9'\n"
     "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"

@@ -1,6 +1,6 @@
 #pragma once
 // A scenario: the switches, services and timed events the host runs, read from a small
-// line-oriented text (host/SCENARIO.md). Parsing is complete before anything runs, so a bad file
+// line-oriented text (the format is in README.md). Parsing is complete before anything runs, so a bad file
 // runs nothing.
 
 #include <map>
