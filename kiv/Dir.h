@@ -63,10 +63,7 @@ class Dir : public Entity {
   ~Dir() override;
 
  private:
-  Ptr<Entity> lookup(Name const& name) const {
-    Ptr<Entity> const* p = members_.find(name);
-    return p ? *p : Ptr<Entity>();
-  }
+  Ptr<Entity> lookup(Name const& name) const { return members_.get(name); }
 
   EntityMap members_;
 };

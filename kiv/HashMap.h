@@ -113,6 +113,16 @@ class HashMap {
   }
   V const* find(K const& k) const { return const_cast<HashMap*>(this)->find(k); }
   bool contains(K const& k) const { return find(k) != nullptr; }
+  // The value at k, or a default V when k is absent.
+  V get(K const& k) const {
+    V const* v = find(k);
+    return v ? *v : V();
+  }
+  // Stores v at k, replacing what was there.
+  void assign(K const& k, V const& v) {
+    auto [stored, inserted] = insert(k, v);
+    if (!inserted) *stored = v;
+  }
 
   // Inserts (k, v) unless k is present; returns the stored value and whether it was inserted.
   template <class VV>

@@ -55,11 +55,6 @@ class ChildMap : public HashMap<K, Ptr<T>> {
  public:
   using HashMap<K, Ptr<T>>::HashMap;
 
-  Ptr<T> get(K const& k) const {
-    Ptr<T> const* p = this->find(k);
-    return p ? *p : Ptr<T>();
-  }
-
   // Returns the child at k; if absent, creates it with make(). If present, compares `params`
   // with the child's kivParams() and throws on the first difference.
   template <class Make, class... P>
@@ -75,7 +70,7 @@ class ChildMap : public HashMap<K, Ptr<T>> {
 
   // Runs the child's doCleanup() and then removes it.
   bool cleanupAndErase(K const& k) {
-    Ptr<T> child = get(k);
+    Ptr<T> child = this->get(k);
     if (!child) return false;
     child->doCleanup();
     this->erase(k);

@@ -189,8 +189,7 @@ void ConnectionDir::notify(Name const& name) {
 // --- DemuxerManager ---
 
 Ptr<Demuxer> DemuxerManager::demuxer(Name const& name) const {
-  Ptr<Demuxer> const* d = demuxers_.find(name);
-  return d ? *d : nullptr;
+  return demuxers_.get(name);
 }
 
 Ptr<Demuxer> DemuxerManager::demuxerIs(Name const& name) {

@@ -25,19 +25,6 @@ constexpr char const* kHandleMountState =
     "void Controller::MountsRegistryEntrySm::KivMountSmDataSm::handleMountState()";
 constexpr char const* kUpdateMountersStatus =
     "void Controller::MountsRegistryEntrySm::updateMountersStatus(Controller::SystemId, Controller::MountState)";
-
-// Stores v at k, replacing what was there.
-template <class K, class V>
-void put(Kiv::HashMap<K, V>& map, K const& k, V const& v) {
-  auto [stored, inserted] = map.insert(k, v);
-  if (!inserted) *stored = v;
-}
-
-template <class K, class V>
-V lookup(Kiv::HashMap<K, V> const& map, K const& k) {
-  V const* v = map.find(k);
-  return v ? *v : V();
-}
 }  // namespace
 
 MountsRegistryEntrySm::MountsRegistryEntrySm(Kiv::Ptr<MountsRegistryEntry> const& registryEntry,
@@ -69,7 +56,7 @@ void MountsRegistryEntrySm::mounterConfigSmDel(Kiv::String const& serviceName) {
 }
 
 void MountsRegistryEntrySm::connectionFilterIs(Kiv::String const& systemName, std::uint32_t count) {
-  put(connectionFilter_, systemName, count);
+  connectionFilter_.assign(systemName, count);
 }
 
 void MountsRegistryEntrySm::connectionFilterDel(Kiv::String const& systemName) {
@@ -78,7 +65,7 @@ void MountsRegistryEntrySm::connectionFilterDel(Kiv::String const& systemName) {
 }
 
 Kiv::Ptr<ServiceVersionFilter> MountsRegistryEntrySm::versionFilter(Kiv::Name const& serviceName) const {
-  return lookup(versionFilter_, serviceName);
+  return versionFilter_.get(serviceName);
 }
 
 Kiv::Ptr<ServiceVersionFilter> MountsRegistryEntrySm::versionFilterIs(Kiv::Name const& serviceName) {
@@ -94,15 +81,15 @@ void MountsRegistryEntrySm::versionFilterDel(Kiv::Name const& serviceName) {
 }
 
 Kiv::Ptr<MountSmData> MountsRegistryEntrySm::mountSmData(SystemId const& systemId) const {
-  return lookup(mountSmData_, systemId);
+  return mountSmData_.get(systemId);
 }
 
 void MountsRegistryEntrySm::mountSmDataIs(SystemId const& systemId, Kiv::ValidPtr<MountSmData> data) {
   SystemId const id = systemId;
-  put(mountSmData_, id, Kiv::Ptr<MountSmData>(data));
+  mountSmData_.assign(id, Kiv::Ptr<MountSmData>(data));
   Kiv::Ptr<KivMountSmDataSm> watcher = mountSmDataSm(id);
   if (!watcher || watcher->notifier() != data)
-    put(mountSmDataSm_, id, Kiv::Ptr<KivMountSmDataSm>(new KivMountSmDataSm(data, id, this)));
+    mountSmDataSm_.assign(id, Kiv::Ptr<KivMountSmDataSm>(new KivMountSmDataSm(data, id, this)));
 }
 
 void MountsRegistryEntrySm::mountSmDataDel(SystemId const& systemId) {
@@ -112,13 +99,13 @@ void MountsRegistryEntrySm::mountSmDataDel(SystemId const& systemId) {
 }
 
 Kiv::Ptr<MountsRegistryEntrySm::KivMountSmDataSm> MountsRegistryEntrySm::mountSmDataSm(SystemId const& systemId) const {
-  return lookup(mountSmDataSm_, systemId);
+  return mountSmDataSm_.get(systemId);
 }
 
-Kiv::Ptr<MountSm> MountsRegistryEntrySm::mountSm(SystemId const& systemId) const { return lookup(mountSm_, systemId); }
+Kiv::Ptr<MountSm> MountsRegistryEntrySm::mountSm(SystemId const& systemId) const { return mountSm_.get(systemId); }
 
 void MountsRegistryEntrySm::mountSmIs(SystemId const& systemId, Kiv::ValidPtr<MountSm> sm) {
-  put(mountSm_, SystemId(systemId), Kiv::Ptr<MountSm>(sm));
+  mountSm_.assign(SystemId(systemId), Kiv::Ptr<MountSm>(sm));
 }
 
 void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {

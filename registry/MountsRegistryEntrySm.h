@@ -84,10 +84,7 @@ class MountsRegistryEntrySm : public Kiv::PtrInterface {
   void mounterConfigSmDel(Kiv::String const& serviceName);
 
   // How many mounters include the system; 0 when none.
-  std::uint32_t connectionFilter(Kiv::String const& systemName) const {
-    std::uint32_t const* c = connectionFilter_.find(systemName);
-    return c ? *c : 0;
-  }
+  std::uint32_t connectionFilter(Kiv::String const& systemName) const { return connectionFilter_.get(systemName); }
   bool connectionFilterContains(Kiv::String const& systemName) const { return connectionFilter_.contains(systemName); }
   std::size_t connectionFilters() const { return connectionFilter_.size(); }
   void connectionFilterIs(Kiv::String const& systemName, std::uint32_t count);

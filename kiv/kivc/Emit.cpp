@@ -431,10 +431,7 @@ class ValueCollectionEmitter : public CollectionEmitterBase {
  public:
   using CollectionEmitterBase::CollectionEmitterBase;
   std::string declaration() const override {
-    return fill(fillA(R"(  $type$ $x$($keyParam$ k) const {
-    $type$ const* v = $x$_.find(k);
-    return v ? *v : $type${};
-  }
+    return fill(fillA(R"(  $type$ $x$($keyParam$ k) const { return $x$_.get(k); }
   void $x$Is($signature$);
 )"),
                 {{"signature", signature()}}) +
