@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "kiv/Clock.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 #include "platform/MountSm.h"
 #include "platform/SimNetwork.h"
 #include "registry/MountsRegistrySm.h"

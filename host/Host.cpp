@@ -16,7 +16,7 @@
 #include "initialmount/InitialMountSm.h"
 #include "kiv/Clock.h"
 #include "kiv/Trace.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 #include "platform/MountSm.h"
 #include "platform/SimNetwork.h"
 #include "registry/MountsRegistrySm.h"

@@ -6,7 +6,7 @@
 
 #include "initialmount/InitialMountTrace.h"
 #include "kiv/Assert.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 
 namespace Controller {
 

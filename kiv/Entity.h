@@ -13,6 +13,10 @@
 namespace Kiv {
 
 class Entity;
+namespace NboAttrLog {
+class Adapter;
+class Side;
+}  // namespace NboAttrLog
 
 // What a parent hands a member it creates.
 struct EntityInit {
@@ -27,6 +31,8 @@ enum class AttrKind { derived, constant, value, reference, collection, valueColl
 
 // An attribute of a declared type. Identifiers start at 258 in declaration order; those below
 // belong to the framework.
+inline constexpr std::uint32_t kFirstAttrId = 258;
+
 struct AttrInfo {
   std::uint32_t id;
   char const* name;
@@ -40,6 +46,9 @@ struct TypeInfo {
   Ptr<Entity> (*create)(EntityInit const&);
   AttrInfo const* attrs = nullptr;
   std::size_t attrCount = 0;
+  // The attribute-log adapter of a root entity of this type (kiv/AttrLog.h); null for types that
+  // do not replicate. The caller owns the result through Adapter::kivObject().
+  NboAttrLog::Adapter* (*attrLogAdapter)(Entity&, NboAttrLog::Side&) = nullptr;
 };
 
 void typeRegister(TypeInfo const& type);

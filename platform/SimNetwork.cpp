@@ -18,6 +18,7 @@ Switch::Switch(Network& network, Controller::SystemId const& id, Ovel::IpAndPort
       name_(id.stringValue()),
       address_(address),
       root_(Kiv::Dir::DirIs(name_)),
+      peerDemuxer_(Kiv::NboAttrLog::Demuxer::DemuxerIs(name_, false)),
       handshakeTimer_(Platform::Timer::TimerIs([this] { handshakeDone(); })),
       reconnectTimer_(Platform::Timer::TimerIs([this] { connect(); })) {}
 
@@ -68,7 +69,7 @@ void Switch::connect() {
   oob.peerTable()->peerIs(systemId_, address_, config);
 
   Kiv::NboAttrLog::ConnectionDir::instance()->connectionIs(name_, true);
-  demuxer_ = Kiv::globalNboAttrLogDemuxerManager()->demuxerIs(name_);
+  demuxer_ = Kiv::globalNboAttrLogDemuxerManager()->demuxerIs(name_, true);
 
   if (handshakeLatency_ > 0) {
     handshakeTimer_->armIn(handshakeLatency_);
@@ -80,7 +81,9 @@ void Switch::connect() {
 void Switch::handshakeDone() {
   connected_ = true;
   // The attribute log first: a reactor to the peer's connection may go straight to it.
-  demuxer_->connectStatusIs(Kiv::NboAttrLog::connectStatusConnected);
+  // The hellos cross on the loop's next turn; later traffic takes the latency.
+  attrLogStream_ = Kiv::NboAttrLog::InProcessStream::InProcessStreamIs(demuxer_, peerDemuxer_);
+  attrLogStream_->latencyIs(kAttrLogLatency);
   if (auto peer = network_.peerTable()->peer(systemId_)) peer->connectedIs(true);
 }
 
@@ -91,7 +94,7 @@ void Switch::disconnect() {
   connected_ = false;
   serviceStatusDir_ = nullptr;
   ControllerOob::Status& oob = *network_.oobStatus();
-  demuxer_->connectStatusIs(Kiv::NboAttrLog::connectStatusDisconnected);
+  attrLogStream_ = nullptr;
   Kiv::NboAttrLog::ConnectionDir::instance()->connectionDel(name_);
   if (auto peer = oob.peerTable()->peer(systemId_)) {
     peer->connectedIs(false);

@@ -27,7 +27,8 @@
 #include "SwitchTypes.h"
 #include "kiv/Clock.h"
 #include "kiv/Dir.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
+#include "kiv/AttrLogStream.h"
 #include "platform/SystemId.h"
 
 namespace Platform {
@@ -78,8 +79,15 @@ class Switch {
   std::uint32_t generation() const { return generation_; }
   // A mount attempt started now can succeed.
   bool mountable() const { return connected_ && !failing_; }
+  // The controller's end of the switch's attribute log (in the process-wide manager, passive).
   // Null before the first connect(); kept (disconnected) while the switch is down.
   Kiv::Ptr<Kiv::NboAttrLog::Demuxer> const& demuxer() const { return demuxer_; }
+  // The switch's end.
+  Kiv::Ptr<Kiv::NboAttrLog::Demuxer> const& peerDemuxer() const { return peerDemuxer_; }
+  // The stream between the two ends, from the handshake to the disconnection; null otherwise.
+  Kiv::Ptr<Kiv::NboAttrLog::InProcessStream> const& attrLogStream() const { return attrLogStream_; }
+  // One-way delay of the attribute log once connected: a synchronisation round takes twice that.
+  static constexpr Kiv::Seconds kAttrLogLatency = 0.25;
 
   // The service's negotiated version: published on the current connection at once and on every
   // later one.
@@ -121,6 +129,8 @@ class Switch {
   // Set from connect() to disconnect().
   Kiv::Ptr<Controller::ServiceStatusDir> serviceStatusDir_;
   Kiv::Ptr<Kiv::NboAttrLog::Demuxer> demuxer_;
+  Kiv::Ptr<Kiv::NboAttrLog::Demuxer> peerDemuxer_;
+  Kiv::Ptr<Kiv::NboAttrLog::InProcessStream> attrLogStream_;
   Kiv::Ptr<Platform::Timer> handshakeTimer_;
   Kiv::Ptr<Platform::Timer> reconnectTimer_;
 };

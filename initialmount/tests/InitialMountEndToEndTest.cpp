@@ -4,7 +4,7 @@
 #include "MountsRegistry.h"
 #include "initialmount/InitialMountSm.h"
 #include "kiv/Clock.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 #include "platform/MountSm.h"
 #include "platform/SimNetwork.h"
 #include "registry/MountsRegistrySm.h"

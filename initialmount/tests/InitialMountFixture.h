@@ -12,7 +12,7 @@
 #include "initialmount/InitialMountSm.h"
 #include "initialmount/InitialMountTrace.h"
 #include "kiv/Trace.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 #include "platform/SimNetwork.h"
 
 namespace Controller::testing {

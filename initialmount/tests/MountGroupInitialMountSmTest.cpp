@@ -18,6 +18,7 @@ class MountGroupInitialMountTest : public InitialMountTest {
     start();
     traceEvents();
     for (int i = 1; i <= n; ++i) sw(i).connect();
+    loop.runUntilIdle();  // the attribute logs' hellos
   }
   std::uint64_t requested(int n) { return sw(n).demuxer()->mountTable(Demuxer::kRequestTable)->nextRound(); }
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus(int n, char const* g = "g") {
@@ -112,7 +113,7 @@ TEST_F(MountGroupInitialMountTest, AConnectedDemuxerThatNeverCatchesUpTimesTheFl
   startWith(2);
   groupStatusIs(1, mountStateMounted);
   groupStatusIs(2, mountStateMounted);
-  sw(1).demuxer()->stalledIs(true);
+  sw(1).attrLogStream()->stalledIs(true);
   loop.advanceTo(125.999);
   EXPECT_FALSE(complete());
   EXPECT_EQ(group()->attrlogFlushRemainingTime(), 0);
@@ -128,9 +129,9 @@ TEST_F(MountGroupInitialMountTest, AConnectedDemuxerThatNeverCatchesUpTimesTheFl
 TEST_F(MountGroupInitialMountTest, ADemuxerThatCatchesUpCompletesTheFlushAtTheNextPoll) {
   startWith(1);
   groupStatusIs(1, mountStateMounted);
-  sw(1).demuxer()->stalledIs(true);
+  sw(1).attrLogStream()->stalledIs(true);
   loop.advanceTo(50);
-  sw(1).demuxer()->stalledIs(false);
+  sw(1).attrLogStream()->stalledIs(false);
   loop.advanceTo(50.999);
   EXPECT_FALSE(complete());
   loop.advanceTo(51);
@@ -150,9 +151,12 @@ TEST_F(MountGroupInitialMountTest, WithoutConnectedPassiveDemuxersCompletionIsWr
   connections->connectionIs("idle", true);
   manager->demuxerIs("idle");
   connections->connectionIs("active", false);
-  auto active = manager->demuxerIs("active");
-  active->connectStatusIs(Kiv::NboAttrLog::connectStatusConnected);
-  active->stalledIs(true);
+  auto active = manager->demuxerIs("active", false);
+  auto far = Kiv::NboAttrLog::Demuxer::DemuxerIs("far", true);
+  auto stream = Kiv::NboAttrLog::InProcessStream::InProcessStreamIs(active, far);
+  loop.runUntilIdle();
+  ASSERT_EQ(active->connectStatus(), Kiv::NboAttrLog::connectStatusConnected);
+  stream->stalledIs(true);
 
   loop.advanceTo(5.999);
   EXPECT_FALSE(complete());

@@ -6,7 +6,7 @@
 
 #include "kiv/Clock.h"
 #include "kiv/Dir.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 #include "platform/MountSm.h"
 #include "platform/SimNetwork.h"
 

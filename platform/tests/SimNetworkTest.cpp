@@ -65,6 +65,9 @@ TEST_F(SimNetworkTest, ConnectAndDisconnectMaintainWhatTheConnectionLayerPublish
   EXPECT_TRUE(mount->versionCompatible());
   EXPECT_TRUE(mount->versionNegotiationComplete());
   EXPECT_THAT(attrLogConnections->passiveConnectionNames(), ElementsAre(s.name()));
+  // The attribute log's hellos cross on the loop's next turn.
+  EXPECT_EQ(s.demuxer()->connectStatus(), connectStatusDisconnected);
+  loop.runUntilIdle();
   EXPECT_EQ(s.demuxer()->connectStatus(), connectStatusConnected);
 
   auto withdrawn = oob->connection(s.name())->serviceStatusDir()->service("publish");

@@ -6,7 +6,7 @@
 
 #include "MountsRegistry.h"
 #include "kiv/Clock.h"
-#include "platform/AttrLog.h"
+#include "kiv/AttrLog.h"
 #include "platform/MountSm.h"
 #include "platform/SimNetwork.h"
 #include "registry/MountsRegistrySm.h"
