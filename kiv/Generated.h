@@ -8,6 +8,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "kiv/AttrLogCodec.h"
 #include "kiv/Clock.h"
 #include "kiv/Dir.h"
 #include "kiv/Entity.h"

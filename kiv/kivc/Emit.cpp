@@ -1,5 +1,6 @@
 // One emitter per attribute kind, each with hooks for the class declaration, the out-of-line
-// definitions, the notifiee callbacks, the member data and the conformance traits.
+// definitions, the notifiee callbacks, the member data, the conformance traits and the
+// attribute-log adapter.
 
 #include "kiv/kivc/Emit.h"
 
@@ -85,6 +86,28 @@ std::string joined(std::vector<std::string> const& parts, char const* separator)
   return out;
 }
 
+// Attribute-log adapters: a reference travels as its target's handle, everything else as a
+// tagged value.
+std::string decodeOf(TypeRef const& t) {
+  if (t.pointer) return "kivResolve<" + t.entity + (t.pointerToConst ? " const" : "") + ">(d, d.reference())";
+  return "d.value<" + t.cpp + ">()";
+}
+
+// The pieces of an entity's attribute-log adapter that each attribute contributes.
+struct AdapterParts {
+  std::string decl;       // members of the adapter class
+  std::string dirty;      // its public dirty-key sets
+  std::string children;   // its private child adapters
+  std::string defs;       // out-of-line definitions
+  std::string ctor;       // sending: the adapters of the members already there
+  std::string flowOut;    // cases of handleAttrFlowOut's dispatch
+  std::string remount;    // doRemountSelf: the attribute sent whole
+  std::string clear;      // the dirty-key sets emptied
+  std::string sendChild;  // kivSendChild: the child looked up among the members
+  std::string apply;      // cases of handleAttrTransaction
+  std::string unsent;     // handleRemountEnd: what the remount did not send, deleted
+};
+
 // Shared by the emitters: names derived from the attribute and its entity.
 struct Names {
   std::string T;   // the entity class
@@ -108,6 +131,8 @@ class AttrEmitter {
   virtual std::string destructorPart() const { return {}; }
   // The constructor's member initializer, with its leading comma.
   virtual std::string initializer() const { return {}; }
+  // Derived, const and owner attributes never flow.
+  virtual void adapter(AdapterParts&) const {}
 
  protected:
   std::string fillA(std::string_view tmpl) const {
@@ -176,6 +201,31 @@ class ValueEmitter : public AttrEmitter {
   std::string callbacks() const override { return fillA("    virtual void on$X$() {}\n"); }
   std::string recorder() const override { return fillA("    void on$X$() override { calls.push_back(\"$x$\"); }\n"); }
   std::string member() const override { return fillA("  $type$ $x$_{};\n"); }
+  void adapter(AdapterParts& p) const override {
+    p.decl += fillA("  void on$X$() override;\n  bool kivHandle$X$Serialize();\n");
+    std::string const send = fillA(a_.type.pointer ? "kivSendRef(kiv$X$AttrId, kivEntity().$x$().ptr())"
+                                                   : "kivSendValue(kiv$X$AttrId, kivEntity().$x$())");
+    p.defs += fill(fillA(R"(void $T$::KivNboAttrLogSa::on$X$() {
+  if (!kivHandle$X$Serialize()) kivDirtyIs(kiv$X$AttrId);
+}
+
+bool $T$::KivNboAttrLogSa::kivHandle$X$Serialize() { return $send$; }
+
+)"),
+                   {{"send", send}});
+    p.flowOut += fillA("      case kiv$X$AttrId:\n        return kivHandle$X$Serialize();\n");
+    p.remount += fillA("  if (!kivHandle$X$Serialize()) kivDirtyIs(kiv$X$AttrId);\n");
+    p.apply += fill(fillA(R"(    case kiv$X$AttrId: {
+      if (op != Kiv::NboAttrLog::Op::value) break;
+      $type$ const v = $decode$;
+      d.end();
+      Kiv::ReplicaWriteScope const w;
+      kivEntity().$x$Is(v);
+      return;
+    }
+)"),
+                    {{"decode", decodeOf(a_.type)}});
+  }
   std::string visit() const override {
     if (a_.kind == AttrKind::reference)
       return fill(fillA(
@@ -295,7 +345,47 @@ void $T$::$x$Notify() {
   std::string commonVisitTail() const {
     return fillA(
         "        [](Type& e, $keyParam$ k) { e.$x$Del(k); }, [](Type& e) { e.$x$DelAll(); },\n"
-        "        [](Type const& e) { return e.$x$Size(); }, [](Type& e, $keyParam$ k) { e.$x$Notify(k); });\n");
+        "        [](Type const& e) { return e.$x$Size(); }, [](Type& e, $keyParam$ k) { e.$x$Notify(k); },\n"
+        "        [](Type const& e, auto&& f) { for (auto it = e.$x$Iter(); it; ++it) f(it.key(), it.value()); });\n");
+  }
+  // What entity collections and sets share in the adapter: a key sent alone (by `sing`, the
+  // definition of kivHandle$X$SerializeSing) or marked dirty, the dirty keys sent together, and
+  // every key sent by a remount. Entity collections also keep child adapters in step (`follow`).
+  void commonAdapter(AdapterParts& p, std::string const& follow, std::string const& sing) const {
+    p.decl += fillA(R"(  using Notifiee::on$X$;
+  void on$X$($keyParam$ k) override;
+  bool kivHandle$X$SerializeSing($keyParam$ k);
+  bool kivHandle$X$SerializeColl();
+)");
+    p.dirty += fillA("  Kiv::HashMap<$key$, bool> KivKivIs$X$Dirty;\n");
+    p.defs += fill(fillA(R"(void $T$::KivNboAttrLogSa::on$X$($keyParam$ k) {
+$follow$  if (!kivHandle$X$SerializeSing(k)) kivDirtyIs(kiv$X$AttrId, KivKivIs$X$Dirty, k);
+}
+
+$sing$bool $T$::KivNboAttrLogSa::kivHandle$X$SerializeColl() {
+  return Kiv::NboAttrLog::flowOutKeys(KivKivIs$X$Dirty, [this]($keyParam$ k) { return kivHandle$X$SerializeSing(k); });
+}
+
+)"),
+                   {{"follow", follow}, {"sing", sing}});
+    p.flowOut += fillA("      case kiv$X$AttrId:\n        return kivHandle$X$SerializeColl();\n");
+    p.remount += fillA(R"(  for (auto it = kivEntity().$x$_.begin(); it; ++it)
+    if (!kivHandle$X$SerializeSing(it.key())) kivDirtyIs(kiv$X$AttrId, KivKivIs$X$Dirty, it.key());
+)");
+    p.clear += fillA("  KivKivIs$X$Dirty.clear();\n");
+  }
+  // The receiver's part for op `del`, with what else goes with the key (`drop`).
+  std::string applyDel(std::string const& drop) const {
+    return fill(fillA(R"(      if (op == Kiv::NboAttrLog::Op::del) {
+        $key$ const k = kivKey<$key$>(d, "$ns$::$T$::$x$");
+        d.end();
+        Kiv::ReplicaWriteScope const w;
+        kivEntity().$x$Del(k);
+$drop$        return;
+      }
+      break;
+)"),
+                {{"drop", drop}});
   }
 };
 
@@ -380,6 +470,96 @@ $check$$found$  }
                  {"computeKey", computeKey}}) +
            commonDefinition("Kiv::Ptr<" + a_.type.cpp + ">", unlink("  removed->"));
   }
+  void adapter(AdapterParts& p) const override {
+    std::string sendParams, decodeParams, sameConsts;
+    for (Attribute const* c : ctorParamsOf(*member_)) {
+      sendParams += ", " + (c->type.pointer ? "Kiv::NboAttrLog::refParam(side(), m->" + c->name + "().ptr())"
+                                            : "m->" + c->name + "()");
+      decodeParams += "        " + c->type.cpp + " const " + c->name + " = " + decodeOf(c->type) + ";\n";
+      if (c->kind == AttrKind::constant)
+        sameConsts += (sameConsts.empty() ? "" : " && ") + ("kivOld->" + c->name + "() == " + c->name);
+    }
+    // A member whose const parameters differ is replaced, not refused as a local mutator would.
+    std::string const replace =
+        sameConsts.empty()
+            ? std::string()
+            : fill(fillA("        if (Kiv::Ptr<$type$> const kivOld = kivEntity().$x$(k);\n"
+                         "            kivOld && !($same$))\n"
+                         "          kivEntity().$x$Del(k);\n"),
+                   {{"same", sameConsts}});
+    std::string const checkKey =
+        computed_ ? fill(fillA("        if (!($key$($expr$) == k)) d.fail(\"key does not match its member's parameters\");\n"),
+                         {{"expr", a_.keyExpression}})
+                  : "";
+    std::string const args = computed_ ? args_.substr(std::min<std::size_t>(2, args_.size())) : "k" + args_;
+    Vars const vars{{"sendParams", sendParams}, {"decodeParams", decodeParams}, {"replace", replace},
+                    {"checkKey", checkKey},     {"args", args}};
+    std::string const sing = fill(fillA(R"(bool $T$::KivNboAttrLogSa::kivHandle$X$SerializeSing($keyParam$ k) {
+  Kiv::Ptr<$type$> const m = kivEntity().$x$(k);
+  if (!m) return kivSendDel(kiv$X$AttrId, k);
+  return kivSendMember(kiv$X$AttrId, k, *$x$NboAttrLogAdapterIs(k)$sendParams$);
+}
+
+)"),
+                                  vars);
+    commonAdapter(p, fillA("  $x$NboAttrLogAdapterIs(k);\n"), sing);
+    p.decl += fillA(R"(  // The adapter of member k: made, replaced or dropped to follow the collection.
+  Kiv::Ptr<$type$::KivNboAttrLogSa> $x$NboAttrLogAdapter($keyParam$ k) const;
+  Kiv::Ptr<$type$::KivNboAttrLogSa> $x$NboAttrLogAdapterIs($keyParam$ k);
+  void $x$NboAttrLogAdapterDel($keyParam$ k);
+)");
+    p.children += fillA("  Kiv::HashMap<$key$, Kiv::Ptr<$type$::KivNboAttrLogSa>> $x$NboAttrLogAdapter_;\n");
+    p.defs += fillA(R"(Kiv::Ptr<$type$::KivNboAttrLogSa> $T$::KivNboAttrLogSa::$x$NboAttrLogAdapter($keyParam$ k) const {
+  return $x$NboAttrLogAdapter_.get(k);
+}
+
+Kiv::Ptr<$type$::KivNboAttrLogSa> $T$::KivNboAttrLogSa::$x$NboAttrLogAdapterIs($keyParam$ k) {
+  Kiv::Ptr<$type$> const m = kivEntity().$x$(k);
+  if (!m) {
+    $x$NboAttrLogAdapterDel(k);
+    return nullptr;
+  }
+  Kiv::Ptr<$type$::KivNboAttrLogSa> const* held = $x$NboAttrLogAdapter_.find(k);
+  if (held && &(*held)->entity() == m.ptr()) return *held;
+  Kiv::Ptr<$type$::KivNboAttrLogSa> const a(new $type$::KivNboAttrLogSa(m, this, side()));
+  $x$NboAttrLogAdapter_.assign(k, a);
+  return a;
+}
+
+void $T$::KivNboAttrLogSa::$x$NboAttrLogAdapterDel($keyParam$ k) { $x$NboAttrLogAdapter_.erase(k); }
+
+)");
+    p.ctor += fillA("  for (auto it = e->$x$_.begin(); it; ++it) $x$NboAttrLogAdapterIs(it.key());\n");
+    p.sendChild += fillA(R"(  if (auto k = Kiv::NboAttrLog::childKey($x$NboAttrLogAdapter_, child)) {
+    if (!kivHandle$X$SerializeSing(*k)) return false;
+    KivKivIs$X$Dirty.erase(*k);
+    return true;
+  }
+)");
+    // The decoded parameters are locals of their own names, for the key expression.
+    p.apply += fill(fillA(R"(    case kiv$X$AttrId:
+      if (op == Kiv::NboAttrLog::Op::member) {
+        $key$ const k = kivKey<$key$>(d, "$ns$::$T$::$x$");
+        std::uint64_t const kivHandle = d.varint();
+        kivCheckNewHandle(d, kivHandle);
+$decodeParams$$checkKey$        d.end();
+        Kiv::ReplicaWriteScope const kivWrite;
+$replace$        Kiv::Ptr<$type$> const m = kivEntity().$x$Is($args$);
+        Kiv::Ptr<$type$::KivNboAttrLogSa> const kivChild(new $type$::KivNboAttrLogSa(m, this, this->side()));
+        $x$NboAttrLogAdapter_.assign(k, kivChild);
+        kivAdopt(*kivChild, kivHandle);
+        if (kivRemounting()) KivKivIs$X$Dirty.assign(k, true);
+        return;
+      }
+)"),
+                    vars) +
+               applyDel(fillA("        $x$NboAttrLogAdapterDel(k);\n"));
+    p.unsent += fillA(R"(  for ($key$ const& k : Kiv::NboAttrLog::unsentKeys(kivEntity().$x$_, KivKivIs$X$Dirty)) {
+    kivEntity().$x$Del(k);
+    $x$NboAttrLogAdapterDel(k);
+  }
+)");
+  }
   std::string destructorPart() const override {
     if (owners_.empty()) return fillA("  for (auto it = $x$_.begin(); it; ++it) it.value()->kivParentIs(nullptr);\n");
     return fill(fillA("  for (auto it = $x$_.begin(); it; ++it) {\n$unlink$  }\n"),
@@ -453,6 +633,34 @@ $computeKey$  Kiv::keyCheck(k, "$ns$::$T$::$x$");
 )"),
                 {{"signature", signature()}, {"computeKey", computeKey}}) +
            commonDefinition(a_.type.cpp, "");
+  }
+  void adapter(AdapterParts& p) const override {
+    // Read from the map: x(k) cannot tell an absent key from a stored default value.
+    commonAdapter(p, "", fillA(R"(bool $T$::KivNboAttrLogSa::kivHandle$X$SerializeSing($keyParam$ k) {
+  $type$ const* v = kivEntity().$x$_.find(k);
+  return v ? kivSendEntry(kiv$X$AttrId, k, *v) : kivSendDel(kiv$X$AttrId, k);
+}
+
+)"));
+    std::string const checkKey =
+        computed() ? fill(fillA("        if (!($key$($expr$) == k)) d.fail(\"key does not match its value\");\n"),
+                          {{"expr", a_.keyExpression}})
+                   : "";
+    p.apply += fill(fillA(R"(    case kiv$X$AttrId:
+      if (op == Kiv::NboAttrLog::Op::entry) {
+        $key$ const k = kivKey<$key$>(d, "$ns$::$T$::$x$");
+        $type$ const v = d.value<$type$>();
+$checkKey$        d.end();
+        Kiv::ReplicaWriteScope const w;
+        kivEntity().$x$Is($args$);
+        if (kivRemounting()) KivKivIs$X$Dirty.assign(k, true);
+        return;
+      }
+)"),
+                    {{"checkKey", checkKey}, {"args", computed() ? "v" : "k, v"}}) +
+               applyDel("");
+    p.unsent += fillA(
+        "  for ($key$ const& k : Kiv::NboAttrLog::unsentKeys(kivEntity().$x$_, KivKivIs$X$Dirty)) kivEntity().$x$Del(k);\n");
   }
   std::string visit() const override {
     if (computed())
@@ -547,7 +755,7 @@ inline $ns$::$E$ Kiv::sequenceToValue<$ns$::$E$>(std::string_view text) {
 // --- value types ---
 
 void emitValue(Unit const& u, Value const& v, Output& out, std::string& after) {
-  std::string params, inits, accessors, members, hash, strep, parse, args;
+  std::string params, inits, accessors, members, hash, strep, parse, args, encode, decode;
   for (std::size_t i = 0; i < v.fields.size(); ++i) {
     ValueField const& f = v.fields[i];
     std::string const fieldParam = param(f.type);  // Vars hold views: keep the text alive
@@ -564,10 +772,14 @@ void emitValue(Unit const& u, Value const& v, Output& out, std::string& after) {
     parse += fill("  r.expect(\"$lead$$f$': \");\n  $type$ $f$ = r.read<$type$>();\n",
                   {{"lead", lead}, {"f", f.name}, {"type", f.type.cpp}});
     args += (i ? ", " : "") + f.name;
+    encode += fill("    e.value($f$_);\n", fv);
+    decode += (i ? ", " : "") + fill("d.value<$type$>()", fv);
   }
+  std::string const fieldCount = std::to_string(v.fields.size());
   Vars vars{{"V", v.name},   {"ns", u.ns},     {"params", params}, {"inits", inits},
             {"acc", accessors}, {"members", members}, {"hash", hash},   {"strep", strep},
-            {"parse", parse}, {"args", args}, {"explicit", v.fields.size() == 1 ? "explicit " : ""}};
+            {"parse", parse}, {"args", args}, {"explicit", v.fields.size() == 1 ? "explicit " : ""},
+            {"encode", encode}, {"decode", decode}, {"n", fieldCount}};
   out.header += fill(R"~(class $V$ {
  public:
   $V$() = default;
@@ -580,6 +792,14 @@ $acc$
   std::size_t hash() const { return $hash$; }
   // Reads the fields of the text form; the caller has read its opening.
   static $V$ kivParse(Kiv::ValueTextReader& r);
+  // The attribute-log form: a composite of the fields in order.
+  void kivAttrLogEncode(Kiv::NboAttrLog::Encoder& e) const {
+    e.composite($n$);
+$encode$  }
+  static $V$ kivAttrLogDecode(Kiv::NboAttrLog::Decoder& d) {
+    d.composite($n$);
+    return $V${$decode$};  // braces: the fields are read in order
+  }
 
  private:
 $members$};
@@ -621,9 +841,117 @@ inline $ns$::$V$ Kiv::sequenceToValue<$ns$::$V$>(std::string_view text) {
                 vars);
 }
 
+// --- attribute-log adapters ---
+
+// T::KivNboAttrLogSa: the class, after every entity class of the header (`header`), and its
+// definitions (`source`), all out of line so that members' adapters may be declared in any order.
+void emitAdapter(Entity const& e, std::vector<std::unique_ptr<AttrEmitter>> const& emitters,
+                 std::string& header, std::string& source) {
+  AdapterParts p;
+  for (auto const& emitter : emitters) emitter->adapter(p);
+  bool const collections = !p.clear.empty();
+  std::string const keyDirty =
+      collections ? R"(  template <class K>
+  void kivDirtyIs(std::uint32_t id, Kiv::HashMap<K, bool>& keys, K const& k) {
+    keys.assign(k, true);
+    kivDirtyIs(id);
+  }
+)"
+                  : "";
+  std::string const ctor = p.ctor.empty() ? " {}" : " {\n  if (!side.sending()) return;\n" + p.ctor + "}";
+  std::string const dispatch =
+      p.flowOut.empty() ? "[](std::uint32_t) { return true; }"
+                        : "[this](std::uint32_t a) {\n    switch (a) {\n" + p.flowOut + "    }\n    return true;\n  }";
+  std::string const apply = p.apply.empty() ? "" : "  switch (id) {\n" + p.apply + "  }\n";
+  std::string const unsent = p.unsent.empty() ? "" : "  Kiv::ReplicaWriteScope const w;\n" + p.unsent;
+  std::string const bits = std::to_string(e.attributes.size());
+  Vars vars{{"T", e.name},
+            {"decl", p.decl},
+            {"dirty", p.dirty},
+            {"children", p.children},
+            {"keyDirty", keyDirty},
+            {"bits", bits},
+            {"defs", p.defs},
+            {"ctor", ctor},
+            {"dispatch", dispatch},
+            {"remount", p.remount},
+            {"clear", p.clear},
+            {"child", p.sendChild.empty() ? "" : " child"},
+            {"sendChild", p.sendChild},
+            {"apply", apply},
+            {"unsent", unsent}};
+  header += fill(R"(// Replicates a $T$ over the attribute log (kiv/AttrLog.h).
+class $T$::KivNboAttrLogSa : public $T$::Notifiee, public Kiv::NboAttrLog::Adapter {
+ public:
+  // Sending adapters are active reactors of their entity; receiving ones are silent.
+  KivNboAttrLogSa(Kiv::Ptr<$T$> const& e, Kiv::NboAttrLog::Adapter* parent, Kiv::NboAttrLog::Side& side);
+  ~KivNboAttrLogSa() override;
+  Kiv::PtrInterface* kivObject() override { return this; }
+  $T$& kivEntity() const { return static_cast<$T$&>(entity()); }
+
+  // Sending: a change goes out at once, or stays dirty until the output has room.
+$decl$  std::uint32_t handleAttrFlowOut(std::uint32_t id) override;
+  void doRemountSelf() override;
+  bool kivSendChild(Kiv::NboAttrLog::Adapter& child) override;
+
+  // Receiving: an update is applied through the entity's mutators once its frame is read whole.
+  void handleAttrTransaction(std::uint32_t id, Kiv::NboAttrLog::Op op, Kiv::NboAttrLog::Decoder& d) override;
+  void handleRemountBegin() override;
+  void handleRemountEnd() override;
+
+  // One dirty bit per attribute (bit = id - 258) and one dirty-key set per collection; while a
+  // remount is received, the sets hold the keys it has sent.
+  std::bitset<$bits$> kivFlowOut;
+$dirty$
+ private:
+  void kivDirtyIs(std::uint32_t id) {
+    kivFlowOut.set(id - Kiv::kFirstAttrId);
+    kivQueue();
+  }
+$keyDirty$$children$};
+
+)",
+                 vars);
+  source += fill(R"($T$::KivNboAttrLogSa::KivNboAttrLogSa(Kiv::Ptr<$T$> const& e, Kiv::NboAttrLog::Adapter* parent, Kiv::NboAttrLog::Side& side)
+    : Notifiee(e, side.sending()), Kiv::NboAttrLog::Adapter(*e, parent, side)$ctor$
+
+$T$::KivNboAttrLogSa::~KivNboAttrLogSa() = default;
+
+$defs$std::uint32_t $T$::KivNboAttrLogSa::handleAttrFlowOut(std::uint32_t id) {
+  if (id < Kiv::kFirstAttrId) id = kivFrameworkFlowOut(id);
+  if (id == 0) return 0;
+  return Kiv::NboAttrLog::flowOutBits(kivFlowOut, id, $dispatch$);
+}
+
+void $T$::KivNboAttrLogSa::doRemountSelf() {
+  kivFlowOut.reset();
+$clear$  kivRemountBegin();
+$remount$  kivRemountEnd();
+}
+
+bool $T$::KivNboAttrLogSa::kivSendChild(Kiv::NboAttrLog::Adapter&$child$) {
+$sendChild$  return true;
+}
+
+void $T$::KivNboAttrLogSa::handleAttrTransaction(std::uint32_t id, Kiv::NboAttrLog::Op op, Kiv::NboAttrLog::Decoder& d) {
+$apply$  kivRefuse(d, id, op);
+}
+
+void $T$::KivNboAttrLogSa::handleRemountBegin() {
+$clear$  kivRemountingIs(true);
+}
+
+void $T$::KivNboAttrLogSa::handleRemountEnd() {
+$unsent$$clear$  kivRemountingIs(false);
+}
+
+)",
+                 vars);
+}
+
 // --- entities ---
 
-void emitEntity(Unit const& u, Entity const& e, Output& out) {
+void emitEntity(Unit const& u, Entity const& e, Output& out, std::string& adapters) {
   std::vector<std::unique_ptr<AttrEmitter>> emitters;
   for (Attribute const& a : e.attributes) emitters.push_back(emitterFor(u, e, a));
 
@@ -684,6 +1012,17 @@ void emitEntity(Unit const& u, Entity const& e, Output& out) {
                                                 e.name + "(init));\n}\n"
                                           : "";
   std::string const create = creatable ? "&kivCreate" + e.name : "nullptr";
+  std::string adapterDecl, adapterFactoryDef, adapterFactory, adapterDefs;
+  if (u.replicate) {
+    emitAdapter(e, emitters, adapters, adapterDefs);
+    adapterDecl = "  // Its attribute-log adapter (defined after every entity class).\n  class KivNboAttrLogSa;\n";
+    adapterFactoryDef = fill(R"(Kiv::NboAttrLog::Adapter* kivCreate$T$NboAttrLogSa(Kiv::Entity& e, Kiv::NboAttrLog::Side& side) {
+  return new $T$::KivNboAttrLogSa(Kiv::Ptr<$T$>(static_cast<$T$*>(&e)), nullptr, side);
+}
+)",
+                             {{"T", e.name}});
+    adapterFactory = ", &kivCreate" + e.name + "NboAttrLogSa";
+  }
   Vars vars{{"T", e.name},
             {"ns", u.ns},
             {"ids", ids},
@@ -703,7 +1042,12 @@ void emitEntity(Unit const& u, Entity const& e, Output& out) {
             {"create", create},
             {"recorder", recorder},
             {"visit", visit},
-            {"makeArgs", makeArgs}};
+            {"makeArgs", makeArgs},
+            {"adapterDecl", adapterDecl},
+            {"adapterFactoryDef", adapterFactoryDef},
+            {"adapterFactory", adapterFactory},
+            {"adapterDefs", adapterDefs},
+            {"replicated", u.replicate ? "true" : "false"}};
 
   out.header += fill(R"(class $T$ : public Kiv::Entity {
  public:
@@ -726,17 +1070,17 @@ $cb$  };
    public:
     using NotifieeOf::NotifieeOf;
   };
-
+$adapterDecl$
  private:
 $members$};
 
 )",
                      vars);
   out.source += fill(R"(namespace {
-$attrInfo$$createDef$}  // namespace
+$attrInfo$$createDef$$adapterFactoryDef$}  // namespace
 
 Kiv::TypeInfo const& $T$::kivTypeInfo() {
-  static Kiv::TypeInfo const info{"$ns$::$T$", $create$, $attrs$};
+  static Kiv::TypeInfo const info{"$ns$::$T$", $create$, $attrs$$adapterFactory$};
   return info;
 }
 
@@ -746,13 +1090,15 @@ bool const kiv$T$Registered = (Kiv::typeRegister($T$::kivTypeInfo()), true);
 
 $T$::$T$(Kiv::EntityInit const& kivInit$ctorParams$) : Kiv::Entity(kivInit)$ctorInits$ {}
 
-$dtorDef$$factoryDef$$defs$)",
+$dtorDef$$factoryDef$$defs$$adapterDefs$)",
                      vars);
   // The template parameters below have names no declared type can take (a value V would hide V).
   out.testing += fill(R"~(template <>
 struct Traits<$T$> {
   using Type = $T$;
   static constexpr char const* kTypeName = "$ns$::$T$";
+  // Whether the type has an attribute-log adapter.
+  static constexpr bool kReplicated = $replicated$;
 
   // Records every callback: "x" for onX(), "x(k)" for onX(k), "x()" and "x!" for a collection's
   // keyless and immediate callbacks.
@@ -789,15 +1135,16 @@ Output emit(Unit const& u) {
   std::string forward;
   for (Entity const& e : u.entities) forward += "class " + e.name + ";\n";
 
-  std::string after;
+  std::string after, adapters;
   Output body;
   for (Enum const& en : u.enums) emitEnum(u, en, body, after);
   for (Value const& v : u.values) emitValue(u, v, body, after);
-  for (Entity const& e : u.entities) emitEntity(u, e, body);
+  for (Entity const& e : u.entities) emitEntity(u, e, body, adapters);
 
+  std::string const replication = u.replicate ? "#include \"kiv/AttrLogGenerated.h\"\n" : "";
   out.header = banner + "#pragma once\n\n#include <cstdint>\n#include <ostream>\n#include <string>\n#include <string_view>\n\n"
-               "#include \"kiv/Generated.h\"\n" + includes + "\nnamespace " + u.ns + " {\n\n" + forward + "\n" +
-               body.header + "}  // namespace " + u.ns + "\n\n" + after;
+               "#include \"kiv/Generated.h\"\n" + replication + includes + "\nnamespace " + u.ns + " {\n\n" + forward +
+               "\n" + body.header + adapters + "}  // namespace " + u.ns + "\n\n" + after;
   out.source = banner + "\n#include \"" + u.stem + ".h\"\n\nnamespace " + u.ns + " {\n\n" + body.source +
                "}  // namespace " + u.ns + "\n";
   out.testing = banner + "#pragma once\n\n#include <string>\n#include <vector>\n\n#include \"" + u.stem +

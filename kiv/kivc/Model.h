@@ -90,6 +90,7 @@ struct Unit {
   std::string file;
   std::string stem;  // output file name without extension
   std::string ns;    // "Controller" or "Controller::Heartbeat"
+  bool replicate = false;  // every entity type gets an attribute-log adapter
   std::vector<std::string> includes;
   std::vector<ExternType> externs;
   std::vector<Enum> enums;

@@ -1,6 +1,7 @@
 // Definition language:
 //
 //   namespace Controller;                       // C++ namespace of what follows (once, first)
+//   replicate;                                  // attribute-log adapters for every entity type
 //   include "platform/SystemId.h";              // extra header for the generated header
 //   extern value Controller::SystemId;          // a type defined elsewhere (entity|value|enum)
 //   enum PublishState { publishStateInvalid = 0; publishStateComplete = 1; }
@@ -179,6 +180,17 @@ class Parser {
       }
       unit_.ns = identifier("a namespace name");
       expect(";");
+    } else if (accept("replicate")) {
+      if (unit_.ns.empty()) {
+        error(t.at, "declare the namespace before 'replicate'");
+      } else if (unit_.replicate) {
+        error(t.at, "replicate is declared twice");
+      } else if (!unit_.entities.empty() || !unit_.enums.empty() || !unit_.values.empty()) {
+        // Entities are checked against the adapters' reserved names as they are parsed.
+        error(t.at, "replicate must come before any type");
+      }
+      unit_.replicate = true;
+      expect(";");
     } else if (accept("include")) {
       if (peek().kind != Token::string) {
         error(peek().at, "expected a quoted header path after 'include'");
@@ -210,7 +222,8 @@ class Parser {
     } else if (accept("entity")) {
       entity(t.at);
     } else {
-      error(t.at, "expected 'namespace', 'include', 'extern', 'enum', 'value' or 'entity' but found " + describe(t));
+      error(t.at, "expected 'namespace', 'replicate', 'include', 'extern', 'enum', 'value' or 'entity' but found " +
+                      describe(t));
     }
   }
 
@@ -322,7 +335,7 @@ class Parser {
       }
       expect(";");
       if (!names.insert(a.name).second && errors_.empty()) error(a.at, "attribute " + a.name + " is declared twice");
-      if (reserved(a) && errors_.empty())
+      if ((reserved(a) || (unit_.replicate && replicationLocal(a))) && errors_.empty())
         error(a.at, "attribute name " + a.name + " is reserved by the framework or the generated code");
       e.attributes.push_back(std::move(a));
     }
@@ -365,6 +378,12 @@ class Parser {
     bool parameter = a.kind == AttrKind::constant || a.kind == AttrKind::initial;
     return members.count(a.name) != 0 || (parameter && locals.count(a.name) != 0) ||
            (a.name.rfind("kiv", 0) == 0 && a.name != "kivType" && a.name != "kivcType");
+  }
+
+  // The adapters decode a member's constructor parameters into locals of their names, beside the
+  // decoder.
+  static bool replicationLocal(Attribute const& a) {
+    return (a.kind == AttrKind::constant || a.kind == AttrKind::initial) && a.name == "d";
   }
 
   TypeRef typeRef() {

@@ -135,9 +135,9 @@ struct Ignore {
   void owner(char const*, std::uint32_t, auto, auto) {}
   template <class K, class M>
   void collection(char const*, std::uint32_t, std::vector<std::string> const&, std::vector<std::string> const&, auto,
-                  auto, auto, auto, auto, auto, auto) {}
+                  auto, auto, auto, auto, auto, auto, auto) {}
   template <class K, class V>
-  void valueCollection(char const*, std::uint32_t, auto, auto, auto, auto, auto, auto, auto) {}
+  void valueCollection(char const*, std::uint32_t, auto, auto, auto, auto, auto, auto, auto, auto) {}
 };
 
 struct Listing {
@@ -173,11 +173,11 @@ struct Listing {
   }
   template <class K, class M>
   void collection(char const* n, std::uint32_t id, std::vector<std::string> const&, std::vector<std::string> const&,
-                  auto, auto, auto, auto, auto, auto, auto) {
+                  auto, auto, auto, auto, auto, auto, auto, auto) {
     attrs.push_back({n, id, Kiv::AttrKind::collection});
   }
   template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t id, auto, auto, auto, auto, auto, auto, auto) {
+  void valueCollection(char const* n, std::uint32_t id, auto, auto, auto, auto, auto, auto, auto, auto) {
     attrs.push_back({n, id, Kiv::AttrKind::valueCollection});
   }
 };
@@ -304,7 +304,7 @@ struct CollectionsBehave : Ignore {
   template <class K, class M>
   void collection(char const* n, std::uint32_t, std::vector<std::string> const& compared,
                   std::vector<std::string> const& initial, auto create, auto keyOf, auto get, auto del, auto delAll,
-                  auto size, auto notify) {
+                  auto size, auto notify, auto iterate) {
     SCOPED_TRACE(n);
     using Parent = typename F::T;
     using MemberTraits = typename F::template TraitsOf<M>;
@@ -396,11 +396,16 @@ struct CollectionsBehave : Ignore {
     Kiv::Ptr<M> const m1 = create(e, given1, s, 0u), m2 = create(e, given2, s, ~0u);
     owners(*m2, &e);
     f.calls();
-    delAll(e);
-    Calls got = f.calls(), want{on(n, k1), on(n, k2)};
-    std::sort(got.begin(), got.end());
+    std::vector<std::pair<std::string, M const*>> seen, want{{Kiv::strep(k1), m1.ptr()}, {Kiv::strep(k2), m2.ptr()}};
+    iterate(e, [&](K const& k, Kiv::Ptr<M> const& member) { seen.emplace_back(Kiv::strep(k), member.ptr()); });
+    std::sort(seen.begin(), seen.end());
     std::sort(want.begin(), want.end());
-    EXPECT_EQ(got, want);
+    EXPECT_EQ(seen, want) << "iteration visits every member once, under its key";
+    delAll(e);
+    Calls got = f.calls(), deleted{on(n, k1), on(n, k2)};
+    std::sort(got.begin(), got.end());
+    std::sort(deleted.begin(), deleted.end());
+    EXPECT_EQ(got, deleted);
     EXPECT_EQ(size(e), 0u);
     owners(*m1, nullptr);
     owners(*m2, nullptr);
@@ -408,7 +413,7 @@ struct CollectionsBehave : Ignore {
 
   template <class K, class V>
   void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto del, auto delAll,
-                       auto size, auto notify) {
+                       auto size, auto notify, auto iterate) {
     SCOPED_TRACE(n);
     auto& e = *f.entity;
     // A key computed from the value ignores the one given.
@@ -447,6 +452,12 @@ struct CollectionsBehave : Ignore {
     write(e, given1, v1);
     write(e, given2, v2);
     f.calls();
+    std::vector<std::pair<std::string, std::string>> seen,
+        entries{{Kiv::strep(k1), Kiv::strep(v1)}, {Kiv::strep(k2), Kiv::strep(v2)}};
+    iterate(e, [&](K const& k, V const& v) { seen.emplace_back(Kiv::strep(k), Kiv::strep(v)); });
+    std::sort(seen.begin(), seen.end());
+    std::sort(entries.begin(), entries.end());
+    EXPECT_EQ(seen, entries) << "iteration visits every entry once, under its key";
     delAll(e);
     Calls got = f.calls(), want{on(n, k1), on(n, k2)};
     std::sort(got.begin(), got.end());
@@ -486,7 +497,7 @@ struct RefusesWrites : Ignore {
   }
   template <class K, class M>
   void collection(char const* n, std::uint32_t, std::vector<std::string> const&, std::vector<std::string> const&,
-                  auto create, auto keyOf, auto, auto del, auto delAll, auto size, auto) {
+                  auto create, auto keyOf, auto, auto del, auto delAll, auto size, auto, auto) {
     auto& e = *f.entity;
     K const given1 = f.samples.template get<K>(1);
     if (populate) {
@@ -500,7 +511,7 @@ struct RefusesWrites : Ignore {
   }
   template <class K, class V>
   void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto del, auto delAll,
-                       auto size, auto) {
+                       auto size, auto, auto) {
     auto& e = *f.entity;
     K const given1 = f.samples.template get<K>(1);
     V const v1 = f.samples.template get<V>(1);
@@ -559,6 +570,7 @@ TYPED_TEST_P(KivConformance, AttributesAreNumberedFrom258AsRegistered) {
     EXPECT_EQ(info.attrs[i].kind, a.kind) << a.name;
   }
   for (std::size_t i = 0; i < listing.paramIndexes.size(); ++i) EXPECT_EQ(listing.paramIndexes[i], static_cast<int>(i));
+  EXPECT_EQ(info.attrLogAdapter != nullptr, TestFixture::Traits::kReplicated);
   // Only a type without constructor parameters can be created by name.
   ASSERT_EQ(info.create != nullptr, listing.paramIndexes.empty());
   if (info.create) {

@@ -138,6 +138,13 @@ BadCase const kBad[] = {
      "3:31: error: option hint is given twice"},
     {"key not quoted", "namespace Ns;\nentity E {\n  set s : Name -> bool key v;\n}\n",
      "3:28: error: expected a quoted C++ expression after 'key'"},
+    {"replicate before the namespace", "replicate;\nnamespace Ns;\n",
+     "1:1: error: declare the namespace before 'replicate'"},
+    {"replicate twice", "namespace Ns;\nreplicate;\nreplicate;\n", "3:1: error: replicate is declared twice"},
+    {"replicate after a type", "namespace Ns;\nenum C { a = 0; }\nreplicate;\n",
+     "3:1: error: replicate must come before any type"},
+    {"parameter named like the adapter's decoder", "namespace Ns;\nreplicate;\nentity E {\n  init d : U32;\n}\n",
+     "4:3: error: attribute name d is reserved by the framework or the generated code"},
 };
 
 TEST(Diagnostics, EachBadDefinitionGivesOneLocatedError) {

@@ -1,0 +1,287 @@
+// The kitchen-sink attribute-log adapters: a Pool tree replicated between two demuxers, and the
+// receiving side of a Registry (which cannot be a root) fed frame by frame.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "KitchenSinkTesting.h"
+#include "kiv/AttrLogStream.h"
+#include "kiv/Clock.h"
+
+using namespace Kiv::NboAttrLog;
+using Ns::Leaf;
+using Ns::Mount;
+using Ns::Pool;
+using Ns::Registry;
+using Ns::Tint;
+using Ns::V;
+
+namespace {
+
+template <class T>
+using Recorder = Ns::kivtesting::Traits<T>::Recorder;
+
+std::vector<std::string> callsOf(Kiv::Ptr<Recorder<Pool>> const& r) { return std::exchange(r->calls, {}); }
+
+class KitchenSinkReplication : public ::testing::Test {
+ protected:
+  Kiv::EventLoop loop;
+  Kiv::Ptr<Demuxer> a = Demuxer::DemuxerIs("to-b", false);
+  Kiv::Ptr<Demuxer> b = Demuxer::DemuxerIs("from-a", true);
+  Kiv::Ptr<InProcessStream> stream;
+  Kiv::Ptr<Pool> pool = Pool::PoolIs("deep");
+  Kiv::Ptr<Leaf> oak = pool->leafIs("oak", "bark", std::uint64_t(1) << 40, Ns::colorBlue);
+
+  void SetUp() override {
+    pool->labelIs(V("l", "m"));
+    pool->tintIs(Tint(V("t", "u"), Ns::colorBlue));
+    pool->budgetIs(-7);
+    pool->leafIs("elm", "", 0, Ns::colorRed);
+    oak->poolIs(pool);
+    // Sent before the leaves: the reference makes oak go first.
+    pool->favouriteIs(oak);
+    pool->scoreIs(3, true);
+    pool->scoreIs(4, false);
+    pool->spareIs("s", V("o", "p"), 9, "note", Ns::colorRed, oak);
+    a->mountIs("pool", pool);
+  }
+  void TearDown() override {
+    // References point back into the pool: break the cycles here, and through the log in the replica.
+    pool->favouriteIs(nullptr);
+    oak->poolIs(nullptr);
+    for (auto it = pool->leafIter(); it; ++it) it.value()->poolIs(nullptr);
+    for (auto it = pool->spareIter(); it; ++it) it.value()->peerIs(nullptr);
+    loop.runUntilIdle();
+  }
+  void connect() {
+    stream = InProcessStream::InProcessStreamIs(a, b);
+    loop.runUntilIdle();
+  }
+  Kiv::Ptr<Pool> replica() { return Kiv::entityCast<Pool>(b->replicaDir()->entityPtr("pool")); }
+};
+
+TEST_F(KitchenSinkReplication, ArrivesWholeAndFollowsEveryKindOfChange) {
+  connect();
+  ASSERT_EQ(b->connectStatus(), connectStatusConnected) << b->error();
+  Kiv::Ptr<Pool> r = replica();
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->label(), V("l", "m"));
+  EXPECT_EQ(r->tint(), Tint(V("t", "u"), Ns::colorBlue));
+  EXPECT_EQ(r->budget(), -7);
+  Kiv::Ptr<Leaf> rOak = r->leaf("oak");
+  ASSERT_TRUE(rOak);
+  EXPECT_NE(rOak, oak);
+  EXPECT_EQ(rOak->tag(), Kiv::String("bark"));
+  EXPECT_EQ(rOak->weight(), std::uint64_t(1) << 40);
+  EXPECT_EQ(rOak->shade(), Ns::colorBlue);
+  // References land on the replicas, not on the originals.
+  EXPECT_TRUE(r->favourite() == rOak);
+  EXPECT_EQ(rOak->pool(), r);
+  EXPECT_TRUE(r->leaf("elm"));
+  EXPECT_EQ(r->scoreSize(), 2u);
+  EXPECT_TRUE(r->score(3));
+  Kiv::Ptr<Mount> rSpare = r->spare("s");
+  ASSERT_TRUE(rSpare);
+  EXPECT_EQ(rSpare->origin(), V("o", "p"));
+  EXPECT_EQ(rSpare->note(), Kiv::String("note"));
+  EXPECT_TRUE(rSpare->peer() == rOak);
+  EXPECT_THROW(r->labelIs(V()), Kiv::InternalException);
+
+  Kiv::Ptr<Recorder<Pool>> calls(new Recorder<Pool>(r));
+  Kiv::Ptr<Recorder<Mount>> spareCalls(new Recorder<Mount>(rSpare));
+  pool->labelIs(V("x", "y"));
+  pool->budgetIs(INT32_MIN);
+  pool->favouriteIs(nullptr);
+  pool->leafDel("elm");
+  pool->leafIs("fir", "needle", 2, Ns::colorRed);
+  pool->scoreIs(5, true);
+  pool->scoreDel(3);
+  pool->scoreIs(4, true);
+  pool->spare("s")->noteIs("changed");
+  pool->spare("s")->peerIs(nullptr);
+  loop.runUntilIdle();
+  EXPECT_EQ(callsOf(calls), (std::vector<std::string>{"label", "budget", "favourite", "leaf(elm)", "leaf(fir)",
+                                                      "score(5)", "score(3)", "score(4)"}));
+  EXPECT_EQ(r->budget(), INT32_MIN);
+  EXPECT_FALSE(r->leaf("elm"));
+  ASSERT_TRUE(r->leaf("fir"));
+  EXPECT_EQ(r->scoreSize(), 2u);
+  EXPECT_TRUE(r->score(4) && r->score(5));
+  EXPECT_EQ(spareCalls->calls, (std::vector<std::string>{"note", "peer"}));
+  EXPECT_EQ(rSpare->note(), Kiv::String("changed"));
+  EXPECT_FALSE(rSpare->peer());
+
+  // A member of the new leaf follows as well: its adapter was made when it was added.
+  pool->leaf("fir")->poolIs(pool);
+  loop.runUntilIdle();
+  EXPECT_EQ(r->leaf("fir")->pool(), r);
+  EXPECT_TRUE(b->error().empty()) << b->error();
+}
+
+TEST_F(KitchenSinkReplication, ChangesWhileTheOutputIsFullGoOutOnceWithTheLatestState) {
+  connect();
+  Kiv::Ptr<Pool> r = replica();
+  ASSERT_TRUE(r);
+  Kiv::Ptr<Recorder<Pool>> calls(new Recorder<Pool>(r));
+  stream->stalledIs(true);
+  a->outputRoomIs(1);
+  pool->budgetIs(1);  // alone in the output, so it goes
+  std::uint64_t const before = a->framesOut();
+  pool->budgetIs(2);
+  pool->budgetIs(3);
+  pool->leafIs("ash", "", 1, Ns::colorRed);
+  pool->leafDel("ash");
+  pool->leafDel("oak");
+  pool->scoreIs(6, true);
+  pool->spare("s")->noteIs("later");
+  EXPECT_EQ(a->framesOut(), before);
+
+  a->outputRoomIs(Demuxer::kDefaultOutputRoom);
+  stream->stalledIs(false);
+  loop.runUntilIdle();
+  // budget once; the deletions of ash (never sent) and oak; the entry; the note.
+  EXPECT_EQ(a->framesOut() - before, 5u);
+  std::vector<std::string> got = callsOf(calls);
+  std::sort(got.begin(), got.end());
+  // The replica never had ash: its deletion changes nothing there.
+  EXPECT_EQ(got, (std::vector<std::string>{"budget", "budget", "leaf(oak)", "score(6)"}));
+  EXPECT_EQ(r->budget(), 3);
+  EXPECT_FALSE(r->leaf("ash"));
+  EXPECT_FALSE(r->leaf("oak"));
+  EXPECT_TRUE(r->score(6));
+  EXPECT_EQ(r->spare("s")->note(), Kiv::String("later"));
+}
+
+TEST_F(KitchenSinkReplication, ARemountKeepsWhatIsUnchangedAndDropsWhatWasNotSent) {
+  connect();
+  Kiv::Ptr<Pool> r = replica();
+  ASSERT_TRUE(r);
+  Kiv::Ptr<Leaf> const rOak = r->leaf("oak"), rElm = r->leaf("elm");
+  Kiv::Ptr<Mount> const rSpare = r->spare("s");
+  stream->breakIs();
+  loop.runUntilIdle();
+
+  pool->leafDel("elm");
+  pool->leafIs("elm", "", 0, Ns::colorBlue);  // another const parameter: a new member
+  pool->scoreDel(4);
+  pool->spare("s")->noteIs("offline");
+  pool->leafIs("yew", "", 3, Ns::colorRed);
+  stream->reconnect();
+  loop.runUntilIdle();
+  ASSERT_EQ(b->connectStatus(), connectStatusConnected) << b->error();
+
+  EXPECT_EQ(replica(), r);
+  EXPECT_EQ(r->leaf("oak"), rOak);
+  EXPECT_EQ(r->spare("s"), rSpare);
+  EXPECT_EQ(rSpare->note(), Kiv::String("offline"));
+  EXPECT_TRUE(rSpare->peer() == rOak);
+  ASSERT_TRUE(r->leaf("elm"));
+  EXPECT_NE(r->leaf("elm"), rElm);
+  EXPECT_EQ(r->leaf("elm")->shade(), Ns::colorBlue);
+  EXPECT_TRUE(r->leaf("yew"));
+  EXPECT_EQ(r->leafSize(), 3u);
+  EXPECT_EQ(r->scoreSize(), 1u);
+  EXPECT_TRUE(r->favourite() == rOak);
+
+  // The members kept their adapters' places: changes still arrive.
+  oak->poolIs(nullptr);
+  loop.runUntilIdle();
+  EXPECT_FALSE(rOak->pool());
+}
+
+// The receiving side of a Registry, fed the fields that follow the attribute identifier.
+class KitchenSinkFrames : public ::testing::Test {
+ protected:
+  Kiv::Ptr<Demuxer> demuxer = Demuxer::DemuxerIs("frames", true);
+  Side side{*demuxer, false};
+  Kiv::Ptr<Registry> registry = Registry::RegistryIs("motto");
+  Adapter* adapter = nullptr;
+  Kiv::Ptr<Kiv::PtrInterface> hold;
+
+  void SetUp() override {
+    registry->kivReadOnlyIs(true);
+    adapter = Registry::kivTypeInfo().attrLogAdapter(*registry, side);
+    hold = adapter->kivObject();
+  }
+  // Applies the fields; returns the error, empty when none.
+  template <class F>
+  std::string apply(std::uint32_t id, Op op, F&& write) {
+    std::vector<std::uint8_t> bytes;
+    Encoder e(bytes);
+    write(e);
+    Decoder d(bytes.data(), bytes.size());
+    try {
+      adapter->handleAttrTransaction(id, op, d);
+    } catch (DecodeError const& x) {
+      return x.what();
+    }
+    return {};
+  }
+  std::string member(char const* key, std::uint64_t handle, V const& origin, std::uint32_t rank, char const* note,
+                     bool trailing = false) {
+    return apply(Registry::kivMountAttrId, Op::member, [&](Encoder& e) {
+      e.value(Kiv::String(key));
+      e.varint(handle);
+      e.value(origin);
+      e.value(rank);
+      e.value(Kiv::String(note));
+      e.value(Ns::colorBlue);
+      e.reference(0);
+      if (trailing) e.byte(0);
+    });
+  }
+};
+
+TEST_F(KitchenSinkFrames, MembersAndEntriesAreCheckedWholeBeforeAnythingChanges) {
+  EXPECT_EQ(member("a", 7, V("a", "x"), 1, "n"), "");
+  Kiv::Ptr<Mount> const m = registry->mount("a");
+  ASSERT_TRUE(m);
+  EXPECT_EQ(m->note(), Kiv::String("n"));
+  EXPECT_EQ(m->registry(), registry.ptr());
+  EXPECT_TRUE(m->kivReadOnly());
+
+  EXPECT_EQ(member("b", 8, V("c", "x"), 1, "n"), "key does not match its member's parameters");
+  EXPECT_EQ(member("b", 7, V("b", "x"), 1, "n"), "handle 7 is not free");
+  EXPECT_EQ(member("b", 8, V("b", "x"), 1, "n", true), "trailing bytes in frame");
+  EXPECT_NE(member("", 8, V("", "x"), 1, "n"), "");
+  EXPECT_EQ(registry->mountSize(), 1u);
+
+  // Equal const parameters keep the member; its init parameters go through its setters.
+  Kiv::Ptr<Recorder<Mount>> noted(new Recorder<Mount>(m));
+  EXPECT_EQ(member("a", 8, V("a", "x"), 1, "m"), "");
+  EXPECT_EQ(registry->mount("a"), m);
+  EXPECT_EQ(noted->calls, std::vector<std::string>{"note"});
+  // A different one replaces it.
+  EXPECT_EQ(member("a", 9, V("a", "x"), 2, "m"), "");
+  ASSERT_TRUE(registry->mount("a"));
+  EXPECT_NE(registry->mount("a"), m);
+  EXPECT_EQ(registry->mount("a")->rank(), 2u);
+  EXPECT_EQ(m->registry(), nullptr);
+
+  auto entry = [&](char const* key, V const& v) {
+    return apply(Registry::kivTaggedAttrId, Op::entry, [&](Encoder& e) {
+      e.value(Kiv::String(key));
+      e.value(v);
+    });
+  };
+  EXPECT_EQ(entry("t", V("t", "u")), "");
+  EXPECT_EQ(entry("t", V("w", "u")), "key does not match its value");
+  EXPECT_EQ(registry->tagged("t"), V("t", "u"));
+  EXPECT_EQ(registry->taggedSize(), 1u);
+
+  EXPECT_EQ(apply(Registry::kivMottoAttrId, Op::value, [](Encoder& e) { e.value(Kiv::String("new")); }), "");
+  EXPECT_EQ(registry->motto(), Kiv::String("new"));
+  EXPECT_EQ(apply(Registry::kivMountAttrId, Op::value, [](Encoder& e) { e.value(Kiv::String("a")); }),
+            "Ns::Registry::mount takes no value update");
+  EXPECT_EQ(apply(999, Op::value, [](Encoder&) {}), "Ns::Registry has no attribute 999");
+
+  EXPECT_EQ(apply(Registry::kivMountAttrId, Op::del, [](Encoder& e) { e.value(Kiv::String("a")); }), "");
+  EXPECT_EQ(registry->mountSize(), 0u);
+}
+
+}  // namespace
