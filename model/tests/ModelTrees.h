@@ -1,0 +1,239 @@
+#pragma once
+// Trees of every mount interface type for the replication tests, the socket peer and the fuzzer
+// corpus: a builder with every attribute away from its default, scripted changes, and a canonical
+// text of a tree (members sorted by key, references as paths from the root) read through the
+// generated test traits, so it owes nothing to the replication code it checks.
+
+#include <map>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "MountInterfaceTesting.h"
+#include "kiv/AttrLog.h"
+#include "kiv/Dir.h"
+#include "kiv/Generated.h"
+
+namespace modeltrees {
+
+using namespace Controller;
+
+// The four root types; between them they hold all seventeen.
+inline constexpr char const* kMountConfig = "svcA";
+inline constexpr char const* kMountStatus = "svcA-status";
+inline constexpr char const* kPublishConfig = "pub";
+inline constexpr char const* kPublishStatus = "web";
+
+inline void build(Kiv::Dir& dir) {
+  auto c = dir.entryIs<ServiceMountConfig>(kMountConfig);
+  c->leaderGenIdIs("gen1");
+  c->serviceNameIs("alpha");
+  c->warmIs(true);
+  auto v1 = c->versionFilterIs("v1");
+  v1->includedServiceVersionIs(1, true);
+  v1->includedServiceVersionIs(2, false);  // present, with the default value
+  auto s1 = c->systemFilterIs("s1");
+  s1->includedSystemIs("00:00:00:00:00:01", true);
+  auto g1 = c->mountGroupConfigIs("g1");
+  g1->versionFilterIs(v1);
+  g1->systemFilterIs(s1);
+  g1->preserveMountsOnDisconnectIs(true);
+  g1->mountConfigIs("/a", "T1", "rw", "/local/a");
+  g1->mountConfigIs("/b", "T2", "", "");
+  c->mountGroupConfigIs("g2")->mountConfigIs("/c", "T3", "ro", "");
+
+  auto st = dir.entryIs<ServiceMountStatus>(kMountStatus);
+  st->serviceNameIs("alpha");
+  st->mountedPathPrefixIs("/a", "/mnt/a");
+  auto gs = st->systemStatusIs("00:00:00:00:00:01")->serviceMountGroupStatusIs("g1");
+  gs->mountStateIs(mountStateMounted);
+  gs->processedIs(true);
+  auto ms = gs->mountStatusIs("/a");
+  ms->mountStateIs(mountStateMounted);
+  ms->mountedPathIs("/mnt/a/x");
+  gs->mountStatusIs("/b")->mountStateIs(mountStateFailed);
+  st->initialMountsCompleteIs("g1", true);
+  st->initialMountsCompleteIs("g2", false);
+
+  auto p = dir.entryIs<ServicePublishConfig>(kPublishConfig);
+  p->leaderGenIdIs("gen1");
+  p->serviceNameIs("web");
+  p->readyIs(true);
+  auto pv = p->versionFilterIs("v");
+  pv->includedServiceVersionIs(3, true);
+  auto ps = p->systemFilterIs("s");
+  auto pg = p->publishGroupConfigIs("pg");
+  pg->versionFilterIs(pv);
+  pg->systemFilterIs(ps);
+  pg->publishConfigIs("/db/x", "/r/x", "TX")->readyToPublishIs(true);
+  auto pd = pg->publishDirIs("/db/d", "TD");
+  pd->remoteTargetPathIs("/r/d");
+  pd->readyToPublishIs(true);
+
+  auto pst = dir.entryIs<ServicePublishStatus>(kPublishStatus);
+  auto pgs = pst->servicePublishGroupStatusIs("pg");
+  pgs->publishStateIs(publishStateComplete);
+  pgs->publishStatusIs("/db/x")->publishStateIs(publishStateComplete);
+}
+
+inline constexpr int kSteps = 3;
+
+// Step n of the scripted changes: values, then members and references, then deep structure.
+inline void change(Kiv::Dir& dir, int step) {
+  auto c = Kiv::entityCast<ServiceMountConfig>(dir.entityPtr(kMountConfig));
+  auto st = Kiv::entityCast<ServiceMountStatus>(dir.entityPtr(kMountStatus));
+  auto p = Kiv::entityCast<ServicePublishConfig>(dir.entityPtr(kPublishConfig));
+  auto pst = Kiv::entityCast<ServicePublishStatus>(dir.entityPtr(kPublishStatus));
+  switch (step) {
+    case 1:
+      c->warmIs(false);
+      c->serviceNameIs("beta");
+      c->versionFilter("v1")->includedServiceVersionIs(2, true);
+      c->versionFilter("v1")->includedServiceVersionDel(1);
+      c->systemFilter("s1")->includedSystemIs("00:00:00:00:00:02", true);
+      st->systemStatus("00:00:00:00:00:01")->serviceMountGroupStatus("g1")->mountStatus("/b")->mountStateIs(
+          mountStateMounting);
+      st->initialMountsCompleteIs("g2", true);
+      p->readyIs(false);
+      break;
+    case 2: {
+      auto g1 = c->mountGroupConfig("g1");
+      g1->mountConfigDel("/b");
+      g1->mountConfigIs("/d", "T4", "", "/local/d");
+      g1->mountConfigDel("/a");
+      g1->mountConfigIs("/a", "T1-new", "rw", "/local/a");  // the same key, other constructor parameters
+      g1->systemFilterIs(nullptr);
+      c->mountGroupConfig("g2")->versionFilterIs(c->versionFilter("v1"));
+      c->systemFilterDel("s1");
+      st->mountedPathPrefixDel("/a");
+      st->mountedPathPrefixIs("/a", "/mnt/other");
+      p->publishGroupConfig("pg")->publishDirDel("/db/d");
+      pst->servicePublishGroupStatus("pg")->publishStatusIs("/db/y");
+      break;
+    }
+    case 3: {
+      auto gs = st->systemStatusIs("00:00:00:00:00:02")->serviceMountGroupStatusIs("g2");
+      gs->mountStatusIs("/c")->mountedPathIs("/mnt/c");
+      gs->mountStateIs(mountStateUnmounting);
+      st->systemStatus("00:00:00:00:00:01")->serviceMountGroupStatusDel("g1");
+      c->mountGroupConfigDel("g2");
+      auto g3 = c->mountGroupConfigIs("g3");
+      g3->versionFilterIs(c->versionFilterIs("v3"));
+      g3->mountConfigIs("/e", "T5", "", "");
+      p->publishGroupConfig("pg")->publishConfigIs("/db/z", "/r/z", "TZ");
+      p->serviceNameIs("web2");
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+// What changes while a connection is down: a removal, a value, an unmount and a new mount.
+inline void changeWhileDown(Kiv::Dir& dir, Kiv::NboAttrLog::Demuxer& demuxer) {
+  auto st = Kiv::entityCast<ServiceMountStatus>(dir.entityPtr(kMountStatus));
+  st->systemStatusDelAll();
+  st->initialMountsCompleteDel("g1");
+  st->serviceNameIs("after the break");
+  demuxer.mountDel(kPublishStatus);
+  dir.entityPtrDel(kPublishStatus);
+  auto extra = dir.entryIs<ServicePublishStatus>("extra");
+  extra->servicePublishGroupStatusIs("g")->publishStatusIs("/p");
+  demuxer.mountIs("extra", extra);
+}
+
+// --- the canonical text ---
+
+// The path of `e` below `root`: member names joined by '/', "." for the root itself.
+inline std::string pathFrom(Kiv::Entity const& root, Kiv::Entity const& e) {
+  std::vector<std::string> names;
+  Kiv::Entity const* at = &e;
+  for (; at && at != &root; at = at->parent()) names.push_back(at->parentAttrName().stdString() + ":" + at->name().stdString());
+  if (!at) return "outside " + e.fullName().stdString();
+  std::string path = ".";
+  for (auto it = names.rbegin(); it != names.rend(); ++it) path += "/" + *it;
+  return path;
+}
+
+template <class T>
+void dumpEntity(T const& e, Kiv::Entity const& root, std::string const& indent, std::string& out);
+
+template <class T>
+struct DumpVisitor {
+  T const& e;
+  Kiv::Entity const& root;
+  std::string const& indent;
+  std::string& out;
+
+  void line(char const* n, std::string const& v) { out += indent + n + " = " + v + "\n"; }
+  void derived(char const* n, std::uint32_t, bool, auto read) { line(n, Kiv::strep(read(e))); }
+  void constant(char const* n, std::uint32_t, int, auto read) { line(n, Kiv::strep(read(e))); }
+  template <class P>
+  void initial(char const* n, std::uint32_t, int, auto read, auto) {
+    line(n, Kiv::strep(read(e)));
+  }
+  template <class P>
+  void value(char const* n, std::uint32_t, auto read, auto) {
+    line(n, Kiv::strep(read(e)));
+  }
+  template <class Target, bool isConst>
+  void reference(char const* n, std::uint32_t, auto read, auto) {
+    auto const p = read(e);
+    line(n, p ? pathFrom(root, *p) : "null");
+  }
+  template <class Target>
+  void owner(char const*, std::uint32_t, auto, auto) {}
+  template <class K, class M>
+  void collection(char const* n, std::uint32_t, std::vector<std::string> const&, std::vector<std::string> const&, auto,
+                  auto, auto, auto, auto, auto, auto, auto each) {
+    std::map<std::string, M const*> members;
+    each(e, [&](K const& k, auto const& m) { members[Kiv::strep(k)] = m.ptr(); });
+    for (auto const& [k, m] : members) {
+      out += indent + n + "[" + k + "]\n";
+      dumpEntity<M>(*m, root, indent + "  ", out);
+    }
+  }
+  template <class K, class V>
+  void valueCollection(char const* n, std::uint32_t, auto, auto, auto, auto, auto, auto, auto, auto each) {
+    std::map<std::string, std::string> entries;
+    each(e, [&](K const& k, V const& v) { entries[Kiv::strep(k)] = Kiv::strep(v); });
+    for (auto const& [k, v] : entries) out += indent + n + "[" + k + "] = " + v + "\n";
+  }
+};
+
+template <class T>
+void dumpEntity(T const& e, Kiv::Entity const& root, std::string const& indent, std::string& out) {
+  DumpVisitor<T> v{e, root, indent, out};
+  kivtesting::Traits<T>::visit(v);
+}
+
+template <class... T>
+struct TypeList {};
+using AllTypes = TypeList<MountConfig, MountFilterSystem, MountFilterServiceVersion, ServiceMountGroupConfig,
+                          ServiceMountConfig, MountStatus, ServiceMountGroupStatus, SystemStatus, MountedPathPrefix,
+                          ServiceMountStatus, PublishConfig, PublishDir, ServicePublishGroupConfig,
+                          ServicePublishConfig, PublishStatus, ServicePublishGroupStatus, ServicePublishStatus>;
+
+template <class... T>
+std::string dumpAny(Kiv::Entity const& e, TypeList<T...>) {
+  std::string out = std::string(e.kivEntityType().name) + " " + e.name().stdString() + "\n";
+  bool const known = ((&e.kivEntityType() == &T::kivTypeInfo() &&
+                       (dumpEntity<T>(static_cast<T const&>(e), e, "  ", out), true)) ||
+                      ...);
+  if (!known) out += "  (not a mount interface type)\n";
+  return out;
+}
+
+// One entity tree.
+inline std::string dump(Kiv::Entity const& root) { return dumpAny(root, AllTypes{}); }
+
+// Every entity of a directory, by name.
+inline std::string dump(Kiv::Dir const& dir) {
+  std::map<std::string, std::string> trees;
+  for (auto it = dir.entityPtrIter(); it; ++it) trees[it.key().stdString()] = dump(*it.value());
+  std::string out;
+  for (auto const& [name, text] : trees) out += text;
+  return out;
+}
+
+}  // namespace modeltrees
