@@ -142,24 +142,25 @@ int Adapter::kivEnsureOnWire() {
   return handle() != 0 ? 1 : -1;
 }
 
+std::int64_t Adapter::kivTargetHandle(Entity const* target) {
+  if (!target) return 0;
+  Adapter* t = side_.adapterOf(target);
+  int const state = t ? t->kivEnsureOnWire() : -1;
+  if (state == 0) return -1;
+  if (state == 1) return static_cast<std::int64_t>(t->handle());
+  // Only entities of the mounted trees have handles; the receiver gets null rather than a
+  // dangling reference.
+  AL_TRACE(1, "reference outside the replicated trees sent as null from " << entity_.kivEntityType().name << " "
+                                                                          << entity_.fullName());
+  return 0;
+}
+
 bool Adapter::kivSendRef(std::uint32_t id, Entity const* target) {
   if (!kivOnWire()) return true;
-  std::uint64_t h = 0;
-  if (target) {
-    Adapter* t = side_.adapterOf(target);
-    int const state = t ? t->kivEnsureOnWire() : -1;
-    if (state == 0) return false;
-    if (state == 1) {
-      h = t->handle();
-    } else {
-      // Only entities of the mounted trees have handles; the receiver gets null rather than a
-      // dangling reference.
-      AL_TRACE(1, "reference outside the replicated trees sent as null: "
-                      << entity_.kivEntityType().name << " attribute " << id << " of " << entity_.fullName());
-    }
-  }
+  std::int64_t const h = kivTargetHandle(target);
+  if (h < 0) return false;
   Encoder* e = kivBegin(Op::value, id);
-  e->reference(h);
+  e->reference(static_cast<std::uint64_t>(h));
   return kivCommit();
 }
 

@@ -79,6 +79,11 @@ enum ConnectStatus : std::uint32_t {
   connectStatusConnected = 1,
 };
 
+// A reference as a member's constructor parameter (see Adapter::kivSendMember).
+struct RefTarget {
+  Entity const* target;
+};
+
 // What a demuxer needs of the byte stream under it.
 class Transport {
  public:
@@ -202,19 +207,34 @@ class Adapter {
   }
   // The creation of member `k` with its constructor parameters, followed by the member whole
   // (child.doRemountSelf()). Does nothing for a child already on the wire.
+  // A reference parameter (RefTarget) has its target sent first, like kivSendRef.
   template <class K, class... P>
   bool kivSendMember(std::uint32_t id, K const& k, Adapter& child, P const&... params) {
-    if (child.handle() != 0) return true;
+    if (child.handle() != 0 || !kivOnWire()) return true;
+    if (!(kivTargetReady(params) && ...)) return false;
     Encoder* e = kivBegin(Op::member, id);
-    if (!e) return true;
     e->value(k);
     std::uint64_t const h = side_.nextHandle_;
     e->varint(h);
-    (e->value(params), ...);
+    (kivPut(*e, params), ...);
     if (!kivCommit()) return false;
     kivSendChildWhole(child, h);
     return true;
   }
+  template <class P>
+  bool kivTargetReady(P const&) {
+    return true;
+  }
+  bool kivTargetReady(RefTarget const& r) { return kivTargetHandle(r.target) >= 0; }
+  template <class P>
+  void kivPut(Encoder& e, P const& p) {
+    e.value(p);
+  }
+  void kivPut(Encoder& e, RefTarget const& r) { e.reference(static_cast<std::uint64_t>(kivTargetHandle(r.target))); }
+  // The handle of a reference's target, sent first when need be: 0 for null or a target outside
+  // the mounted trees, -1 when there is no room to send it.
+  std::int64_t kivTargetHandle(Entity const* target);
+
   // The brackets of doRemountSelf.
   void kivRemountBegin();
   void kivRemountEnd();

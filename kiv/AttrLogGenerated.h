@@ -57,16 +57,8 @@ std::vector<K> unsentKeys(HashMap<K, V> const& map, HashMap<K, bool> const& sent
   return out;
 }
 
-// A reference among a member's constructor parameters. A target not on the wire yet travels as
-// null; for an init parameter the member's own remount, right behind it, sends the target and
-// then the reference.
-struct RefParam {
-  std::uint64_t handle;
-  void kivAttrLogEncode(Encoder& e) const { e.reference(handle); }
-};
-inline RefParam refParam(Side const& side, Entity const* target) {
-  Adapter const* a = target ? side.adapterOf(target) : nullptr;
-  return RefParam{a ? a->handle() : 0};
-}
+// A reference among a member's constructor parameters: kivSendMember puts its target on the wire
+// ahead of the member and sends the target's handle.
+inline RefTarget refParam(Side const&, Entity const* target) { return RefTarget{target}; }
 
 }  // namespace Kiv::NboAttrLog
