@@ -65,8 +65,9 @@ class Switch {
 
   // Adds the switch's connection (address, a fresh service status directory with the versions it
   // negotiates), its peer (address, a new connection configuration one generation on) and its
-  // attribute-log connection and demuxer; after handshakeLatency() the peer and the demuxer are
-  // connected. Nothing happens while a connection exists already.
+  // attribute-log connection and demuxer; after handshakeLatency() the peer is connected and the
+  // attribute-log stream to the switch's own demuxer starts (its demuxers connect once their hellos
+  // have crossed, on the loop's next turn). Nothing happens while a connection exists already.
   void connect();
   // Removes its connection, its peer and its attribute-log connection, and disconnects its
   // demuxer. Cancels a pending handshake or reconnection.
