@@ -172,15 +172,21 @@ void fdFlagsIs(int fd, bool nonBlocking) {
     throwErrno("fcntl", errno);
 }
 
+// Runs f; a descriptor it would have kept is closed when it throws.
+template <class F>
+void closingOnThrow(int fd, F&& f) {
+  try {
+    f();
+  } catch (...) {
+    if (fd >= 0) ::close(fd);
+    throw;
+  }
+}
+
 int newSocket() {
   int const fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
   if (fd < 0) throwErrno("socket", errno);
-  try {
-    fdFlagsIs(fd, false);
-  } catch (...) {
-    ::close(fd);
-    throw;
-  }
+  closingOnThrow(fd, [&] { fdFlagsIs(fd, false); });
   return fd;
 }
 
@@ -205,15 +211,12 @@ bool wouldBlock(int err) { return err == EAGAIN || err == EWOULDBLOCK; }
 }  // namespace
 
 Ptr<SocketStream> SocketStream::SocketStreamIs(int fd, Ptr<Demuxer> const& d) {
-  try {
+  closingOnThrow(fd, [&] {
     if (fd < 0) throwRangeException("bad descriptor for a socket stream");
     if (!d) throwRangeException("null demuxer for a socket stream");
     if (d->transport()) throwRangeException(d->kivStrep() + " is already on a connection");
     fdFlagsIs(fd, true);
-  } catch (...) {
-    if (fd >= 0) ::close(fd);
-    throw;
-  }
+  });
   Ptr<SocketStream> s(new SocketStream(fd, d));
   d->connectionIs(s.ptr());
   return s;
@@ -234,12 +237,7 @@ int SocketStream::listenAt(std::string const& path) {
     ::close(fd);
     throwErrno("listen at " + path, err);
   }
-  try {
-    fdFlagsIs(fd, true);
-  } catch (...) {
-    ::close(fd);
-    throw;
-  }
+  closingOnThrow(fd, [&] { fdFlagsIs(fd, true); });
   return fd;
 }
 
@@ -262,12 +260,7 @@ int SocketStream::acceptFrom(int listenFd, Seconds timeout) {
     if (r > 0) {
       int const fd = ::accept(listenFd, nullptr, nullptr);
       if (fd >= 0) {
-        try {
-          fdFlagsIs(fd, false);
-        } catch (...) {
-          ::close(fd);
-          throw;
-        }
+        closingOnThrow(fd, [&] { fdFlagsIs(fd, false); });
         return fd;
       }
       // Another acceptor won, or the client gave up: wait on.
@@ -303,14 +296,12 @@ int SocketStream::connectTo(std::string const& path) {
 std::pair<int, int> SocketStream::socketPair() {
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) < 0) throwErrno("socketpair", errno);
-  try {
-    fdFlagsIs(fds[0], false);
-    fdFlagsIs(fds[1], false);
-  } catch (...) {
-    ::close(fds[0]);
-    ::close(fds[1]);
-    throw;
-  }
+  closingOnThrow(fds[0], [&] {
+    closingOnThrow(fds[1], [&] {
+      fdFlagsIs(fds[0], false);
+      fdFlagsIs(fds[1], false);
+    });
+  });
   return {fds[0], fds[1]};
 }
 
