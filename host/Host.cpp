@@ -447,6 +447,8 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     } else {
       w.tables(out);
     }
+    // The shutdown withdraws everything; the report ends with the tables.
+    Kiv::TraceHandle::resetAll();
   }
   if (o.ringlog) {
     out << "\nRing log\n";

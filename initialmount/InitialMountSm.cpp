@@ -30,7 +30,7 @@ InitialMountSm::InitialMountSm(Kiv::PtrConst<Kiv::Dir> const& mountConfigDir, Ki
   handleInitialized();
 }
 
-InitialMountSm::~InitialMountSm() = default;
+InitialMountSm::~InitialMountSm() { doCleanup(); }
 
 Kiv::PtrConst<Kiv::Clock> InitialMountSm::connectionClock() const {
   return connectionClock_ ? connectionClock_->notifier() : nullptr;
@@ -151,7 +151,7 @@ Kiv::Ptr<ServiceInitialMountSm> InitialMountSm::serviceInitialMountSmIs(
 }
 
 void InitialMountSm::serviceInitialMountSmDel(Kiv::Name const& service) {
-  serviceInitialMountSm_.cleanupAndErase(service);
+  serviceInitialMountSm_.erase(service);
 }
 
 }  // namespace Controller

@@ -14,6 +14,7 @@ inline constexpr char const* kInitialMountSmFile = "InitialMountSm.tin";
 #define IM_TRACE(level, function, stream)                                                                    \
   KIV_TRACE(::Controller::initialMountSmTrace, level, ::Controller::kInitialMountSmFile, __LINE__, function, \
             stream)
-#define IM_DUALLOG(signature, format, ...)                                                              \
-  KIV_DUALLOG(::Controller::initialMountSmTrace, 5, ::Controller::kInitialMountSmFile, __LINE__, signature, \
+#define IM_DUALLOG_AT_LEVEL(level, signature, format, ...)                                                 \
+  KIV_DUALLOG(::Controller::initialMountSmTrace, level, ::Controller::kInitialMountSmFile, __LINE__, signature, \
               format __VA_OPT__(, ) __VA_ARGS__)
+#define IM_DUALLOG(signature, format, ...) IM_DUALLOG_AT_LEVEL(5, signature, format __VA_OPT__(, ) __VA_ARGS__)

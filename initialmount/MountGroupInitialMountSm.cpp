@@ -214,12 +214,7 @@ void MountGroupInitialMountSm::handleProcessed() {
            "MountGroupInitialMountSm::" << "handleProcessed groupName: " << groupName_
                                         << " complete=" << mountGroupInitialSwitchSet_->complete());
   if (!mountGroupInitialSwitchSet_->complete()) return;
-  // The remaining switches are populated once: not again while they are being waited for, nor
-  // once they are settled and the flush is under way or done.
-  if (serviceMountStatus_->initialMountsComplete(groupName_) || !remainingSwitch_.empty() ||
-      localInitialMountsComplete_) {
-    return;
-  }
+  if (serviceMountStatus_->initialMountsComplete(groupName_) || !remainingSwitch_.empty()) return;
   // Counts, not membership: any processed switch counts towards the total.
   if (mountGroupInitialSwitchSet_->initialSwitchSize() <= processedSwitchSet_->processedSize()) {
     doPopulateRemainingSwitch();
@@ -233,9 +228,14 @@ void MountGroupInitialMountSm::doPopulateRemainingSwitch() {
   for (auto it = mountGroupInitialSwitchSet_->initialSwitchIter(); it; ++it) ids.push_back(it.key());
   for (SystemId const& id : ids) {
     Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus_->systemStatus(Kiv::Name(id.stringValue()));
-    // Deliberately unguarded: an initial switch without a system status of this service is a
-    // broken invariant, and the process ends here rather than carrying on without it.
-    KIV_ASSERT(systemStatus);
+    // Guarded, on purpose, against the original design, which ends the process here: an initial
+    // switch that left after the connection period has no system status any more. That is
+    // ordinary churn, and a switch flap must not end the agent; the switch is not waited for.
+    if (!systemStatus) {
+      IM_DUALLOG_AT_LEVEL(1, kDoPopulateRemainingSwitch, "Initial switch %s has no system status; group %s does not wait for it",
+                          id, groupName_);
+      continue;
+    }
     Kiv::PtrConst<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(groupName_);
     if (!groupStatus || isFinishedMountState(groupStatus->mountState())) continue;
     IM_DUALLOG(kDoPopulateRemainingSwitch, "Adding remaining switch: %s", id);
@@ -365,6 +365,7 @@ void MountGroupInitialMountSm::doCleanup() {
   // A machine held on to after its deletion must not write the flag back.
   if (mountClock_) mountClock_->timeMinIs(Kiv::kInfinity);
   if (attrlogFlushTimer_) attrlogFlushTimer_->timeMinIs(Kiv::kInfinity);
+  systemProcessedSm_.clear();
   serviceMountStatus_->initialMountsCompleteDel(groupName_);
 }
 

@@ -50,6 +50,13 @@ SystemProcessedSm::SystemProcessedSm(Kiv::Name const& systemName, Kiv::Name cons
 
 SystemProcessedSm::~SystemProcessedSm() = default;
 
+// The set's entries stay: a switch once processed counts for the group for good. Only the
+// watching ends.
+void SystemProcessedSm::doCleanup() {
+  kivSystemStatus_ = nullptr;
+  groupProcessedSm_ = nullptr;
+}
+
 void SystemProcessedSm::handleInitialized() {
   IM_TRACE(8, "handleInitialized", "void Controller::SystemProcessedSm::handleInitialized()" << ": ");
   if (initialized_) return;

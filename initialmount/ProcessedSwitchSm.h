@@ -70,6 +70,7 @@ class SystemProcessedSm : public Kiv::PtrInterface {
   void handleServiceMountGroupStatus(Kiv::Name const& group);
   void handleServiceMountGroupStatus();
   void handleInitialized();
+  void doCleanup();
 
  private:
   class KivSystemStatus : public SystemStatus::NotifieeConst {

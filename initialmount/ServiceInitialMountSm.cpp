@@ -81,7 +81,7 @@ Kiv::Ptr<MountGroupInitialMountSm> ServiceInitialMountSm::mountGroupInitialMount
 }
 
 void ServiceInitialMountSm::mountGroupInitialMountSmDel(Kiv::Name const& group) {
-  mountGroupInitialMountSm_.cleanupAndErase(group);
+  mountGroupInitialMountSm_.erase(group);
 }
 
 void ServiceInitialMountSm::mountGroupInitialMountSmDelAll() {

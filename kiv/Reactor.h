@@ -48,33 +48,57 @@ void nullCheck(Ptr<T> const& p, std::string_view attr, std::string_view classNam
 }
 
 // A state machine's owned children, keyed. A child type T declares its compared constructor
-// parameters: `static constexpr std::array kivParamNames{...}` and `auto kivParams() const`
-// returning a tuple in the same order.
+// parameters (`static constexpr std::array kivParamNames{...}` and `auto kivParams() const`
+// returning a tuple in the same order) and `void doCleanup()`.
+//
+// The only ways out of the collection run the child's doCleanup() first, so that a clean-up
+// cannot be forgotten; the child is still found in the collection while its clean-up runs. The
+// owner empties the collection before it dies (its own clean-up or destructor does), while
+// everything the children's clean-ups call is still alive.
 template <class K, class T>
-class ChildMap : public HashMap<K, Ptr<T>> {
+class ChildMap {
  public:
-  using HashMap<K, Ptr<T>>::HashMap;
+  using Map = HashMap<K, Ptr<T>>;
+
+  explicit ChildMap(std::size_t sizeHint = 0) : map_(sizeHint) {}
+  ChildMap(ChildMap const&) = delete;
+  ChildMap& operator=(ChildMap const&) = delete;
+  ~ChildMap() { KIV_ASSERT(map_.empty() && "children deleted without their clean-up"); }
+
+  Ptr<T> get(K const& k) const { return map_.get(k); }
+  std::size_t size() const { return map_.size(); }
+  bool empty() const { return map_.empty(); }
+  typename Map::ConstIterator begin() const { return map_.begin(); }
 
   // Returns the child at k; if absent, creates it with make(). If present, compares `params`
   // with the child's kivParams() and throws on the first difference.
   template <class Make, class... P>
   Ptr<T> instantiate(K const& k, std::tuple<P...> const& params, Make&& make) {
-    if (Ptr<T> const* p = this->find(k)) {
+    if (Ptr<T> const* p = map_.find(k)) {
       compare(params, (*p)->kivParams(), std::index_sequence_for<P...>());
       return *p;
     }
     Ptr<T> child = make();
-    this->insert(k, child);
+    map_.insert(k, child);
     return child;
   }
 
-  // Runs the child's doCleanup() and then removes it.
-  bool cleanupAndErase(K const& k) {
-    Ptr<T> child = this->get(k);
+  // Runs the doCleanup() of the child at k, then removes and releases it; false when absent.
+  bool erase(K const& k) {
+    Ptr<T> child = map_.get(k);
     if (!child) return false;
     child->doCleanup();
-    this->erase(k);
+    // The clean-up may have replaced or removed the child itself; only this one leaves.
+    if (map_.get(k) == child) map_.erase(k, &child);
     return true;
+  }
+
+  // Erases every child as erase(k) does, including children that clean-ups add meanwhile.
+  void clear() {
+    while (!map_.empty()) {
+      K const k = map_.begin().key();
+      erase(k);
+    }
   }
 
  private:
@@ -83,6 +107,8 @@ class ChildMap : public HashMap<K, Ptr<T>> {
     ReinstantiationCheck check(kPointerInterfaceSubject);
     (check(T::kivParamNames[I], std::get<I>(n), std::get<I>(c)), ...);
   }
+
+  Map map_;
 };
 
 }  // namespace Kiv

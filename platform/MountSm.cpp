@@ -98,7 +98,8 @@ MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::Connec
       attemptTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onAttemptTime(); })),
       unmountTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onUnmountTime(); })) {}
 
-MountSm::~MountSm() { doCleanup(); }
+// Its owner ends it first: a machine dropped while its timers may still fire is a broken invariant.
+MountSm::~MountSm() { KIV_ASSERT(cleanedUp_); }
 
 void MountSm::localRootDirIs(Kiv::Ptr<Kiv::Dir> dir) { localRoot() = std::move(dir); }
 
@@ -119,16 +120,23 @@ void MountSm::doUnmount() { request(Request::unmount); }
 void MountSm::doStatePreservingUnmount() { request(Request::statePreservingUnmount); }
 
 void MountSm::doCleanup() {
+  if (cleanedUp_) return;
   cleanedUp_ = true;
   request_ = Request::none;
   requestTimer_->disarm();
   attemptTimer_->disarm();
   unmountTimer_->disarm();
+  // What the machine placed goes with it, unless the state was to be preserved.
+  if (!keepCopy_ && copy_) {
+    copyDel();
+    mountSmData_->mountedPathIs("");
+  }
 }
 
 void MountSm::request(Request r) {
   if (cleanedUp_) return;
   request_ = r;
+  keepCopy_ = r == Request::statePreservingUnmount;
   if (!requestTimer_->armed()) requestTimer_->armIn(0);
 }
 
@@ -170,6 +178,7 @@ void MountSm::onUnmountTime() {
 
 void MountSm::startMounting() {
   request_ = Request::none;
+  keepCopy_ = false;
   requestTimer_->disarm();
   unmountTimer_->disarm();
   unmounting_ = Request::none;

@@ -19,7 +19,9 @@
 //    with the configuration last given to connectionConfigIs() (which starts nothing itself). A
 //    copy still in place stays until the new mount replaces it.
 //  - doCleanup() ends the machine: timers disarmed, a pending request dropped, later operations
-//    ignored, the local tree left as it is.
+//    ignored. The copy it made is removed (and mountedPath cleared) unless the last request was a
+//    state-preserving unmount, whose point is to keep it. Its owner must run it before releasing
+//    the machine.
 // A mounted copy is a snapshot: later changes on the switch do not reach it, and the machine does
 // not watch the connection once mounted (its owner unmounts or remounts on a reconnect).
 
@@ -115,6 +117,8 @@ class MountSm : public Kiv::PtrInterface {
   // The kind of the unmount in progress (state 2).
   Request unmounting_ = Request::none;
   bool cleanedUp_ = false;
+  // The latest unmount asked to preserve the state: the copy outlives the machine.
+  bool keepCopy_ = false;
   // Attempts started since the machine last began mounting.
   std::uint32_t attempts_ = 0;
   Kiv::Seconds attemptStart_ = 0;

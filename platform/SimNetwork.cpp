@@ -127,7 +127,13 @@ Switch& Switch::serviceVersionDel(Kiv::Name const& service) {
 void Switch::publish(Kiv::Name const& service, std::uint32_t version) {
   auto status = serviceStatusDir_->serviceIs(service);
   auto versionStatus = status->versionStatus();
-  if (!versionStatus) versionStatus = Controller::ServiceVersionStatusV1::ServiceVersionStatusV1Is(service);
+  if (!versionStatus) {
+    versionStatus = Controller::ServiceVersionStatusV1::ServiceVersionStatusV1Is(service);
+  } else if (versionStatus->version() != version) {
+    // A renegotiation: the outcome is withdrawn while it runs, then announced with the new version.
+    versionStatus->versionNegotiationCompleteIs(false);
+    versionStatus->versionCompatibleIs(false);
+  }
   versionStatus->versionIs(version);
   versionStatus->versionCompatibleIs(true);
   versionStatus->versionNegotiationCompleteIs(true);

@@ -91,7 +91,8 @@ class Switch {
   static constexpr Kiv::Seconds kAttrLogLatency = 0.25;
 
   // The service's negotiated version: published on the current connection at once and on every
-  // later one.
+  // later one. A new version on a connected switch is renegotiated: the negotiation-complete flag
+  // drops, then rises with the new version.
   Switch& serviceVersionIs(Kiv::Name const& service, std::uint32_t version);
   // Withdraws the service: disabled, then removed from the connection's service status.
   Switch& serviceVersionDel(Kiv::Name const& service);

@@ -43,21 +43,19 @@ Kiv::Ptr<ConnectionServiceStatusDirSm::KivServiceStatus> ConnectionServiceStatus
   Kiv::Ptr<KivServiceStatus> existing = serviceStatus_.get(service);
   if (existing && existing->notifier() == status) return existing;
   if (existing) serviceStatusDel(service);  // a replaced status is a new one to follow
-  Kiv::Ptr<KivServiceStatus> reactor(new KivServiceStatus(service, status, this));
-  serviceStatus_.insert(service, reactor);
+  Kiv::Ptr<KivServiceStatus> reactor = serviceStatus_.instantiate(
+      service, std::make_tuple(status), [&] { return Kiv::Ptr<KivServiceStatus>(new KivServiceStatus(service, status, this)); });
   reactor->handleInitialized();
   return reactor;
 }
 
-void ConnectionServiceStatusDirSm::serviceStatusDel(Kiv::Name const& service) {
-  Kiv::Ptr<KivServiceStatus> reactor = serviceStatus_.get(service);
-  if (!reactor) return;
-  serviceStatus_.erase(service);
-  reactor->doCleanup();
-}
+void ConnectionServiceStatusDirSm::serviceStatusDel(Kiv::Name const& service) { serviceStatus_.erase(service); }
 
 void ConnectionServiceStatusDirSm::doCleanup() {
   MR_TRACE_AT(8, 607, "doCleanup", "ConnectionServiceStatusDirSm::" << "doCleanup" << " " << name_);
+  // The services' own clean-ups leave the switch to the one re-evaluation below.
+  goingAway_ = true;
+  serviceStatus_.clear();
   // Every registry entry re-evaluates the switch now that its service status is going away.
   owner_->handleSwitchConnection(SystemId(name_.view()));
 }
@@ -91,6 +89,8 @@ void ConnectionServiceStatusDirSm::KivServiceStatus::handleInitialized() {
 
 void ConnectionServiceStatusDirSm::KivServiceStatus::doCleanup() {
   MR_TRACE_AT(8, 593, "doCleanup", "ConnectionServiceStatusDirSm::" << "doCleanup" << " " << name_);
+  // The re-evaluation below must not find the version of a service that is leaving.
+  goingAway_ = true;
   handleVersionStatus();
 }
 
@@ -103,7 +103,7 @@ void ConnectionServiceStatusDirSm::KivServiceStatus::handleVersionStatus() {
   // as it gates the version query.
   if (!version || !version->versionNegotiationComplete()) return;
   MountsRegistrySm* mrSm = owner_->owner();
-  mrSm->handleServiceVersion(name_, owner_->name());
+  if (!owner_->goingAway()) mrSm->handleServiceVersion(name_, owner_->name());
   SystemId const systemId(owner_->name().view());
   KIV_ASSERT(mrSm->controllerdbPublishStatus());
   if (Kiv::Ptr<Controllerdb::SystemPublishedMount> system = mrSm->controllerdbPublishStatus()->system(systemId))

@@ -21,6 +21,8 @@ class ConnectionServiceStatusDirSm : public Kiv::PtrInterface {
    public:
     KivServiceStatus(Kiv::Name const& name, Kiv::PtrConst<ServiceStatusV1> const& status,
                      ConnectionServiceStatusDirSm* owner);
+    static constexpr std::array kivParamNames{"serviceStatus"};
+    auto kivParams() const { return std::make_tuple(notifier()); }
     Kiv::Name const& name() const { return name_; }
     void onEnabled() override { handleEnabled(); }
     void onVersionStatus() override;
@@ -28,6 +30,8 @@ class ConnectionServiceStatusDirSm : public Kiv::PtrInterface {
     void handleVersionStatus();
     void handleInitialized() override;
     void doCleanup() override;
+    // Set by doCleanup(): the service is leaving and offers no version any more.
+    bool goingAway() const { return goingAway_; }
 
    private:
     class KivVersionStatus : public ServiceVersionStatusV1::NotifieeConst {
@@ -44,6 +48,7 @@ class ConnectionServiceStatusDirSm : public Kiv::PtrInterface {
     Kiv::Name name_;
     ConnectionServiceStatusDirSm* owner_;
     Kiv::Ptr<KivVersionStatus> versionStatus_;
+    bool goingAway_ = false;
   };
 
   ConnectionServiceStatusDirSm(Kiv::Name const& name, Kiv::PtrConst<ServiceStatusDir> const& controllerServiceStatusDir,
@@ -59,6 +64,8 @@ class ConnectionServiceStatusDirSm : public Kiv::PtrInterface {
   std::size_t serviceStatuses() const { return serviceStatus_.size(); }
   bool initialized() const { return initialized_; }
   MountsRegistrySm* owner() const { return owner_; }
+  // Set by doCleanup().
+  bool goingAway() const { return goingAway_; }
 
   Kiv::Ptr<KivServiceStatus> serviceStatusIs(Kiv::Name const& service, Kiv::PtrConst<ServiceStatusV1> const& status);
   void serviceStatusDel(Kiv::Name const& service);
@@ -84,6 +91,7 @@ class ConnectionServiceStatusDirSm : public Kiv::PtrInterface {
   Kiv::Ptr<KivControllerServiceStatusDir> kivControllerServiceStatusDir_;
   Kiv::ChildMap<Kiv::Name, KivServiceStatus> serviceStatus_;
   bool initialized_ = false;
+  bool goingAway_ = false;
 };
 
 }  // namespace Controller

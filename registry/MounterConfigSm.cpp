@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "registry/MountsRegistryEntrySm.h"
+#include "registry/MountsRegistrySm.h"
 #include "registry/RegistryTrace.h"
 
 namespace Controller {
@@ -149,6 +150,21 @@ void MounterConfigSm::doCleanup() {
   withdrawMountStatus();
 }
 
+bool MounterConfigSm::groupMountsElsewhere() const {
+  MountsRegistryEntry const* own = mountsRegistryEntrySm_->registryEntry().ptr();
+  Kiv::String const group = mounter_->groupName();
+  for (auto it = mountsRegistryEntrySm_->mountsRegistrySm()->mountsRegistry()->mountEntryIter(); it; ++it) {
+    if (it.value().ptr() == own) continue;
+    Kiv::Ptr<Mounter> other = it.value()->mounter(serviceName());
+    if (other && other->groupName() == group) return true;
+  }
+  return false;
+}
+
+// Only what this mounter's group wrote goes: the entry's rows of the group, and the group's
+// status on a switch once no path of the group is mounted anywhere any more (the group's other
+// entries share it), then the system status if that left it empty. Another group's system
+// status, empty or not, is not this mounter's to remove.
 void MounterConfigSm::withdrawMountStatus() {
   Kiv::Ptr<ServiceMountStatus> status = mounter_->serviceMountStatus();
   if (!status) return;
@@ -157,23 +173,20 @@ void MounterConfigSm::withdrawMountStatus() {
   // the path (usually withdrawn already by the configuration side, before the mounter).
   status->mountedPathPrefixDel(path);
   Kiv::Name const group(mounter_->groupName());
+  bool const groupStays = groupMountsElsewhere();
   std::vector<Kiv::Name> systems;
   for (auto it = status->systemStatusIter(); it; ++it) systems.push_back(it.key());
   for (Kiv::Name const& system : systems) {
     Kiv::Ptr<SystemStatus> systemStatus = status->systemStatus(system);
-    if (Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group)) {
-      if (groupStatus->mountStatus(path)) {
-        MR_TRACE_AT(8, 897, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting mount status for " << path);
-        groupStatus->mountStatusDel(path);
-      }
-      // The group's other paths, mounted by other entries, share the group and system statuses:
-      // each goes only once it is left empty.
-      if (groupStatus->mountStatusSize() == 0) {
-        MR_TRACE_AT(8, 902, "doCleanup",
-                    "MounterConfigSm::" << "doCleanup" << ": Deleting mount group status for " << group);
-        systemStatus->serviceMountGroupStatusDel(group);
-      }
+    Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group);
+    if (!groupStatus) continue;
+    if (groupStatus->mountStatus(path)) {
+      MR_TRACE_AT(8, 897, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting mount status for " << path);
+      groupStatus->mountStatusDel(path);
     }
+    if (groupStays || groupStatus->mountStatusSize() != 0) continue;
+    MR_TRACE_AT(8, 902, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting mount group status for " << group);
+    systemStatus->serviceMountGroupStatusDel(group);
     if (systemStatus->serviceMountGroupStatusSize() == 0) {
       MR_TRACE_AT(8, 907, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting system status for " << system);
       status->systemStatusDel(system);

@@ -138,7 +138,7 @@ void MountsRegistryEntrySm::handleMounter(Kiv::String service) {
     mounterConfigSmIs(mounter);
   } else {
     MR_DUALLOG(5, kHandleMounter, " mounter gone: service:%s", service);
-    mounterConfigSm_.cleanupAndErase(service);
+    mounterConfigSmDel(service);
   }
   handleSwitchConnection();
 }
@@ -385,11 +385,12 @@ void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, Mount
 
 void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
                                                 MountState state) {
-  Kiv::Ptr<ServiceMountStatus> const& status = mounter->serviceMountStatus();
-  KIV_ASSERT(status);
-  Kiv::Ptr<SystemStatus> systemStatus = status->systemStatus(Kiv::Name(systemId.stringValue()));
+  Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus = mounter->serviceMountStatus();
+  KIV_ASSERT(serviceMountStatus);
+  Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus->systemStatus(Kiv::Name(systemId.stringValue()));
   if (!systemStatus) return;
-  KIV_ASSERT(mounter->mountGroupConfig());
+  Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig = mounter->mountGroupConfig();
+  KIV_ASSERT(mountGroupConfig);
   Kiv::Name const group(mounter->groupName());
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatusIs(group);
   MR_TRACE(8, "updateMounterStatus", "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
@@ -478,12 +479,18 @@ void MountsRegistryEntrySm::doCleanup() {
   // From here on no switch is wanted: every mount is taken down.
   goingAway_ = true;
   handleSwitchConnection();
-  // Unmounts still running report nothing more once this machine is gone, so their rows are
-  // withdrawn now rather than left behind with a stale state.
+  // Nobody would see the unmounts still under way finish: their machines end now, taking their
+  // copies along unless the unmount preserves them.
   std::vector<SystemId> ids;
   for (auto it = mountSm_.begin(); it; ++it) ids.push_back(it.key());
-  for (SystemId const& id : ids)
-    if (Kiv::Ptr<MountSmData> data = mountSmData(id)) updateMountersStatus(id, data->mountState());
+  for (SystemId const& id : ids) {
+    mountSm(id)->doCleanup();
+    mountSmDel(id);
+    mountSmDataDel(id);
+  }
+  // Nothing is evaluated any more; the filter machines withdraw what their mounters were given.
+  initialized_ = false;
+  mounterConfigSm_.clear();
 }
 
 }  // namespace Controller

@@ -39,28 +39,44 @@ MountsRegistrySm::MountsRegistrySm(Kiv::Ptr<MountsRegistry> const& mountsRegistr
   handleInitialized();
 }
 
-MountsRegistrySm::~MountsRegistrySm() = default;
+MountsRegistrySm::~MountsRegistrySm() {
+  // The entries first: their clean-ups still ask the connection machines for versions.
+  mountsRegistryEntrySm_.clear();
+  publishRegistryEntrySm_.clear();
+  // Then as if every peer left, and no service's readiness stands any more.
+  std::vector<Kiv::Name> connections;
+  for (auto it = connectionServiceStatusDirSm_.begin(); it; ++it) connections.push_back(it.key());
+  for (Kiv::Name const& connection : connections) controllerdbPublishStatus_->systemDel(SystemId(connection.view()));
+  connectionServiceStatusDirSm_.clear();
+  controllerdbPublishStatus_->servicePublishReadyDelAll();
+}
 
 void MountsRegistrySm::KivOobStatus::onEstablished() { owner_->peerTableIs(notifier()->peerTable()); }
 void MountsRegistrySm::KivOobStatus::onPeerTable() { owner_->peerTableIs(notifier()->peerTable()); }
 
+// The peers are handled here, as the table is taken, rather than in handleInitialized(): the
+// connection machines must exist before the first evaluation of the switches, since the version
+// queries read them.
 void MountsRegistrySm::peerTableIs(Kiv::PtrConst<PeerTable> const& peerTable) {
   if (peerTable == peerTable_) return;
   peerTable_ = peerTable;
   kivPeerTable_ = peerTable ? new KivPeerTable(peerTable, this) : nullptr;
-  if (!initialized_) return;
   // Peers of a table that went away are handled as gone.
-  std::vector<Kiv::Name> connections;
-  for (auto it = connectionServiceStatusDirSm_.begin(); it; ++it) connections.push_back(it.key());
-  for (Kiv::Name const& c : connections) handlePeer(SystemId(c.view()));
+  std::vector<SystemId> gone;
+  for (auto it = kivPeer_.begin(); it; ++it)
+    if (!peerTable || !peerTable->peer(it.key())) gone.push_back(it.key());
+  for (SystemId const& id : gone) handlePeer(id);
   handlePeer();
-  handleSwitchConnection();
 }
 
 void MountsRegistrySm::handleInitialized() {
   initialized_ = true;
-  handlePeer();
   handleSwitchConnection();
+  // Readiness is decided only now that every publish entry has its machine: the first machines
+  // built would otherwise find their services' other entries missing.
+  std::vector<Kiv::String> services;
+  for (auto it = mountsRegistry_->servicePublishReadyIter(); it; ++it) services.push_back(it.key());
+  for (Kiv::String const& service : services) handleServicePublishReady(service);
 }
 
 void MountsRegistrySm::handleSwitchConnection() {
@@ -101,7 +117,7 @@ void MountsRegistrySm::handleMountEntry(Kiv::Name const& remotePath) {
     MR_TRACE_AT(8, 750, "handleMountEntry",
                 "MountsRegistrySm::" << "handleMountEntry" << ": " << remotePath
                                      << " Deleting registry entry sm for :" << remotePath);
-    mountsRegistryEntrySm_.cleanupAndErase(remotePath);
+    mountsRegistryEntrySmDel(remotePath);
   }
 }
 
@@ -120,23 +136,33 @@ void MountsRegistrySm::handlePublishEntry(Kiv::Name const& path) {
     Kiv::Ptr<PublishRegistryEntrySm> preSm = publishRegistryEntrySm_.get(path);
     KIV_ASSERT(!preSm || pe->serviceName() == preSm->publishEntry()->serviceName());
     publishRegistryEntrySmIs(pe, oobStatus_, controllerdbPublishStatus_);
+    // A new entry not processed yet holds the service's readiness back.
+    if (!preSm) handleServicePublishReady(pe->serviceName());
   } else if (publishRegistryEntrySm_.get(path)) {
     MR_TRACE_AT(8, 723, "handlePublishEntry",
                 "MountsRegistrySm::" << "handlePublishEntry" << ": " << path << " Deleting publish sm for: " << path);
-    publishRegistryEntrySm_.cleanupAndErase(path);
+    Kiv::String const service = publishRegistryEntrySm_.get(path)->publishEntry()->serviceName();
+    publishRegistryEntrySmDel(path);
+    // The entry may have been the one the service's readiness waited for.
+    handleServicePublishReady(service);
   }
 }
 
 void MountsRegistrySm::handleServicePublishReady(Kiv::String const& serviceName) {
   MR_TRACE_AT(8, 767, "handleServicePublishReady",
               "MountsRegistrySm::" << "handleServicePublishReady" << ": " << serviceName);
-  for (auto it = publishRegistryEntrySm_.begin(); it; ++it) {
-    PublishRegistryEntrySm& sm = *it.value();
+  if (!initialized_) return;
+  // The readiness stands exactly while the service says it is ready (the configuration side
+  // withdraws that while the generation is stale) and every entry of the service is processed:
+  // setting it waits for the entries, withdrawing it never does.
+  bool ready = mountsRegistry_->servicePublishReady(serviceName);
+  for (auto it = publishRegistryEntrySm_.begin(); ready && it; ++it) {
+    PublishRegistryEntrySm const& sm = *it.value();
     if (sm.publishEntry()->serviceName() != serviceName || sm.processed()) continue;
     MR_DUALLOG_AT(5, 788, kServicePublishReady, "Publish entry %s not yet processed", it.key());
-    return;
+    ready = false;
   }
-  if (mountsRegistry_->servicePublishReady(serviceName)) {
+  if (ready) {
     MR_DUALLOG_AT(5, 795, kServicePublishReady, "Setting publishReady for %s", serviceName);
     controllerdbPublishStatus_->servicePublishReadyIs(serviceName, true);
   } else {
@@ -154,22 +180,36 @@ void MountsRegistrySm::handlePeer() {
   for (SystemId const& id : peersOf(peerTable_)) handlePeer(id);
 }
 
+// Every arrival and departure of a peer re-evaluates the switch everywhere, whatever services it
+// negotiated: a switch without any still gets (or loses) its system status.
 void MountsRegistrySm::handlePeer(SystemId const& systemId) {
   MR_TRACE_AT(8, 640, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " " << systemId);
   Kiv::Name const name(systemId.stringValue());
   Kiv::PtrConst<Peer> peer = peerTable_ ? peerTable_->peer(systemId) : nullptr;
   if (peer) {
     MR_TRACE_AT(8, 642, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " added");
+    Kiv::Ptr<KivPeer> watcher = kivPeer_.get(systemId);
+    if (!watcher || watcher->notifier() != peer) kivPeer_.assign(systemId, new KivPeer(peer, systemId, this));
     Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer);
-    if (!connection || !connection->serviceStatusDir()) return;
-    controllerdbPublishStatus_->systemIs(systemId);
-    connectionServiceStatusDirSmIs(name, connection->serviceStatusDir());
-  } else if (connectionServiceStatusDirSm_.get(name)) {
-    MR_TRACE_AT(8, 648, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " removed");
-    controllerdbPublishStatus_->systemDel(systemId);
-    connectionServiceStatusDirSm_.cleanupAndErase(name);
+    if (connection && connection->serviceStatusDir()) {
+      controllerdbPublishStatus_->systemIs(systemId);
+      connectionServiceStatusDirSmIs(name, connection->serviceStatusDir());
+    }
+  } else {
+    Kiv::Ptr<KivPeer> gone;
+    kivPeer_.erase(systemId, &gone);
+    if (connectionServiceStatusDirSm_.get(name)) {
+      MR_TRACE_AT(8, 648, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " removed");
+      controllerdbPublishStatus_->systemDel(systemId);
+      // Its clean-up re-evaluates the switch.
+      connectionServiceStatusDirSmDel(name);
+      return;
+    }
   }
+  if (initialized_) handleSwitchConnection(systemId);
 }
+
+void MountsRegistrySm::KivPeer::onConnected() { owner_->handleSwitchConnection(systemId_); }
 
 std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::String serviceName,
                                                                       Kiv::String connectionName) const {
@@ -184,7 +224,7 @@ std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::Strin
   Kiv::PtrConst<ServiceVersionStatusV1> version;
   if (Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer)) {
     if (auto sm = connectionServiceStatusDirSm_.get(Kiv::Name(SystemId(addr).stringValue()))) {
-      if (auto reactor = sm->serviceStatus(service)) {
+      if (auto reactor = sm->serviceStatus(service); reactor && !reactor->goingAway()) {
         Kiv::PtrConst<ServiceStatusV1> status = reactor->notifier();
         if (status && status->enabled()) version = status->versionStatus();
       }

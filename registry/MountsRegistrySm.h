@@ -100,6 +100,17 @@ class MountsRegistrySm : public Kiv::PtrInterface {
    private:
     MountsRegistrySm* owner_;
   };
+  // A peer's connection coming up or going down re-evaluates the switch.
+  class KivPeer : public Peer::NotifieeConst {
+   public:
+    KivPeer(Kiv::PtrConst<Peer> const& p, SystemId const& id, MountsRegistrySm* owner)
+        : NotifieeConst(p), systemId_(id), owner_(owner) {}
+    void onConnected() override;
+
+   private:
+    SystemId systemId_;
+    MountsRegistrySm* owner_;
+  };
   class KivPeerTable : public PeerTable::NotifieeConst {
    public:
     KivPeerTable(Kiv::PtrConst<PeerTable> const& t, MountsRegistrySm* owner) : NotifieeConst(t), owner_(owner) {}
@@ -122,6 +133,7 @@ class MountsRegistrySm : public Kiv::PtrInterface {
   Kiv::Ptr<KivMountsRegistry> kivMountsRegistry_;
   Kiv::Ptr<KivOobStatus> kivOobStatus_;
   Kiv::Ptr<KivPeerTable> kivPeerTable_;
+  Kiv::HashMap<SystemId, Kiv::Ptr<KivPeer>> kivPeer_;
   Kiv::ChildMap<Kiv::Name, ConnectionServiceStatusDirSm> connectionServiceStatusDirSm_;
   Kiv::ChildMap<Kiv::Name, MountsRegistryEntrySm> mountsRegistryEntrySm_;
   Kiv::ChildMap<Kiv::Name, PublishRegistryEntrySm> publishRegistryEntrySm_;

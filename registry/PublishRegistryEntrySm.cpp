@@ -120,8 +120,7 @@ void PublishRegistryEntrySm::handleEntityPresenceCheckClock() {
 
 void PublishRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   Kiv::Name const& key = publishEntry_->name();
-  MR_TRACE(8, "handleSwitchConnection",
-           "PublishRegistryEntrySm::" << "handleSwitchConnection" << " " << key << " Peer:" << systemId);
+  MR_TRACE(8, "handleSwitchConnection", "PublishRegistryEntrySm::" << "handleSwitchConnection" << " " << key);
   if (!initialized_) return;
   Kiv::PtrConst<PeerTable> peers = mountsRegistrySm_->peerTable();
   Kiv::PtrConst<Peer> peer = peers ? peers->peer(systemId) : nullptr;
@@ -199,14 +198,14 @@ void PublishRegistryEntrySm::handleVersionFilter() {
   handleSwitchConnection();
 }
 
-void PublishRegistryEntrySm::handleIncludedSystem(Kiv::String const& systemName) {
-  MR_TRACE(8, "handleIncludedSystem", "PublishRegistryEntrySm::" << "handleIncludedSystem" << " " << systemName);
+void PublishRegistryEntrySm::handleIncludedSystem(Kiv::String const& /*systemName*/) {
+  MR_TRACE(8, "handleIncludedSystem", "PublishRegistryEntrySm::" << "handleIncludedSystem" << " " << publishEntry_->name());
   handleSwitchConnection();
 }
 
-void PublishRegistryEntrySm::handleIncludedServiceVersion(std::uint32_t version) {
+void PublishRegistryEntrySm::handleIncludedServiceVersion(std::uint32_t /*version*/) {
   MR_TRACE(8, "handleIncludedServiceVersion",
-           "PublishRegistryEntrySm::" << "handleIncludedServiceVersion" << " " << version);
+           "PublishRegistryEntrySm::" << "handleIncludedServiceVersion" << " " << publishEntry_->name());
   handleSwitchConnection();
 }
 

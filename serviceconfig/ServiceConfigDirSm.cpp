@@ -49,7 +49,10 @@ ServiceConfigDirSm::ServiceConfigDirSm(Kiv::PtrConst<Controllerdb::Status> const
   handleInitialized();
 }
 
-ServiceConfigDirSm::~ServiceConfigDirSm() = default;
+ServiceConfigDirSm::~ServiceConfigDirSm() {
+  serviceMountConfigSm_.clear();
+  servicePublishConfigSm_.clear();
+}
 
 void ServiceConfigDirSm::handleInitialized() {
   if (initialized_) return;

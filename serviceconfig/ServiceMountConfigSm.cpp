@@ -26,6 +26,13 @@ ServiceMountConfigSm::ServiceMountConfigSm(bool isProxyService,
 
 ServiceMountConfigSm::~ServiceMountConfigSm() = default;
 
+// Withdraws what the groups wrote (their mounters and path prefixes), for a service whose
+// configuration or status entity was replaced by one of another type.
+void ServiceMountConfigSm::doCleanup() {
+  SCD_TRACE(8, "doCleanup", "ServiceMountConfigSm::" << "doCleanup");
+  mountGroupSm_.clear();
+}
+
 void ServiceMountConfigSm::handleInitialized() {
   SCD_TRACE(8, "handleInitialized", "ServiceMountConfigSm::" << "handleInitialized");
   if (initialized_ || serviceMountConfig_->serviceName().empty()) return;
@@ -53,9 +60,8 @@ void ServiceMountConfigSm::handleMountGroupConfig(Kiv::Name const& group) {
   if (!initialized_) return;
   if (Kiv::PtrConst<ServiceMountGroupConfig> config = serviceMountConfig_->mountGroupConfig(group)) {
     mountGroupSmIs(controllerdbStatus_, config, serviceMountConfig_, serviceMountStatus_, mountsRegistry_);
-  } else if (Kiv::Ptr<ServiceMountGroupSm> sm = mountGroupSm_.get(group)) {
+  } else {
     // The group's mounters and prefixes are withdrawn before its machine goes.
-    sm->doCleanup();
     mountGroupSmDel(group);
   }
 }

@@ -14,8 +14,8 @@ namespace Controller {
 class ServiceConfigDirSm;
 
 // One service's mount configuration (ordinary or proxy): keeps one ServiceMountGroupSm per mount
-// group once the service has a name. Owned by ServiceConfigDirSm; it has no clean-up of its own,
-// its group machines go with it.
+// group once the service has a name. Owned by ServiceConfigDirSm, which runs doCleanup() before
+// it deletes the machine.
 class ServiceMountConfigSm : public Kiv::PtrInterface {
  public:
   ServiceMountConfigSm(bool isProxyService, Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
@@ -44,6 +44,7 @@ class ServiceMountConfigSm : public Kiv::PtrInterface {
   void handleMountGroupConfig(Kiv::Name const& group);
   void handleMountGroupConfig();
   void handleInitialized();
+  void doCleanup();
 
   Kiv::Ptr<ServiceMountGroupSm> mountGroupSmIs(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
                                                Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig,

@@ -26,6 +26,20 @@ ServicePublishConfigSm::ServicePublishConfigSm(Kiv::PtrConst<Controllerdb::Statu
 
 ServicePublishConfigSm::~ServicePublishConfigSm() = default;
 
+// Withdraws what the machine and its groups wrote: the entries, the group statuses and the
+// service's readiness.
+void ServicePublishConfigSm::doCleanup() {
+  SCD_TRACE(8, "doCleanup", "ServicePublishConfigSm::" << "doCleanup");
+  std::vector<Kiv::Name> groups;
+  for (auto it = publishGroupSm_.begin(); it; ++it) groups.push_back(it.key());
+  for (Kiv::Name const& group : groups) {
+    publishGroupSmDel(group);
+    servicePublishStatus_->servicePublishGroupStatusDel(group);
+  }
+  if (initialized_) mountsRegistry_->servicePublishReadyDel(servicePublishConfig_->serviceName());
+  initialized_ = false;
+}
+
 bool ServicePublishConfigSm::canPublish() const {
   Kiv::String const& controller = controllerdbStatus_->leaderGenId();
   bool can = !controller.empty() && servicePublishConfig_->leaderGenId() == controller;
@@ -54,6 +68,11 @@ void ServicePublishConfigSm::handleLeaderGenId() {
   SCD_TRACE(8, "handleLeaderGenId",
             "ServicePublishConfigSm::" << "handleLeaderGenId" << " " << servicePublishConfig_->leaderGenId());
   if (canPublish()) {
+    // The entries come back before the readiness, so that the registry has them to wait for;
+    // the groups' own reactors then find them in place.
+    std::vector<Kiv::Ptr<ServicePublishGroupSm>> groups;
+    for (auto it = publishGroupSm_.begin(); it; ++it) groups.push_back(it.value());
+    for (auto const& group : groups) group->handleLeaderGenId();
     handlePublishReady();
     return;
   }
@@ -86,9 +105,8 @@ void ServicePublishConfigSm::handlePublishGroupConfig(Kiv::Name const& group) {
     Kiv::Ptr<ServicePublishGroupStatus> status = servicePublishStatus_->servicePublishGroupStatusIs(group);
     status->publishStateIs(publishStateComplete);
     publishGroupSmIs(controllerdbStatus_, servicePublishConfig_, config, status, mountsRegistry_);
-  } else if (Kiv::Ptr<ServicePublishGroupSm> sm = publishGroupSm_.get(group)) {
-    // The group's entries leave the registry before its machine and its status go.
-    sm->doCleanup();
+  } else if (publishGroupSm_.get(group)) {
+    // The group's entries leave the registry (its clean-up) before its status goes.
     publishGroupSmDel(group);
     servicePublishStatus_->servicePublishGroupStatusDel(group);
   }

@@ -15,7 +15,7 @@ class ServiceConfigDirSm;
 
 // One service's publish configuration: a ServicePublishGroupSm and a group status per publish
 // group, and the service's readiness in the registry while its leader generation is current.
-// Owned by ServiceConfigDirSm.
+// Owned by ServiceConfigDirSm, which runs doCleanup() before it deletes the machine.
 class ServicePublishConfigSm : public Kiv::PtrInterface {
  public:
   ServicePublishConfigSm(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
@@ -44,6 +44,7 @@ class ServicePublishConfigSm : public Kiv::PtrInterface {
   void handlePublishGroupConfig();
   void handlePublishReady();
   void handleInitialized();
+  void doCleanup();
   // Only while the service's leader generation is the controller's, which must be known.
   bool canPublish() const;
 

@@ -57,16 +57,13 @@ void ServicePublishGroupSm::handleLeaderGenId() {
 }
 
 Kiv::Ptr<PublishRegistryEntry> ServicePublishGroupSm::ownEntry(Kiv::Name const& cpath) const {
-  Kiv::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntry(cpath);
-  return entry && entry->serviceName() == serviceName() ? entry : nullptr;
+  return published_.contains(cpath) ? mountsRegistry_->publishEntry(cpath) : nullptr;
 }
 
 std::vector<Kiv::Ptr<PublishRegistryEntry>> ServicePublishGroupSm::ownEntries() const {
   std::vector<Kiv::Ptr<PublishRegistryEntry>> entries;
-  for (auto it = publishGroupConfig_->publishConfigIter(); it; ++it)
-    if (auto entry = ownEntry(it.key())) entries.push_back(entry);
-  for (auto it = publishGroupConfig_->publishDirIter(); it; ++it)
-    if (auto entry = ownEntry(it.key())) entries.push_back(entry);
+  for (auto it = published_.begin(); it; ++it)
+    if (auto entry = mountsRegistry_->publishEntry(it.key())) entries.push_back(entry);
   return entries;
 }
 
@@ -117,18 +114,19 @@ void ServicePublishGroupSm::handlePublishDir(Kiv::Name const& dir) {
     publishDirSm_.instantiate(dir, std::make_tuple(publishDir),
                               [&] { return Kiv::Ptr<PublishDirSm>(new PublishDirSm(publishDir, this)); });
   } else {
-    publishDirSm_.cleanupAndErase(dir);
+    publishDirSm_.erase(dir);
   }
 }
 
+// A path this group holds already is in place: re-evaluations come back to it silently. Any other
+// holder, this service's other groups included, keeps it, and this publisher is ignored.
 void ServicePublishGroupSm::addPublishConfig(Kiv::PtrConst<PublishConfig> const& publishConfig,
                                              Kiv::PtrConst<ServicePublishGroupConfig> const& groupConfig) {
   Kiv::Name const& cpath = publishConfig->name();
-  if (Kiv::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntry(cpath)) {
-    // The first service to publish a local path keeps it; this service's own entry is in place.
-    if (entry->serviceName() != serviceName())
-      SCD_TRACE(1, "addPublishConfig",
-                "addPublishConfig" << cpath << " already published. Ignoring publish from:" << serviceName());
+  if (published_.contains(cpath)) return;
+  if (mountsRegistry_->publishEntry(cpath)) {
+    SCD_TRACE(1, "addPublishConfig",
+              "addPublishConfig" << cpath << " already published. Ignoring publish from:" << serviceName());
     return;
   }
   addPublishDirOrConfig(cpath, publishConfig->remotePath(), publishConfig->kivcType(), false, true, groupConfig);
@@ -138,10 +136,10 @@ void ServicePublishGroupSm::addPublishDir(Kiv::PtrConst<PublishDir> const& publi
                                           Kiv::PtrConst<ServicePublishGroupConfig> const& groupConfig) {
   Kiv::Name const& cpath = publishDir->name();
   SCD_TRACE(8, "addPublishDir", "ServicePublishGroupSm::" << "addPublishDir" << " " << cpath);
-  if (Kiv::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntry(cpath)) {
-    if (entry->serviceName() != serviceName())
-      SCD_TRACE(1, "addPublishDir",
-                "addPublishDir" << cpath << " already published. Ignoring publishDir from: " << serviceName());
+  if (published_.contains(cpath)) return;
+  if (mountsRegistry_->publishEntry(cpath)) {
+    SCD_TRACE(1, "addPublishDir",
+              "addPublishDir" << cpath << " already published. Ignoring publishDir from: " << serviceName());
     return;
   }
   // Its PublishDirSm completes the remote path and the ready flag.
@@ -155,6 +153,7 @@ void ServicePublishGroupSm::addPublishDirOrConfig(Kiv::String cpath, Kiv::String
               type);
   Kiv::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntryIs(
       cpath, rpath, type, isDir, serviceName(), groupConfig->versionFilter(), groupConfig->systemFilter());
+  published_.assign(cpath, true);
   entry->readyToPublishIs(ready);
 }
 
@@ -163,8 +162,8 @@ void ServicePublishGroupSm::removePublishDir(Kiv::String const& cpath) { removeP
 void ServicePublishGroupSm::removePublishConfig(Kiv::String const& cpath) { removePublishDirOrConfig(cpath); }
 
 void ServicePublishGroupSm::removePublishDirOrConfig(Kiv::String const& cpath) {
-  // Another service's entry for the same path is that service's to remove.
-  if (!ownEntry(cpath)) return;
+  // Another publisher's entry for the same path is that publisher's to remove.
+  if (!published_.erase(Kiv::Name(cpath))) return;
   SCD_DUALLOG(kRemovePublishDirOrConfig, " removing cpath:%s", cpath);
   mountsRegistry_->publishEntryDel(cpath);
 }
@@ -172,11 +171,9 @@ void ServicePublishGroupSm::removePublishDirOrConfig(Kiv::String const& cpath) {
 void ServicePublishGroupSm::doCleanup() {
   SCD_TRACE(8, "doCleanup", "ServicePublishGroupSm::" << "doCleanup");
   std::vector<Kiv::Name> paths;
-  for (auto it = publishGroupConfig_->publishConfigIter(); it; ++it) paths.push_back(it.key());
-  for (Kiv::Name const& path : paths) removePublishConfig(path);
-  std::vector<Kiv::Name> dirs;
-  for (auto it = publishDirSm_.begin(); it; ++it) dirs.push_back(it.key());
-  for (Kiv::Name const& dir : dirs) publishDirSm_.cleanupAndErase(dir);
+  for (auto it = published_.begin(); it; ++it) paths.push_back(it.key());
+  for (Kiv::Name const& path : paths) removePublishDirOrConfig(path);
+  publishDirSm_.clear();
 }
 
 }  // namespace Controller

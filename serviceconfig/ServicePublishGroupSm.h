@@ -57,7 +57,7 @@ class ServicePublishGroupSm : public Kiv::PtrInterface {
   void removePublishConfig(Kiv::String const& cpath);
   void removePublishDirOrConfig(Kiv::String const& cpath);
   void doCleanup();
-  // The registry's entry for a local path, when this service published it.
+  // The registry's entry for a local path, when this group published it.
   Kiv::Ptr<PublishRegistryEntry> ownEntry(Kiv::Name const& cpath) const;
 
  private:
@@ -95,7 +95,7 @@ class ServicePublishGroupSm : public Kiv::PtrInterface {
   };
 
   Kiv::String serviceName() const { return servicePublishConfig_->serviceName(); }
-  // The group's local paths that the registry holds for this service.
+  // The registry entries this group published.
   std::vector<Kiv::Ptr<PublishRegistryEntry>> ownEntries() const;
 
   Kiv::PtrConst<Controllerdb::Status> controllerdbStatus_;
@@ -108,6 +108,9 @@ class ServicePublishGroupSm : public Kiv::PtrInterface {
   Kiv::Ptr<KivServicePublishConfig> kivServicePublishConfig_;
   Kiv::Ptr<KivPublishGroupConfig> kivPublishGroupConfig_;
   Kiv::ChildMap<Kiv::Name, PublishDirSm> publishDirSm_;
+  // The local paths whose registry entries this group added. The first publisher of a path keeps
+  // it: another group's (or service's) removal or readiness never touches this group's entry.
+  Kiv::HashMap<Kiv::Name, bool> published_;
   bool initialized_ = false;
 };
 

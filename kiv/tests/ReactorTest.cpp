@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <functional>
 #include <string>
 #include <tuple>
 
@@ -17,11 +18,15 @@ struct Child : Kiv::PtrInterface {
   static constexpr std::array kivParamNames{"a", "b", "dir"};
   Child(int a, int b, Kiv::Ptr<Kiv::Dir> dir) : a(a), b(b), dir(std::move(dir)) {}
   auto kivParams() const { return std::make_tuple(a, b, dir); }
-  void doCleanup() { ++cleanups; }
+  void doCleanup() {
+    ++cleanups;
+    if (onCleanup) onCleanup();
+  }
   int a;
   int b;
   Kiv::Ptr<Kiv::Dir> dir;
   int cleanups = 0;
+  std::function<void()> onCleanup;
 };
 
 // The refusal text, naming the attribute and both values.
@@ -62,12 +67,37 @@ TEST(ChildMap, InstantiateReturnsTheExistingChildOnlyForEqualParameters) {
   EXPECT_EQ(made, 1);
   EXPECT_EQ(children.get(Kiv::Name("c")), first);
 
-  EXPECT_TRUE(children.cleanupAndErase(Kiv::Name("c")));
+  // A child leaves only through its clean-up, and is still found while it runs.
+  first->onCleanup = [&] { EXPECT_EQ(children.get(Kiv::Name("c")), first); };
+  EXPECT_TRUE(children.erase(Kiv::Name("c")));
   EXPECT_EQ(first->cleanups, 1);
   EXPECT_TRUE(children.empty());
-  EXPECT_FALSE(children.cleanupAndErase(Kiv::Name("c")));
-  EXPECT_NE(instantiate(1, 3, root), first);  // gone, so any parameters make a new one
+  EXPECT_FALSE(children.erase(Kiv::Name("c")));
+  EXPECT_EQ(first->cleanups, 1);
+  Kiv::Ptr<Child> second = instantiate(1, 3, root);  // gone, so any parameters make a new one
+  EXPECT_NE(second, first);
   EXPECT_EQ(made, 2);
+
+  // clear() cleans up every child, also one that a clean-up adds.
+  Kiv::Ptr<Child> added;
+  second->onCleanup = [&] {
+    added = children.instantiate(Kiv::Name("d"), std::make_tuple(0, 0, root),
+                                 [&] { return Kiv::Ptr<Child>(new Child(0, 0, root)); });
+  };
+  children.clear();
+  EXPECT_TRUE(children.empty());
+  EXPECT_EQ(second->cleanups, 1);
+  ASSERT_TRUE(added);
+  EXPECT_EQ(added->cleanups, 1);
+}
+
+TEST(ChildMapDeathTest, ChildrenLeftAtDestructionAreABrokenInvariant) {
+  auto dropChildren = [] {
+    Kiv::ChildMap<Kiv::Name, Child> children;
+    children.instantiate(Kiv::Name("c"), std::make_tuple(1, 2, Kiv::Ptr<Kiv::Dir>()),
+                         [] { return Kiv::Ptr<Child>(new Child(1, 2, nullptr)); });
+  };
+  EXPECT_DEATH(dropChildren(), "children deleted without their clean-up");
 }
 
 TEST(Reactor, NullParameterIsRefused) {

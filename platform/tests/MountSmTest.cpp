@@ -34,6 +34,10 @@ class MountSmTest : public SimFixture {
     sw.entityIs("state/ports/lag/po1");
     sw.connect();
   }
+  // Every machine is ended by its owner; here the fixture is the owner.
+  ~MountSmTest() override {
+    for (auto const& m : machines) m->doCleanup();
+  }
 
   // A fresh data entity and machine mounting the switch's "state/ports" at "mounts/s1".
   Kiv::Ptr<MountSm> mount(std::uint32_t retries = 2, Kiv::Seconds timeout = 5) {
@@ -41,8 +45,9 @@ class MountSmTest : public SimFixture {
     log = new StateLog(data);
     auto config = ConnectionConfig::ConnectionConfigIs("config");
     config->addressIs(sw.address());
-    return MountSm::MountSmIs(sw.systemId(), config, heartbeat, "state", "/ports", "mounts/s1", "s1", retries,
-                              timeout, data);
+    machines.push_back(MountSm::MountSmIs(sw.systemId(), config, heartbeat, "state", "/ports", "mounts/s1", "s1",
+                                          retries, timeout, data));
+    return machines.back();
   }
   Kiv::Ptr<Sim::Record> copied(char const* member) {
     return Kiv::entityCast<Sim::Record>(local->entityAtPath(std::string("mounts/s1/ports/") + member));
@@ -51,6 +56,7 @@ class MountSmTest : public SimFixture {
   Sim::Switch& sw = net.switchIs("00:00:00:00:00:01");
   Kiv::Ptr<MountSmData> data;
   Kiv::Ptr<StateLog> log;
+  std::vector<Kiv::Ptr<MountSm>> machines;
 };
 
 TEST_F(MountSmTest, MountsAReadOnlyCopyAfterTheLatency) {
@@ -199,6 +205,43 @@ TEST_F(MountSmTest, NothingHappensAfterCleanup) {
   EXPECT_EQ(sm, nullptr);
   EXPECT_EQ(log->states.back(), std::make_pair(mountStateUnmounted, Kiv::Seconds(105)));
   EXPECT_EQ(loop.pendingTimerCount(), 0u);
+}
+
+TEST_F(MountSmTest, CleanupTakesTheCopyAlongUnlessAskedToPreserveIt) {
+  // Mounted, or with an ordinary unmount still pending: the copy goes with the machine.
+  for (bool unmountFirst : {false, true}) {
+    auto sm = mount();
+    loop.advanceBy(5);
+    ASSERT_NE(copied("eth1"), nullptr);
+    if (unmountFirst) sm->doUnmount();
+    sm->doCleanup();
+    EXPECT_EQ(local->entityAtPath("mounts/s1/ports"), nullptr) << unmountFirst;
+    EXPECT_EQ(data->mountedPath(), "");
+  }
+  // A state-preserving unmount, pending or done, keeps it; a remount since makes it ordinary again.
+  auto sm = mount();
+  loop.advanceBy(5);
+  sm->doStatePreservingUnmount();
+  sm->doCleanup();
+  EXPECT_NE(copied("eth1"), nullptr);
+  sm = mount();
+  loop.advanceBy(5);
+  sm->doStatePreservingUnmount();
+  loop.runUntilIdle();
+  sm->doRemount();
+  loop.advanceBy(5);
+  sm->doCleanup();
+  EXPECT_EQ(copied("eth1"), nullptr);
+}
+
+TEST_F(MountSmTest, ReleasingAMachineThatWasNotCleanedUpIsABrokenInvariant) {
+  EXPECT_DEATH(
+      {
+        Kiv::Ptr<MountSm> sm = mount();
+        machines.clear();
+        sm = nullptr;
+      },
+      "assertion failed: cleanedUp_");
 }
 
 }  // namespace

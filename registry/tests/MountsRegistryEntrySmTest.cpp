@@ -375,6 +375,7 @@ TEST_F(MounterConfigSmDeathTest, ACountBelowOneForAnIncludedSystemIsFatal) {
   start();
   entrySm("/sys/a")->connectionFilterIs(kS1, 0);
   EXPECT_DEATH(systems->includedSystemDel(kS1), "refCount > 1");
+  entrySm("/sys/a")->connectionFilterIs(kS1, 1);  // consistent again for the clean-up at the end
 }
 
 }  // namespace

@@ -3,43 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "kiv/AttrLog.h"
-#include "platform/MountSm.h"
-#include "platform/SimNetwork.h"
-#include "registry/MountsRegistrySm.h"
-#include "serviceconfig/tests/ServiceConfigFixture.h"
+#include "serviceconfig/tests/EndToEndFixture.h"
 
 namespace Controller::testing {
 namespace {
-
-class EndToEnd : public ::testing::Test, public ServiceConfigWorld {
- protected:
-  EndToEnd() {
-    Kiv::globalNboAttrLogDemuxerManager()->clear();
-    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-    MountSm::localRootDirIs(root);
-    network.establish();
-  }
-  ~EndToEnd() override {
-    registrySm = nullptr;
-    MountSm::localRootDirIs(nullptr);
-  }
-  void startAll() {
-    start();
-    registrySm = new MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
-  }
-  Kiv::Ptr<MountStatus> statusOf(std::string const& service, Sim::Switch const& s, std::string const& group,
-                                 std::string const& path, bool proxy = false) {
-    auto system = mountStatusOf(service, proxy)->systemStatus(s.name());
-    auto groupStatus = system ? system->serviceMountGroupStatus(group) : nullptr;
-    return groupStatus ? groupStatus->mountStatus(path) : nullptr;
-  }
-
-  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
-  Kiv::Ptr<Heartbeat::Config> heartbeat = Heartbeat::Config::ConfigIs("heartbeat");
-  Sim::Network network{oob, heartbeat};
-  Kiv::Ptr<MountsRegistrySm> registrySm;
-};
 
 TEST_F(EndToEnd, AMountGoesFromConfigurationToStatus) {
   Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
