@@ -300,7 +300,7 @@ void MountGroupInitialMountSm::checkSwitchMountsPending() {
 
 void MountGroupInitialMountSm::handleInitialMountsComplete() {
   // No test of the flag: it is only ever set to true, so this runs once.
-  IM_TRACE(8, "handleInitialMountsComplete", kHandleInitialMountsComplete << ": ");
+  IM_TRACE(8, "handleInitialMountsComplete", kHandleInitialMountsComplete);
   flushLocalPassiveEntityLogs();
   attrlogFlushRemainingTimeIs(attrlogFlushTimeout);
   handleAttrlogFlushTimer();

@@ -71,6 +71,7 @@ void ConnectionServiceStatusDirSm::KivServiceStatus::onVersionStatus() {
   Kiv::PtrConst<ServiceStatusV1> status = notifier();
   Kiv::PtrConst<ServiceVersionStatusV1> current = status ? status->versionStatus() : nullptr;
   versionStatus_ = current ? new KivVersionStatus(current, this) : nullptr;
+  // A replacement may arrive negotiated already: it counts as it stands.
   handleVersionStatus();
 }
 

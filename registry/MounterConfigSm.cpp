@@ -21,7 +21,35 @@ MounterConfigSm::MounterConfigSm(Kiv::Ptr<Mounter> const& mounter, MountsRegistr
     systemFilter_ = new KivSystemFilter(systems, this);
   if (Kiv::PtrConst<MountFilterServiceVersion> versions = mounter_->versionFilter())
     versionFilter_ = new KivVersionFilter(versions, this);
+  if (Kiv::PtrConst<ServiceMountGroupConfig> group = mounter_->mountGroupConfig())
+    kivMountGroupConfig_ = new KivMountGroupConfig(group, this);
   handleInitialized();
+}
+
+MounterConfigSm::~MounterConfigSm() = default;
+
+// The reactor on the new filter (a bound-to-nothing one when there is none) reconciles what this
+// mounter counted with what the filter holds; whether the entry is a wildcard may change too.
+void MounterConfigSm::handleSystemFilter() {
+  MR_TRACE(8, "handleSystemFilter", "MounterConfigSm::" << "handleSystemFilter" << " " << serviceName());
+  Kiv::PtrConst<MountFilterSystem> filter = mounter_->systemFilter();
+  if (systemFilter_ && systemFilter_->notifier() == filter) return;
+  Kiv::Ptr<KivSystemFilter> reactor(new KivSystemFilter(filter, this));
+  systemFilter_ = filter ? reactor : nullptr;
+  reactor->handleIncludedSystem();
+  mountsRegistryEntrySm_->evaluateMounters();
+  mountsRegistryEntrySm_->handleSwitchConnection();
+}
+
+void MounterConfigSm::handleVersionFilter() {
+  MR_TRACE(8, "handleVersionFilter", "MounterConfigSm::" << "handleVersionFilter" << " " << serviceName());
+  Kiv::PtrConst<MountFilterServiceVersion> filter = mounter_->versionFilter();
+  if (versionFilter_ && versionFilter_->notifier() == filter) return;
+  Kiv::Ptr<KivVersionFilter> reactor(new KivVersionFilter(filter, this));
+  versionFilter_ = filter ? reactor : nullptr;
+  reactor->handleIncludedServiceVersion();
+  mountsRegistryEntrySm_->evaluateMounters();
+  mountsRegistryEntrySm_->handleSwitchConnection();
 }
 
 Kiv::Name MounterConfigSm::remotePath() const { return mountsRegistryEntrySm_->registryEntry()->remotePath(); }
@@ -147,6 +175,7 @@ void MounterConfigSm::doCleanup() {
   // A machine that has cleaned up must not count again if someone still holds it.
   systemFilter_ = nullptr;
   versionFilter_ = nullptr;
+  kivMountGroupConfig_ = nullptr;
   withdrawMountStatus();
 }
 

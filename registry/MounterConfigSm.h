@@ -50,6 +50,7 @@ class MounterConfigSm : public Kiv::PtrInterface {
   };
 
   MounterConfigSm(Kiv::Ptr<Mounter> const& mounter, MountsRegistryEntrySm* mountsRegistryEntrySm);
+  ~MounterConfigSm() override;
 
   static constexpr std::array kivParamNames{"mounter"};
   auto kivParams() const { return std::tie(mounter_); }
@@ -67,9 +68,23 @@ class MounterConfigSm : public Kiv::PtrInterface {
   void removeSystemFromConnectionFilter(Kiv::String systemName);
   void addVersionToVersionFilter(std::uint32_t version);
   void removeVersionFromVersionFilter(std::uint32_t version);
+  // The group took another filter entity, or none: the tables follow it.
+  void handleSystemFilter();
+  void handleVersionFilter();
   void doCleanup();
 
  private:
+  class KivMountGroupConfig : public ServiceMountGroupConfig::NotifieeConst {
+   public:
+    KivMountGroupConfig(Kiv::PtrConst<ServiceMountGroupConfig> const& c, MounterConfigSm* owner)
+        : NotifieeConst(c), owner_(owner) {}
+    void onSystemFilter() override { owner_->handleSystemFilter(); }
+    void onVersionFilter() override { owner_->handleVersionFilter(); }
+
+   private:
+    MounterConfigSm* owner_;
+  };
+
   // The entry's path: the key of the mount status rows and the "path" of the log messages.
   Kiv::Name remotePath() const;
   void withdrawMountStatus();
@@ -80,6 +95,7 @@ class MounterConfigSm : public Kiv::PtrInterface {
   MountsRegistryEntrySm* mountsRegistryEntrySm_;
   Kiv::Ptr<KivSystemFilter> systemFilter_;
   Kiv::Ptr<KivVersionFilter> versionFilter_;
+  Kiv::Ptr<KivMountGroupConfig> kivMountGroupConfig_;
   // What this mounter contributed to the merged tables. A filter notifies a key also when a
   // stored false changes or goes, and must not move another mounter's count then.
   Kiv::HashMap<Kiv::String, bool> countedSystem_;

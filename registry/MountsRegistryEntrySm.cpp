@@ -298,7 +298,6 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Kiv::PtrConst<Peer> peer = table ? table->peer(systemId) : nullptr;
   if (Kiv::Ptr<MountSm> sm = mountSm(systemId)) {
     Kiv::Ptr<MountSmData> data = mountSmData(systemId);
-    KIV_ASSERT(data);
     if (data->mountState() == mountStateMounted && !sm->pendingRequest()) {
       MR_DUALLOG(5, kDoConnectSwitch, " updating status:%s from:%s", entryName(), systemId);
       updateMountersStatus(systemId, mountStateMounted);
@@ -392,6 +391,7 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
   Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig = mounter->mountGroupConfig();
   KIV_ASSERT(mountGroupConfig);
   Kiv::Name const group(mounter->groupName());
+  // Created if missing: the withdrawal of the group's last other path may have taken it.
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatusIs(group);
   MR_TRACE(8, "updateMounterStatus", "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
   Kiv::Name const path = registryEntry_->remotePath();

@@ -52,6 +52,7 @@ MountsRegistrySm::~MountsRegistrySm() {
 }
 
 void MountsRegistrySm::KivOobStatus::onEstablished() { owner_->peerTableIs(notifier()->peerTable()); }
+// A table replaced after the connection was established is followed too.
 void MountsRegistrySm::KivOobStatus::onPeerTable() { owner_->peerTableIs(notifier()->peerTable()); }
 
 // The peers are handled here, as the table is taken, rather than in handleInitialized(): the
@@ -191,6 +192,8 @@ void MountsRegistrySm::handlePeer(SystemId const& systemId) {
     Kiv::Ptr<KivPeer> watcher = kivPeer_.get(systemId);
     if (!watcher || watcher->notifier() != peer) kivPeer_.assign(systemId, new KivPeer(peer, systemId, this));
     Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer);
+    // The connection layer fills in a connection's service status before it adds the peer; a
+    // connection without one has no versions to follow.
     if (connection && connection->serviceStatusDir()) {
       controllerdbPublishStatus_->systemIs(systemId);
       connectionServiceStatusDirSmIs(name, connection->serviceStatusDir());

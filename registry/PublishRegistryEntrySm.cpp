@@ -168,8 +168,11 @@ void PublishRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
     return;
   }
   MR_TRACE(8, "doConnectSwitch",
-           "PublishRegistryEntrySm::" << "doConnectSwitch" << " publishing ssm:" << mdesc.path() << " to:" << systemId
+           "PublishRegistryEntrySm::" << "doConnectSwitch" << " " << publishEntry_->name() << " publishing ssm:"
+                                      << mdesc.path() << " to:" << systemId
                                       << " type: " << mdesc.kivType() << " service: " << mdesc.serviceName());
+  // Switches are evaluated again on every change of their connection: a publication already in
+  // place is neither written nor logged again.
   if (system->publishedMount(mdesc.path()) == mdesc) return;
   MR_DUALLOG(5, kConnect, " publishing:%s on:%s", mdesc.path(), systemId);
   system->publishedMountIs(mdesc);
@@ -178,6 +181,7 @@ void PublishRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
 void PublishRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
   Kiv::Ptr<Controllerdb::SystemPublishedMount> system = controllerdbPublishStatus_->system(systemId);
   Kiv::String const path = publishedPath(systemId);
+  // Likewise nothing is logged for a switch that holds no publication of the entry.
   if (!system || !system->publishedMount(path)) return;
   MR_DUALLOG(5, kDisconnect, " un-publishing:%s from:%s", path, systemId);
   system->publishedMountDel(path);

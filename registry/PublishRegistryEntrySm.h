@@ -65,6 +65,7 @@ class PublishRegistryEntrySm : public Kiv::PtrInterface {
     void onReadyToPublish() override { owner_->handleReadyToPublish(); }
     void onSystemFilter() override { owner_->handleSystemFilter(); }
     void onVersionFilter() override { owner_->handleVersionFilter(); }
+    // The published mount carries the remote path: a new one is published again.
     void onRemotePath() override { owner_->handleSwitchConnection(); }
 
    private:

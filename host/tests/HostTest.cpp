@@ -148,5 +148,48 @@ TEST(HostRun, TheDefaultScenarioShowsWhatItIsBuiltToShow) {
   EXPECT_TRUE(has(o, "  web                   ready")) << o;
 }
 
+TEST(HostRun, ASwitchWithoutVersionsFlappingDuringTheConnectionPeriodIsWaitedForNotFatal) {
+  std::string const scenario =
+      "heartbeat 1\n"
+      "switch 00:00:00:00:00:01 entity /a/b\n"
+      "service s\n"
+      "mount s g /a/b type Sim::Record\n"
+      "at 1 flap 00:00:00:00:00:01 0.5\n";
+  Outcome early = run(scenario + "run 10\n");
+  ASSERT_EQ(early.rc, 0) << early.err;
+  EXPECT_FALSE(has(early.err, "assertion failed")) << early.err;
+  // Connected but without a version, it is a remaining switch for the whole mount window.
+  EXPECT_TRUE(has(early.out, "Adding remaining switch: 00:00:00:00:00:01")) << early.out;
+  EXPECT_TRUE(has(early.out, "  s                     g             no        -")) << early.out;
+  Outcome late = run(scenario + "run 300\n");
+  ASSERT_EQ(late.rc, 0) << late.err;
+  EXPECT_TRUE(has(late.out, "  s                     g             yes       244.0")) << late.out;
+}
+
+TEST(HostRun, AFlappingSwitchGetsItsPublicationBackWhenItReconnects) {
+  // The built-in scenario flaps switch 4 at 60 s for 15 s.
+  std::ostringstream during, err;
+  ASSERT_EQ(hostMain({"--until", "70"}, during, err), 0) << err.str();
+  EXPECT_FALSE(has(during.str(), "00:00:00:00:00:04  /web/state")) << during.str();
+  std::ostringstream after;
+  ASSERT_EQ(hostMain({"--until", "76"}, after, err), 0) << err.str();
+  EXPECT_TRUE(has(after.str(), "00:00:00:00:00:04  /web/state        /remote/web")) << after.str();
+}
+
+TEST(HostRun, AVersionChangeOnAConnectedSwitchRemountsByTheVersionFilter) {
+  std::string const base = std::string(kOneSwitch) +
+                           "service svc\nmount svc g /sys/config type Sim::Record versions 1\n"
+                           "at 10 version 00:00:00:00:00:01 svc=2\n";
+  std::string const mounted = "00:00:00:00:00:01  svc                   g             /sys/config       mounted";
+  Outcome before = run(base + "run 9\n");
+  EXPECT_TRUE(has(before.out, mounted)) << before.out;
+  Outcome filtered = run(base + "run 15\n");
+  ASSERT_EQ(filtered.rc, 0) << filtered.err;
+  EXPECT_FALSE(has(filtered.out, "/sys/config       mounted")) << filtered.out;
+  EXPECT_TRUE(has(filtered.out, "version:2 not in filter service:svc connection:00:00:00:00:00:01")) << filtered.out;
+  Outcome back = run(base + "at 20 version 00:00:00:00:00:01 svc=1\nrun 30\n");
+  EXPECT_TRUE(has(back.out, mounted)) << back.out;
+}
+
 }  // namespace
 }  // namespace Host

@@ -131,4 +131,23 @@ TEST_F(SimNetworkTest, HandshakeLatencyAndFlaps) {
   EXPECT_EQ(loop.pendingTimerCount(), 0u);
 }
 
+TEST_F(SimNetworkTest, AVersionChangeOnAConnectedSwitchIsARenegotiation) {
+  // Each rise or fall of the negotiation-complete flag, with the version then.
+  struct Log : ServiceVersionStatusV1::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    void onVersionNegotiationComplete() override {
+      seen.emplace_back(notifier()->versionNegotiationComplete(), notifier()->version());
+    }
+    std::vector<std::pair<bool, std::uint32_t>> seen;
+  };
+  Sim::Switch& s = net.switchIs("00:00:00:00:00:01").serviceVersionIs("mount", 3);
+  s.connect();
+  Kiv::Ptr<Log> log = new Log(versionOf(s, "mount"));
+  s.serviceVersionIs("mount", 3);
+  EXPECT_TRUE(log->seen.empty());
+  s.serviceVersionIs("mount", 4);
+  EXPECT_THAT(log->seen, ElementsAre(std::make_pair(false, 3u), std::make_pair(true, 4u)));
+  EXPECT_TRUE(versionOf(s, "mount")->versionCompatible());
+}
+
 }  // namespace

@@ -5,7 +5,9 @@
 namespace Controller::testing {
 namespace {
 
+using ::testing::Contains;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 class Churn : public EndToEnd {
  protected:
@@ -24,6 +26,15 @@ class Churn : public EndToEnd {
     return mountStatusOf(service)->systemStatus(s.name());
   }
   bool ready(std::string const& service = "pub") { return dbPublish->servicePublishReady(service); }
+};
+
+// Every value the publish status's readiness of a service took, in order.
+struct ReadinessLog : Controllerdb::PublishStatus::NotifieeConst {
+  using NotifieeConst::NotifieeConst;
+  void onServicePublishReady(Kiv::String const& service) override {
+    seen.push_back(notifier()->servicePublishReady(service));
+  }
+  std::vector<bool> seen;
 };
 
 TEST_F(Churn, ASwitchThatConnectsLateOrComesBackGetsItsMountsAndPublications) {
@@ -58,14 +69,15 @@ TEST_F(Churn, ASwitchThatConnectsLateOrComesBackGetsItsMountsAndPublications) {
 TEST_F(Churn, ASwitchWithoutNegotiatedServicesKeepsItsSystemStatusAcrossAFlap) {
   mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
   startAll();
+  // A peer counts from its arrival, before its connection is up.
   Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
-  s1.connect();
+  s1.handshakeLatencyIs(1).connect();
   ASSERT_TRUE(systemStatus("svc", s1));
   EXPECT_TRUE(systemStatus("svc", s1)->serviceMountGroupStatus("g")->processed());
 
   s1.flap(1);
   EXPECT_FALSE(systemStatus("svc", s1));
-  loop.advanceBy(2);
+  loop.advanceBy(1);
   ASSERT_TRUE(systemStatus("svc", s1));
   EXPECT_TRUE(systemStatus("svc", s1)->serviceMountGroupStatus("g")->processed());
   EXPECT_EQ(registrySm->mountsRegistryEntrySm("/a")->mountSms(), 0u);
@@ -105,6 +117,43 @@ TEST_F(Churn, ARenegotiatedVersionMountsAndPublishesByTheVersionFilters) {
   EXPECT_TRUE(publishedTo(s1, "/local/state"));
 }
 
+TEST_F(Churn, AGroupThatTakesAnotherFilterIsFollowed) {
+  Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
+  Sim::Switch& s2 = network.switchIs("00:00:00:00:00:02");
+  for (Sim::Switch* s : {&s1, &s2}) {
+    s->entityIs("a");
+    s->serviceVersionIs("svc", 1).connect();
+  }
+  auto svc = mountService("svc");
+  auto only1 = svc->systemFilterIs("only1");
+  only1->includedSystemIs(s1.name(), true);
+  auto only2 = svc->systemFilterIs("only2");
+  only2->includedSystemIs(s2.name(), true);
+  auto g = svc->mountGroupConfigIs("g");
+  g->systemFilterIs(only1);
+  g->mountConfigIs("/a", "Sim::Record", "r", "");
+  startAll();
+  loop.advanceBy(2);
+  auto mounted = [&](Sim::Switch const& s) {
+    auto row = statusOf("svc", s, "g", "/a");
+    return row && row->mountState() == mountStateMounted;
+  };
+  ASSERT_TRUE(mounted(s1));
+  ASSERT_FALSE(mounted(s2));
+
+  g->systemFilterIs(only2);
+  loop.advanceBy(2);
+  EXPECT_FALSE(mounted(s1));
+  EXPECT_TRUE(mounted(s2));
+  EXPECT_EQ(registrySm->mountsRegistryEntrySm("/a")->connectionFilter(s1.name()), 0u);
+
+  g->systemFilterIs(nullptr);  // no filter at all: every switch
+  loop.advanceBy(2);
+  EXPECT_TRUE(mounted(s1));
+  EXPECT_TRUE(mounted(s2));
+  EXPECT_EQ(registrySm->mountsRegistryEntrySm("/a")->connectionFilters(), 0u);
+}
+
 TEST_F(Churn, PublishReadinessWaitsForTheEntriesAndIsWithdrawnAtOnce) {
   auto pub = publisher();
   pub->publishGroupConfig("g")->publishConfigIs("/local/a", "/remote/a", "Sim::Record");
@@ -118,14 +167,21 @@ TEST_F(Churn, PublishReadinessWaitsForTheEntriesAndIsWithdrawnAtOnce) {
   EXPECT_TRUE(ready());
 
   // A stale generation withdraws it at once; when the generation comes back, the entries come back
-  // before the readiness does, and it waits for the one whose entity went meanwhile.
+  // before the readiness does, and it waits for the one whose entity went meanwhile. The group
+  // meets its own entries again silently.
+  Kiv::TraceCapture capture;
+  serviceConfigDirSmTrace.levelIs(1, true);
   db->leaderGenIdIs("gen2");
   EXPECT_FALSE(ready());
   EXPECT_EQ(registry->publishEntrySize(), 0u);
   local->entityPtrDel("b");
+  Kiv::Ptr<ReadinessLog> log = new ReadinessLog(dbPublish);
   db->leaderGenIdIs("gen1");
   EXPECT_EQ(registry->publishEntrySize(), 2u);
   EXPECT_FALSE(ready());
+  EXPECT_THAT(log->seen, Not(Contains(true)));  // not even for a moment
+  serviceConfigDirSmTrace.levelsIs(0);
+  EXPECT_THAT(capture.messages(1), IsEmpty());
   local->entryIs<Kiv::Dir>("b");
   loop.advanceBy(1);
   EXPECT_TRUE(ready());

@@ -64,19 +64,33 @@ TEST_F(ServicePublish, TheFirstPublisherOfAPathKeepsItAndTheOtherIsToldAtLevelOn
   Kiv::TraceCapture capture;
   serviceConfigDirSmTrace.levelIs(1, true);
   start();
-  publishService("first")->publishGroupConfigIs("g")->publishConfigIs("/shared", "/r1", "T");
+  auto first = publishService("first");
+  first->readyIs(true);
+  first->publishGroupConfigIs("g")->publishConfigIs("/shared", "/r1", "T");
   auto second = publishService("second");
   second->publishGroupConfigIs("g")->publishConfigIs("/shared", "/r2", "T");
   second->publishGroupConfigIs("g")->publishDirIs("/shared", "Kiv::Dir");
+  // The first service's other group is just another publisher.
+  auto other = first->publishGroupConfigIs("h");
+  other->publishConfigIs("/shared", "/r3", "T");
+  auto dir = other->publishDirIs("/shared", "Kiv::Dir");
   serviceConfigDirSmTrace.levelsIs(0);
-  EXPECT_EQ(registry->publishEntry("/shared")->serviceName(), "first");
-  EXPECT_EQ(registry->publishEntry("/shared")->remotePath(), "/r1");
+  auto entry = registry->publishEntry("/shared");
+  EXPECT_EQ(entry->serviceName(), "first");
+  EXPECT_EQ(entry->remotePath(), "/r1");
   EXPECT_THAT(capture.messages(1),
               ElementsAre("addPublishConfig/shared already published. Ignoring publish from:second",
-                          "addPublishDir/shared already published. Ignoring publishDir from: second"));
-  // The ignored publisher withdrawing leaves the first one's entry in place.
+                          "addPublishDir/shared already published. Ignoring publishDir from: second",
+                          "addPublishConfig/shared already published. Ignoring publish from:first",
+                          "addPublishDir/shared already published. Ignoring publishDir from: first"));
+  // The ignored publishers' directory readiness and withdrawal leave the first one's entry alone.
+  Kiv::ptrConstCast<PublishDir>(dir)->remoteTargetPathIs("/r4");
+  Kiv::ptrConstCast<PublishDir>(dir)->readyToPublishIs(false);
+  first->publishGroupConfigDel("h");
   second->publishGroupConfigDel("g");
-  EXPECT_EQ(registry->publishEntry("/shared")->serviceName(), "first");
+  EXPECT_EQ(registry->publishEntry("/shared"), entry);
+  EXPECT_EQ(entry->remotePath(), "/r1");
+  EXPECT_TRUE(entry->readyToPublish());
 }
 
 TEST_F(ServicePublish, AStaleGenerationWithdrawsEverythingUntilItIsCurrentAgain) {
