@@ -318,6 +318,7 @@ $unlink$  kivNotify<Callbacks>([&](Callbacks* n) { n->on$X$(key); });
 
 void $T$::$x$Del($X$Iterator const& it) {
   kivCheckWritable("$x$");
+  if (!it.live()) return;  // its member was erased already
   $key$ const key = it.key();
   $stored$ removed;
   $x$_.erase(it, &removed);
