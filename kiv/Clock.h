@@ -28,7 +28,7 @@ inline constexpr Seconds kInfinity = std::numeric_limits<Seconds>::infinity();
 
 class EventLoop;
 
-class Clock : public PtrInterface, public Notifier {
+class Clock : public CountedNotifier {
  public:
   class Callbacks : public NotifieeBase {
    public:

@@ -14,63 +14,101 @@ namespace Kiv {
 
 NotifierList::~NotifierList() {
   for (Frame* f = frames_; f; f = f->outer) f->alive = false;
-  for (NotifieeBase* n : v_) {
-    if (!n) continue;
-    n->notifierBase_ = nullptr;
-    n->kivNotifierGone();
-  }
+  // Reference-counted owners unbind everyone when their last reference goes; an owner that dies
+  // otherwise must have let its reactors go first.
+  KIV_DEBUG_ASSERT(bound() == 0 && "a notifier died with reactors bound to it");
+  unbindAll();
+}
+
+void NotifierList::add(NotifieeBase* n) {
+  std::vector<NotifieeBase*>& list = n->registered_ ? v_ : idle_;
+  n->slot_ = static_cast<std::uint32_t>(list.size());
+  list.push_back(n);
 }
 
 void NotifierList::remove(NotifieeBase* n) {
-  auto it = std::find(v_.begin(), v_.end(), n);
-  if (it == v_.end()) return;
-  if (frames_) {
-    *it = nullptr;
-    ++nulls_;
-  } else {
-    v_.erase(it);
+  KIV_DEBUG_ASSERT(contains(n));
+  if (!n->registered_) {
+    NotifieeBase* last = idle_.back();
+    idle_[n->slot_] = last;
+    last->slot_ = n->slot_;
+    idle_.pop_back();
+    return;
   }
+  v_[n->slot_] = nullptr;
+  ++nulls_;
+  if (frames_) return;  // a walk indexes the list: compacted when the outermost one is over
+  while (!v_.empty() && !v_.back()) {
+    v_.pop_back();
+    --nulls_;
+  }
+  if (nulls_ * 2 > v_.size()) compact();
+}
+
+bool NotifierList::contains(NotifieeBase const* n) const {
+  std::vector<NotifieeBase*> const& list = n->registered_ ? v_ : idle_;
+  return n->slot_ < list.size() && list[n->slot_] == n;
 }
 
 void NotifierList::compact() {
   std::erase(v_, nullptr);
   nulls_ = 0;
+  for (std::uint32_t i = 0; i < v_.size(); ++i) v_[i]->slot_ = i;
 }
 
 void NotifierList::zeroReferences() {
   forEach([](NotifieeBase* n) { n->onZeroReferences(); });
-  std::vector<NotifieeBase*> bound = v_;
+  unbindAll();
+}
+
+void NotifierList::unbindAll() {
+  std::vector<NotifieeBase*> bound;
+  bound.reserve(this->bound());
+  for (NotifieeBase* n : v_)
+    if (n) bound.push_back(n);
+  bound.insert(bound.end(), idle_.begin(), idle_.end());
   // A walk further up the stack may still index the list (the notifier outlives the zero when
   // it is resurrected or its deletion deferred): empty the slots but keep their places.
   std::fill(v_.begin(), v_.end(), nullptr);
   nulls_ = static_cast<std::uint32_t>(v_.size());
+  idle_.clear();
   if (!frames_) compact();
   for (NotifieeBase* n : bound) {
-    if (!n) continue;
+    n->kivUnbinding();
     n->notifierBase_ = nullptr;
     n->kivNotifierGone();
   }
 }
 
+void CountedNotifier::zeroReferencesIs(bool z) {
+  PtrInterface::zeroReferencesIs(z);
+  if (z) kivNotifiees().zeroReferences();
+}
+
 NotifieeBase::~NotifieeBase() {
-  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().remove(this);
+  if (notifierBase_) notifierBase_->kivNotifiees().remove(this);
 }
 
 void NotifieeBase::kivBind(Notifier* n) {
-  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().remove(this);
+  if (notifierBase_) {
+    kivUnbinding();
+    notifierBase_->kivNotifiees().remove(this);
+  }
   notifierBase_ = n;
-  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().add(this);
+  if (notifierBase_) notifierBase_->kivNotifiees().add(this);
 }
 
 void NotifieeBase::isRegisteredNotifieeIs(bool r) {
   if (r == registered_) return;
-  registered_ = r;
-  if (!notifierBase_) return;
-  if (r) {
-    notifierBase_->kivNotifiees().add(this);
-  } else {
-    notifierBase_->kivNotifiees().remove(this);
+  if (!notifierBase_) {
+    registered_ = r;
+    return;
   }
+  // Re-registering appends: a reactor is not told of a change already in progress.
+  NotifierList& list = notifierBase_->kivNotifiees();
+  list.remove(this);
+  registered_ = r;
+  list.add(this);
 }
 
 void NotifieeBase::hasNotificationActiveIs(bool a) {
@@ -119,11 +157,6 @@ String Entity::fullName() const {
 
 std::string Entity::kivStrep() const {
   return std::string("<") + kivEntityType().name + " " + fullName().stdString() + ">";
-}
-
-void Entity::zeroReferencesIs(bool z) {
-  PtrInterface::zeroReferencesIs(z);
-  if (z) kivNotifiees().zeroReferences();
 }
 
 void Entity::throwReadOnly(char const* attr) const {
