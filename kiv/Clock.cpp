@@ -17,20 +17,19 @@ Seconds steadyNow() {
 
 Seconds Clock::now() const { return loop_ ? loop_->now() : 0; }
 
-Clock::NotifieeConst::~NotifieeConst() {
-  if (Ptr<Clock const> c = notifier(); c && c->loop_ && timeMin_ != kInfinity) c->loop().disarm(this);
+Clock::NotifieeConst::~NotifieeConst() { disarm(); }
+
+void Clock::NotifieeConst::disarm() {
+  if (armedOn_) armedOn_->disarm(this);
+  timeMin_ = kInfinity;
 }
 
 void Clock::NotifieeConst::timeMinIs(Seconds t) {
-  Ptr<Clock const> c = notifier();
-  if (!c || !c->loop_) {
-    timeMin_ = t;  // a timer whose clock or loop is gone has nothing to fire it
-    return;
-  }
-  EventLoop& loop = c->loop();
-  if (timeMin_ != kInfinity) loop.disarm(this);
+  if (armedOn_) armedOn_->disarm(this);
   timeMin_ = t;
-  if (t != kInfinity) loop.arm(this, t);
+  // A timer whose clock or loop is gone keeps the time but has nothing to fire it.
+  Ptr<Clock const> c = notifier();
+  if (c && c->loop_ && t != kInfinity) c->loop_->arm(this, t);
 }
 
 EventLoop::EventLoop(Mode mode, Seconds start)
@@ -40,7 +39,10 @@ EventLoop::EventLoop(Mode mode, Seconds start)
 }
 
 EventLoop::~EventLoop() {
-  for (auto& [key, n] : timers_) n->timeMin_ = kInfinity;
+  for (auto& [key, n] : timers_) {
+    n->timeMin_ = kInfinity;
+    n->armedOn_ = nullptr;
+  }
   timers_.clear();
   clock_->loop_ = nullptr;  // the clock may outlive the loop in someone's Ptr
   PtrInterface::deleteDeferred();
@@ -54,9 +56,16 @@ Seconds EventLoop::now() const { return mode_ == Mode::wallClock ? steadyNow() -
 void EventLoop::arm(Clock::NotifieeConst* n, Seconds t) {
   n->seq_ = ++seq_;
   timers_.emplace(Key{t, n->seq_}, n);
+  n->armedOn_ = this;
 }
 
-void EventLoop::disarm(Clock::NotifieeConst* n) { timers_.erase(Key{n->timeMin_, n->seq_}); }
+void EventLoop::disarm(Clock::NotifieeConst* n) {
+  KIV_DEBUG_ASSERT(n->armedOn_ == this);
+  std::size_t const erased = timers_.erase(Key{n->timeMin_, n->seq_});
+  KIV_DEBUG_ASSERT(erased == 1 && "an armed timer is missing from its loop");
+  (void)erased;
+  n->armedOn_ = nullptr;
+}
 
 void EventLoop::post(std::function<void()> f) {
   {
@@ -91,6 +100,7 @@ bool EventLoop::fireNext(Seconds upTo) {
   if (mode_ == Mode::virtualTime && it->first.first > now_) now_ = it->first.first;
   timers_.erase(it);
   n->timeMin_ = kInfinity;
+  n->armedOn_ = nullptr;
   // The handler may destroy the timer; nothing here touches it afterwards.
   if (n->hasNotificationActive()) n->onTime();
   PtrInterface::deleteDeferred();

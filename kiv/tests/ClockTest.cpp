@@ -151,3 +151,38 @@ TEST_F(ClockTest, RunUntilStopsWhenThePredicateHoldsOrAtTheLimit) {
 }
 
 }  // namespace
+
+namespace {
+
+// A timer is armed only while bound to a live loop's clock: unbinding, rebinding or destroying
+// it disarms it, and a loop that goes lets go of its timers, which then outlive it harmlessly.
+TEST_F(ClockTest, TimerLifetimeIsExact) {
+  auto unbound = timer("unbound", 2);
+  auto destroyed = timer("destroyed", 2.5);
+  auto kept = timer("kept", 3);
+  unbound->notifierIs(nullptr);
+  EXPECT_EQ(unbound->timeMin(), Kiv::kInfinity);
+  unbound->timeMinIs(4);  // bound to nothing: nothing to fire it
+  destroyed = nullptr;
+  EXPECT_THAT(loop.pendingTimers(), ElementsAre(3));
+
+  Kiv::Ptr<Timer> orphan;
+  {
+    Kiv::EventLoop inner;  // the current loop while it lives
+    orphan = timer("orphan", 1);
+    auto moved = timer("moved", 1);
+    moved->notifierIs(loop.clock());  // rebinding disarms: the new clock's loop has it not
+    EXPECT_EQ(moved->timeMin(), Kiv::kInfinity);
+    EXPECT_EQ(loop.pendingTimerCount(), 1u);
+    EXPECT_EQ(inner.pendingTimerCount(), 1u);
+  }
+  EXPECT_EQ(orphan->timeMin(), Kiv::kInfinity);
+  EXPECT_EQ(orphan->notifier(), nullptr);
+  orphan->timeMinIs(2);
+  orphan = nullptr;
+
+  loop.advanceTo(10);
+  EXPECT_THAT(fired, ElementsAre(Pair("kept", 3)));
+}
+
+}  // namespace
