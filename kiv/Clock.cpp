@@ -2,6 +2,7 @@
 
 #include "kiv/Clock.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -137,27 +138,34 @@ bool EventLoop::runUntil(std::function<bool()> const& pred, Seconds limit) {
 }
 
 void EventLoop::run(Seconds forAtMost) {
-  Seconds end = now() + forAtMost;
+  Seconds const end = now() + forAtMost;
   stopped_ = false;
-  while (!stopped_) {
+  for (;;) {
     runPosted();
-    while (!stopped_ && fireNext(mode_ == Mode::wallClock ? now() : now_)) runPosted();
-    if (stopped_) break;
-    Seconds wake = std::min(nextTimerTime(), end);
+    while (!stopped_ && fireNext(std::min(now(), end))) runPosted();
+    if (stopped_) return;
+    Seconds const next = nextTimerTime();
     if (mode_ == Mode::virtualTime) {
-      // Nothing waits on a real clock: jump to the next timer, or stop when none is left.
-      if (wake == kInfinity || wake > end) break;
-      now_ = wake;
+      // Nothing waits on a real clock: jump to the next timer; past the last one, to the end.
+      if (next == kInfinity || next > end) {
+        if (end != kInfinity) now_ = std::max(now_, end);
+        return;
+      }
+      now_ = std::max(now_, next);
       continue;
     }
-    Seconds wait = wake - now();
-    if (wake >= end && now() >= end) break;
+    if (now() >= end) return;
     std::unique_lock lock(postMutex_);
-    if (!posted_.empty()) continue;
-    if (wait == kInfinity) {
-      postCv_.wait(lock, [&] { return !posted_.empty() || stopped_; });
-    } else if (wait > 0) {
-      postCv_.wait_for(lock, std::chrono::duration<double>(wait), [&] { return !posted_.empty() || stopped_; });
+    if (!posted_.empty() || stopped_) continue;
+    auto const woken = [&] { return !posted_.empty() || stopped_.load(); };
+    Seconds const wake = std::min(next, end);
+    if (wake == kInfinity) {
+      postCv_.wait(lock, woken);
+    } else {
+      // Rounded up: waking a hair early would spin until the deadline.
+      auto const deadline = std::chrono::steady_clock::time_point(
+          std::chrono::ceil<std::chrono::steady_clock::duration>(std::chrono::duration<double>(wake + wallOrigin_)));
+      postCv_.wait_until(lock, deadline, woken);
     }
   }
 }
