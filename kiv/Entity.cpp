@@ -21,20 +21,14 @@ NotifierList::~NotifierList() {
 }
 
 void NotifierList::add(NotifieeBase* n) {
-  std::vector<NotifieeBase*>& list = n->registered_ ? v_ : idle_;
-  n->slot_ = static_cast<std::uint32_t>(list.size());
-  list.push_back(n);
+  n->slot_ = static_cast<std::uint32_t>(v_.size());
+  v_.push_back(n);
+  if (!n->registered_) ++idle_;
 }
 
 void NotifierList::remove(NotifieeBase* n) {
   KIV_DEBUG_ASSERT(contains(n));
-  if (!n->registered_) {
-    NotifieeBase* last = idle_.back();
-    idle_[n->slot_] = last;
-    last->slot_ = n->slot_;
-    idle_.pop_back();
-    return;
-  }
+  if (!n->registered_) --idle_;
   v_[n->slot_] = nullptr;
   ++nulls_;
   if (frames_) return;  // a walk indexes the list: compacted when the outermost one is over
@@ -45,10 +39,7 @@ void NotifierList::remove(NotifieeBase* n) {
   if (nulls_ * 2 > v_.size()) compact();
 }
 
-bool NotifierList::contains(NotifieeBase const* n) const {
-  std::vector<NotifieeBase*> const& list = n->registered_ ? v_ : idle_;
-  return n->slot_ < list.size() && list[n->slot_] == n;
-}
+bool NotifierList::contains(NotifieeBase const* n) const { return n->slot_ < v_.size() && v_[n->slot_] == n; }
 
 void NotifierList::compact() {
   std::erase(v_, nullptr);
@@ -63,17 +54,19 @@ void NotifierList::zeroReferences() {
 
 void NotifierList::unbindAll() {
   std::vector<NotifieeBase*> bound;
-  bound.reserve(this->bound());
-  for (NotifieeBase* n : v_)
-    if (n) bound.push_back(n);
-  bound.insert(bound.end(), idle_.begin(), idle_.end());
-  // A walk further up the stack may still index the list (the notifier outlives the zero when
-  // it is resurrected or its deletion deferred): empty the slots but keep their places.
-  std::fill(v_.begin(), v_.end(), nullptr);
-  nulls_ = static_cast<std::uint32_t>(v_.size());
-  idle_.clear();
-  if (!frames_) compact();
+  if (frames_) {
+    // A walk further up the stack still indexes the list (the notifier outlives the zero when
+    // it is resurrected or its deletion deferred): empty the slots but keep their places.
+    bound = v_;
+    std::fill(v_.begin(), v_.end(), nullptr);
+    nulls_ = static_cast<std::uint32_t>(v_.size());
+  } else {
+    bound.swap(v_);
+    nulls_ = 0;
+  }
+  idle_ = 0;
   for (NotifieeBase* n : bound) {
+    if (!n) continue;
     n->kivUnbinding();
     n->notifierBase_ = nullptr;
     n->kivNotifierGone();

@@ -35,11 +35,11 @@ class NotifierList {
   ~NotifierList();
 
   // The registered reactors.
-  bool empty() const { return v_.size() == nulls_; }
-  std::size_t size() const { return v_.size() - nulls_; }
+  bool empty() const { return size() == 0; }
+  std::size_t size() const { return bound() - idle_; }
   // Every bound reactor, registered or not.
-  std::size_t bound() const { return size() + idle_.size(); }
-  // Binds n, on the registered list or the idle one as n says.
+  std::size_t bound() const { return v_.size() - nulls_; }
+  // Binds n, at the end of the list.
   void add(NotifieeBase* n);
   // Unbinds n, which must be bound here.
   void remove(NotifieeBase* n);
@@ -89,10 +89,10 @@ class NotifierList {
   // reactor is unbound and then told that its notifier is gone.
   void unbindAll();
 
-  std::vector<NotifieeBase*> v_;     // registered, in binding order; null where one left
-  std::vector<NotifieeBase*> idle_;  // bound but unregistered, in no order
+  std::vector<NotifieeBase*> v_;  // bound, in binding order; null where one left
   Frame* frames_ = nullptr;
   std::uint32_t nulls_ = 0;
+  std::uint32_t idle_ = 0;  // bound but unregistered: skipped by walks
 };
 
 // Mixin for anything reactors can bind to.
@@ -150,7 +150,7 @@ class NotifieeBase : public PtrInterface {
   // The notifier has gone; the reactor is unbound already.
   virtual void kivNotifierGone() {}
   Notifier* notifierBase_ = nullptr;
-  std::uint32_t slot_ = 0;  // in the notifier's list: registered_ says which
+  std::uint32_t slot_ = 0;  // in the notifier's list
   bool registered_ = true;
   bool active_ = true;
 };
@@ -182,7 +182,7 @@ void NotifierList::forEach(F&& f) {
   FrameScope scope(this, &frame);
   for (std::size_t i = 0; i < n; ++i) {
     NotifieeBase* x = v_[i];
-    if (!x || !x->active_) continue;
+    if (!x || !x->active_ || !x->registered_) continue;
     f(x);
     if (!frame.alive) return;
   }
