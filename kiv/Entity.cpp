@@ -184,7 +184,8 @@ Ptr<Entity> Dir::entryIs(Name const& name, std::string_view typeName) {
   TypeInfo const* type = typeNamed(typeName);
   if (!type) throwRangeException("unknown type name " + std::string(typeName));
   if (!type->create) throwRangeException("type " + std::string(typeName) + " cannot be created by name");
-  Ptr<Entity> member = type->create(EntityInit{name, this, Name("entityPtr")});
+  static Name const attrName("entityPtr");  // one string for every member
+  Ptr<Entity> member = type->create(EntityInit{name, this, attrName});
   members_.insert(name, member);
   kivNotify<Callbacks>([&](Callbacks* n) { n->onEntityPtr(name); });
   return member;
