@@ -12,11 +12,15 @@ namespace Kiv {
       ::Kiv::assertionFailed(#expr, __FILE__, __LINE__, __func__);           \
   } while (0)
 
-// Checks that are too costly for release builds (hot-path invariants).
-#ifdef NDEBUG
+// Checks that are too costly for release builds (hot-path invariants and structure checks). On
+// wherever KIV_CHECKS is defined (every build type but Release and MinSizeRel: see
+// kiv/CMakeLists.txt), so the test and sanitizer builds run them; compiled out otherwise.
+#if defined(KIV_CHECKS) || !defined(NDEBUG)
+#define KIV_CHECKS_ON 1
+#define KIV_DEBUG_ASSERT(expr) KIV_ASSERT(expr)
+#else
+#define KIV_CHECKS_ON 0
 #define KIV_DEBUG_ASSERT(expr) \
   do {                         \
   } while (0)
-#else
-#define KIV_DEBUG_ASSERT(expr) KIV_ASSERT(expr)
 #endif

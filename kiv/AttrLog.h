@@ -431,7 +431,7 @@ class Demuxer : public Entity {
 
 // The connections of the attribute log by name, each passive (accepted from the peer) or active.
 // A process-wide singleton.
-class ConnectionDir : public PtrInterface, public Notifier {
+class ConnectionDir : public CountedNotifier {
  public:
   static Ptr<ConnectionDir> instance();
 
@@ -464,7 +464,7 @@ class ConnectionDir : public PtrInterface, public Notifier {
 };
 
 // Holds the demuxers by connection name. Reached through Kiv::globalNboAttrLogDemuxerManager().
-class DemuxerManager : public PtrInterface, public Notifier {
+class DemuxerManager : public CountedNotifier {
  public:
   Ptr<Demuxer> demuxer(Name const& name) const;
   // Returns the demuxer, creating it (disconnected) when absent; `passive` applies to a new one.

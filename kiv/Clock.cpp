@@ -2,6 +2,7 @@
 
 #include "kiv/Clock.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -17,20 +18,19 @@ Seconds steadyNow() {
 
 Seconds Clock::now() const { return loop_ ? loop_->now() : 0; }
 
-Clock::NotifieeConst::~NotifieeConst() {
-  if (Ptr<Clock const> c = notifier(); c && c->loop_ && timeMin_ != kInfinity) c->loop().disarm(this);
+Clock::NotifieeConst::~NotifieeConst() { disarm(); }
+
+void Clock::NotifieeConst::disarm() {
+  if (armedOn_) armedOn_->disarm(this);
+  timeMin_ = kInfinity;
 }
 
 void Clock::NotifieeConst::timeMinIs(Seconds t) {
-  Ptr<Clock const> c = notifier();
-  if (!c || !c->loop_) {
-    timeMin_ = t;  // a timer whose clock or loop is gone has nothing to fire it
-    return;
-  }
-  EventLoop& loop = c->loop();
-  if (timeMin_ != kInfinity) loop.disarm(this);
+  if (armedOn_) armedOn_->disarm(this);
   timeMin_ = t;
-  if (t != kInfinity) loop.arm(this, t);
+  // A timer whose clock or loop is gone keeps the time but has nothing to fire it.
+  Ptr<Clock const> c = notifier();
+  if (c && c->loop_ && t != kInfinity) c->loop_->arm(this, t);
 }
 
 EventLoop::EventLoop(Mode mode, Seconds start)
@@ -40,7 +40,10 @@ EventLoop::EventLoop(Mode mode, Seconds start)
 }
 
 EventLoop::~EventLoop() {
-  for (auto& [key, n] : timers_) n->timeMin_ = kInfinity;
+  for (auto& [key, n] : timers_) {
+    n->timeMin_ = kInfinity;
+    n->armedOn_ = nullptr;
+  }
   timers_.clear();
   clock_->loop_ = nullptr;  // the clock may outlive the loop in someone's Ptr
   PtrInterface::deleteDeferred();
@@ -54,9 +57,16 @@ Seconds EventLoop::now() const { return mode_ == Mode::wallClock ? steadyNow() -
 void EventLoop::arm(Clock::NotifieeConst* n, Seconds t) {
   n->seq_ = ++seq_;
   timers_.emplace(Key{t, n->seq_}, n);
+  n->armedOn_ = this;
 }
 
-void EventLoop::disarm(Clock::NotifieeConst* n) { timers_.erase(Key{n->timeMin_, n->seq_}); }
+void EventLoop::disarm(Clock::NotifieeConst* n) {
+  KIV_DEBUG_ASSERT(n->armedOn_ == this);
+  std::size_t const erased = timers_.erase(Key{n->timeMin_, n->seq_});
+  KIV_DEBUG_ASSERT(erased == 1 && "an armed timer is missing from its loop");
+  (void)erased;
+  n->armedOn_ = nullptr;
+}
 
 void EventLoop::post(std::function<void()> f) {
   {
@@ -91,6 +101,7 @@ bool EventLoop::fireNext(Seconds upTo) {
   if (mode_ == Mode::virtualTime && it->first.first > now_) now_ = it->first.first;
   timers_.erase(it);
   n->timeMin_ = kInfinity;
+  n->armedOn_ = nullptr;
   // The handler may destroy the timer; nothing here touches it afterwards.
   if (n->hasNotificationActive()) n->onTime();
   PtrInterface::deleteDeferred();
@@ -127,27 +138,34 @@ bool EventLoop::runUntil(std::function<bool()> const& pred, Seconds limit) {
 }
 
 void EventLoop::run(Seconds forAtMost) {
-  Seconds end = now() + forAtMost;
+  Seconds const end = now() + forAtMost;
   stopped_ = false;
-  while (!stopped_) {
+  for (;;) {
     runPosted();
-    while (!stopped_ && fireNext(mode_ == Mode::wallClock ? now() : now_)) runPosted();
-    if (stopped_) break;
-    Seconds wake = std::min(nextTimerTime(), end);
+    while (!stopped_ && fireNext(std::min(now(), end))) runPosted();
+    if (stopped_) return;
+    Seconds const next = nextTimerTime();
     if (mode_ == Mode::virtualTime) {
-      // Nothing waits on a real clock: jump to the next timer, or stop when none is left.
-      if (wake == kInfinity || wake > end) break;
-      now_ = wake;
+      // Nothing waits on a real clock: jump to the next timer; past the last one, to the end.
+      if (next == kInfinity || next > end) {
+        if (end != kInfinity) now_ = std::max(now_, end);
+        return;
+      }
+      now_ = std::max(now_, next);
       continue;
     }
-    Seconds wait = wake - now();
-    if (wake >= end && now() >= end) break;
+    if (now() >= end) return;
     std::unique_lock lock(postMutex_);
-    if (!posted_.empty()) continue;
-    if (wait == kInfinity) {
-      postCv_.wait(lock, [&] { return !posted_.empty() || stopped_; });
-    } else if (wait > 0) {
-      postCv_.wait_for(lock, std::chrono::duration<double>(wait), [&] { return !posted_.empty() || stopped_; });
+    if (!posted_.empty() || stopped_) continue;
+    auto const woken = [&] { return !posted_.empty() || stopped_.load(); };
+    Seconds const wake = std::min(next, end);
+    if (wake == kInfinity) {
+      postCv_.wait(lock, woken);
+    } else {
+      // Rounded up: waking a hair early would spin until the deadline.
+      auto const deadline = std::chrono::steady_clock::time_point(
+          std::chrono::ceil<std::chrono::steady_clock::duration>(std::chrono::duration<double>(wake + wallOrigin_)));
+      postCv_.wait_until(lock, deadline, woken);
     }
   }
 }

@@ -3,7 +3,9 @@
 // timeMinIs(t), an absolute time in seconds; +infinity disarms. A timer fires once, when the
 // loop's time reaches t; it is disarmed (timeMin back at +infinity) before its onTime() runs, so
 // the handler re-arms it if it wants to run again. Timers due at the same time fire in the order
-// they were armed.
+// they were armed. A timer is armed only while it is bound to a clock whose loop is alive:
+// unbinding it (or binding it elsewhere) and destroying it disarm it, and a loop that goes
+// disarms every timer it holds.
 //
 // Virtual time (tests, simulation) moves only when told to: advanceTo/advanceBy fire every timer
 // due on the way, in timestamp order, each at its own time. Wall-clock time follows the steady
@@ -28,7 +30,7 @@ inline constexpr Seconds kInfinity = std::numeric_limits<Seconds>::infinity();
 
 class EventLoop;
 
-class Clock : public PtrInterface, public Notifier {
+class Clock : public CountedNotifier {
  public:
   class Callbacks : public NotifieeBase {
    public:
@@ -47,8 +49,11 @@ class Clock : public PtrInterface, public Notifier {
 
    private:
     friend class EventLoop;
+    void kivUnbinding() override { disarm(); }
+    void disarm();
     Seconds timeMin_ = kInfinity;
     std::uint64_t seq_ = 0;
+    EventLoop* armedOn_ = nullptr;  // the loop that holds the timer while it is armed
   };
 
   Seconds now() const;

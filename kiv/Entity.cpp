@@ -14,63 +14,94 @@ namespace Kiv {
 
 NotifierList::~NotifierList() {
   for (Frame* f = frames_; f; f = f->outer) f->alive = false;
-  for (NotifieeBase* n : v_) {
-    if (!n) continue;
-    n->notifierBase_ = nullptr;
-    n->kivNotifierGone();
-  }
+  // Reference-counted owners unbind everyone when their last reference goes; an owner that dies
+  // otherwise must have let its reactors go first.
+  KIV_DEBUG_ASSERT(bound() == 0 && "a notifier died with reactors bound to it");
+  unbindAll();
+}
+
+void NotifierList::add(NotifieeBase* n) {
+  n->slot_ = static_cast<std::uint32_t>(v_.size());
+  v_.push_back(n);
+  if (!n->registered_) ++idle_;
 }
 
 void NotifierList::remove(NotifieeBase* n) {
-  auto it = std::find(v_.begin(), v_.end(), n);
-  if (it == v_.end()) return;
-  if (frames_) {
-    *it = nullptr;
-    ++nulls_;
-  } else {
-    v_.erase(it);
+  KIV_DEBUG_ASSERT(contains(n));
+  if (!n->registered_) --idle_;
+  v_[n->slot_] = nullptr;
+  ++nulls_;
+  if (frames_) return;  // a walk indexes the list: compacted when the outermost one is over
+  while (!v_.empty() && !v_.back()) {
+    v_.pop_back();
+    --nulls_;
   }
+  if (nulls_ * 2 > v_.size()) compact();
 }
+
+bool NotifierList::contains(NotifieeBase const* n) const { return n->slot_ < v_.size() && v_[n->slot_] == n; }
 
 void NotifierList::compact() {
   std::erase(v_, nullptr);
   nulls_ = 0;
+  for (std::uint32_t i = 0; i < v_.size(); ++i) v_[i]->slot_ = i;
 }
 
 void NotifierList::zeroReferences() {
   forEach([](NotifieeBase* n) { n->onZeroReferences(); });
-  std::vector<NotifieeBase*> bound = v_;
-  // A walk further up the stack may still index the list (the notifier outlives the zero when
-  // it is resurrected or its deletion deferred): empty the slots but keep their places.
-  std::fill(v_.begin(), v_.end(), nullptr);
-  nulls_ = static_cast<std::uint32_t>(v_.size());
-  if (!frames_) compact();
+  unbindAll();
+}
+
+void NotifierList::unbindAll() {
+  std::vector<NotifieeBase*> bound;
+  if (frames_) {
+    // A walk further up the stack still indexes the list (the notifier outlives the zero when
+    // it is resurrected or its deletion deferred): empty the slots but keep their places.
+    bound = v_;
+    std::fill(v_.begin(), v_.end(), nullptr);
+    nulls_ = static_cast<std::uint32_t>(v_.size());
+  } else {
+    bound.swap(v_);
+    nulls_ = 0;
+  }
+  idle_ = 0;
   for (NotifieeBase* n : bound) {
     if (!n) continue;
+    n->kivUnbinding();
     n->notifierBase_ = nullptr;
     n->kivNotifierGone();
   }
 }
 
+void CountedNotifier::zeroReferencesIs(bool z) {
+  PtrInterface::zeroReferencesIs(z);
+  if (z) kivNotifiees().zeroReferences();
+}
+
 NotifieeBase::~NotifieeBase() {
-  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().remove(this);
+  if (notifierBase_) notifierBase_->kivNotifiees().remove(this);
 }
 
 void NotifieeBase::kivBind(Notifier* n) {
-  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().remove(this);
+  if (notifierBase_) {
+    kivUnbinding();
+    notifierBase_->kivNotifiees().remove(this);
+  }
   notifierBase_ = n;
-  if (notifierBase_ && registered_) notifierBase_->kivNotifiees().add(this);
+  if (notifierBase_) notifierBase_->kivNotifiees().add(this);
 }
 
 void NotifieeBase::isRegisteredNotifieeIs(bool r) {
   if (r == registered_) return;
-  registered_ = r;
-  if (!notifierBase_) return;
-  if (r) {
-    notifierBase_->kivNotifiees().add(this);
-  } else {
-    notifierBase_->kivNotifiees().remove(this);
+  if (!notifierBase_) {
+    registered_ = r;
+    return;
   }
+  // Re-registering appends: a reactor is not told of a change already in progress.
+  NotifierList& list = notifierBase_->kivNotifiees();
+  list.remove(this);
+  registered_ = r;
+  list.add(this);
 }
 
 void NotifieeBase::hasNotificationActiveIs(bool a) {
@@ -121,11 +152,6 @@ std::string Entity::kivStrep() const {
   return std::string("<") + kivEntityType().name + " " + fullName().stdString() + ">";
 }
 
-void Entity::zeroReferencesIs(bool z) {
-  PtrInterface::zeroReferencesIs(z);
-  if (z) kivNotifiees().zeroReferences();
-}
-
 void Entity::throwReadOnly(char const* attr) const {
   throwInternalException(std::string("write-update from readonly proxy: ") + kivEntityType().name + "::" + attr +
                          " of " + fullName().stdString());
@@ -158,7 +184,8 @@ Ptr<Entity> Dir::entryIs(Name const& name, std::string_view typeName) {
   TypeInfo const* type = typeNamed(typeName);
   if (!type) throwRangeException("unknown type name " + std::string(typeName));
   if (!type->create) throwRangeException("type " + std::string(typeName) + " cannot be created by name");
-  Ptr<Entity> member = type->create(EntityInit{name, this, Name("entityPtr")});
+  static Name const attrName("entityPtr");  // one string for every member
+  Ptr<Entity> member = type->create(EntityInit{name, this, attrName});
   members_.insert(name, member);
   kivNotify<Callbacks>([&](Callbacks* n) { n->onEntityPtr(name); });
   return member;

@@ -54,7 +54,7 @@ struct TypeInfo {
 void typeRegister(TypeInfo const& type);
 TypeInfo const* typeNamed(std::string_view name);
 
-class Entity : public PtrInterface, public Notifier {
+class Entity : public CountedNotifier {
  public:
   Name const& name() const { return name_; }
   Entity* parent() const { return parent_; }
@@ -69,7 +69,6 @@ class Entity : public PtrInterface, public Notifier {
   void kivReadOnlyIs(bool r) { readOnly_ = r; }
 
   std::string kivStrep() const override;
-  void zeroReferencesIs(bool z) override;
 
   // Used by collection mutators when they unlink a member.
   void kivParentIs(Entity* p) { parent_ = p; }

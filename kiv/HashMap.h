@@ -6,6 +6,10 @@
 // slot into the hole. Erasing while iterators are live only marks the slot dead, and iterators
 // skip it; the last iterator to go away compacts. Members added during an iteration are appended
 // and visited by it. Iteration order is the slot order and carries no meaning.
+//
+// A member is released only once the table is consistent again, so its destructor may use the map.
+// Checked builds (kiv/Assert.h) assert the structure after every change that could break it, and
+// keep an epoch that moves whenever members move in memory.
 
 #include <algorithm>
 #include <bit>
@@ -61,10 +65,13 @@ class HashMap {
 
     bool done() const { return !m_ || i_ >= m_->slots_.size(); }
     explicit operator bool() const { return !done(); }
-    K const& key() const { return m_->slots_[i_].entry.key; }
-    auto& value() const { return m_->slots_[i_].entry.value; }
-    EntryT& operator*() const { return m_->slots_[i_].entry; }
-    EntryT* operator->() const { return &m_->slots_[i_].entry; }
+    // Whether the member the iterator stands on is still in the map (not erased since it got there).
+    bool live() const { return !done() && m_->slots_[i_].live; }
+    // A member erased under the iterator is gone: reading it is a stale read.
+    K const& key() const { return entry().key; }
+    auto& value() const { return entry().value; }
+    EntryT& operator*() const { return entry(); }
+    EntryT* operator->() const { return &entry(); }
     IteratorT& operator++() {
       ++i_;
       skipDead();
@@ -81,11 +88,16 @@ class HashMap {
     std::uint32_t index() const { return i_; }
 
    private:
+    EntryT& entry() const {
+      KIV_DEBUG_ASSERT(live() && "iterator read after its member was erased");
+      return m_->slots_[i_].entry;
+    }
     void attach() {
       if (m_) ++m_->iterators_;
     }
     void detach() {
       if (m_ && --m_->iterators_ == 0 && m_->dead_ != 0) const_cast<HashMap*>(m_)->compact();
+      if (m_) m_->checkQuick();
       m_ = nullptr;
     }
     void skipDead() {
@@ -132,9 +144,11 @@ class HashMap {
     if (s != kNone) return {&slots_[s].entry.value, false};
     if ((live_ + 1) * 4 > index_.size() * 3) grow();
     s = static_cast<std::uint32_t>(slots_.size());
+    if (slots_.size() == slots_.capacity()) moved();
     slots_.push_back(Slot{Entry{k, std::forward<VV>(v)}, h, true});
     placeInIndex(h, s);
     ++live_;
+    checkQuick();
     return {&slots_[s].entry.value, true};
   }
 
@@ -148,38 +162,81 @@ class HashMap {
   }
 
   // Removes the member the iterator stands on; the iterator stays valid and moves on with ++.
-  void erase(Iterator const& it, V* out = nullptr) {
-    KIV_ASSERT(it.map() == this && !it.done());
-    Slot& slot = slots_[it.index()];
+  // Returns whether there was one: its member may have been erased already (by key, or by
+  // another iterator on the same place).
+  bool erase(Iterator const& it, V* out = nullptr) {
+    KIV_ASSERT(it.map() == this);
+    if (!it.live()) return false;
+    Slot const& slot = slots_[it.index()];
     removeAt(indexPosOf(slot.entry.key, slot.hash), out);
+    return true;
   }
 
   void clear() {
+    std::vector<Slot> gone;  // released on return, once the map is consistent
+    if (iterators_ == 0) {
+      gone.swap(slots_);
+      moved();
+    } else {
+      gone.reserve(live_);
+      for (Slot& s : slots_) {
+        if (!s.live) continue;
+        gone.push_back(std::move(s));
+        kill(s);
+      }
+    }
     std::fill(index_.begin(), index_.end(), 0u);
     live_ = 0;
-    if (iterators_ == 0) {
-      // Members are released only once the map is consistent: their destructors may look at it.
-      std::vector<Slot> old;
-      old.swap(slots_);
-      return;
-    }
-    for (Slot& s : slots_) {
-      if (!s.live) continue;
-      s.live = false;
-      s.entry = Entry{K(), V()};
-      ++dead_;
-    }
+    checkQuick();
   }
 
   void reserve(std::size_t n) {
     std::size_t want = std::bit_ceil(std::max<std::size_t>(8, n * 4 / 3 + 1));
     if (want > index_.size()) rehash(want);
+    if (n > slots_.capacity()) moved();
     slots_.reserve(n);
   }
 
   Iterator begin() { return Iterator(this, 0); }
   ConstIterator begin() const { return ConstIterator(this, 0); }
   Sentinel end() const { return {}; }
+
+  // Checked builds: changes whenever members move in memory (growth, erasure with no iteration
+  // in flight, compaction, clear), so code that keeps a pointer from find() or insert() across
+  // calls that might change the map can assert that it still points at its member. Always 0 in
+  // unchecked builds.
+  std::uint64_t epoch() const {
+#if KIV_CHECKS_ON
+    return epoch_;
+#else
+    return 0;
+#endif
+  }
+
+  // The whole structure, in every build: counts agree, no dead slot outlives the last
+  // iterator, every live member is found from its home slot and every index entry is a live
+  // member. Linear; for tests and for hunting a corruption.
+  void checkInvariants() const {
+    KIV_ASSERT(live_ + dead_ == slots_.size());
+    KIV_ASSERT((iterators_ != 0 || dead_ == 0) && "a dead slot outlived the last iterator");
+    std::uint32_t live = 0;
+    for (std::uint32_t i = 0; i < slots_.size(); ++i) {
+      Slot const& s = slots_[i];
+      if (!s.live) continue;
+      ++live;
+      KIV_ASSERT(s.hash == hashOf(s.entry.key));
+      KIV_ASSERT(slotOf(s.entry.key, s.hash) == i && "a live member is not found from its home slot");
+    }
+    KIV_ASSERT(live == live_);
+    std::size_t indexed = 0;
+    for (std::uint32_t e : index_) {
+      if (e == 0) continue;
+      ++indexed;
+      KIV_ASSERT(e - 1 < slots_.size() && slots_[e - 1].live && "the index names a dead or missing slot");
+    }
+    KIV_ASSERT(indexed == live_);
+    KIV_ASSERT(index_.empty() || live_ * 4 <= index_.size() * 3);
+  }
 
  private:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
@@ -231,20 +288,28 @@ class HashMap {
     std::uint32_t s = index_[pos] - 1;
     removeFromIndex(pos);
     --live_;
-    Slot& slot = slots_[s];
-    if (out) *out = std::move(slot.entry.value);
+    // Released on return, once the table is consistent: its destructor may look at the map.
+    Entry gone = std::move(slots_[s].entry);
+    if (out) *out = std::move(gone.value);
     if (iterators_ != 0) {
-      slot.live = false;
-      slot.entry = Entry{K(), V()};
-      ++dead_;
-      return;
+      kill(slots_[s]);
+    } else {
+      KIV_DEBUG_ASSERT(dead_ == 0);  // else the last slot may be dead, and absent from the index
+      std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
+      if (s != last) {
+        slots_[s] = std::move(slots_[last]);
+        repoint(last, s);
+      }
+      slots_.pop_back();
+      if (s != last) moved();
     }
-    std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
-    if (s != last) {
-      slots_[s] = std::move(slots_[last]);
-      repoint(last, s);
-    }
-    slots_.pop_back();
+    checkQuick();
+  }
+  // Marks a slot whose entry has been taken dead; iterations skip it until compaction.
+  void kill(Slot& s) {
+    s.live = false;
+    s.entry = Entry{K(), V()};
+    ++dead_;
   }
   void repoint(std::uint32_t from, std::uint32_t to) {
     for (std::size_t p = home(slots_[to].hash);; p = (p + 1) & mask()) {
@@ -261,7 +326,18 @@ class HashMap {
       if (s.live) kept.push_back(std::move(s));
     slots_ = std::move(kept);
     dead_ = 0;
+    moved();
     rehash(index_.size());
+  }
+  void moved() {
+#if KIV_CHECKS_ON
+    ++epoch_;
+#endif
+  }
+  // The constant-time part of checkInvariants(), after every change in checked builds.
+  void checkQuick() const {
+    KIV_DEBUG_ASSERT(live_ + dead_ == slots_.size());
+    KIV_DEBUG_ASSERT((iterators_ != 0 || dead_ == 0) && "a dead slot outlived the last iterator");
   }
   void grow() { rehash(index_.empty() ? 8 : index_.size() * 2); }
   void rehash(std::size_t cap) {
@@ -277,6 +353,9 @@ class HashMap {
   std::uint32_t live_ = 0;
   std::uint32_t dead_ = 0;
   mutable std::uint32_t iterators_ = 0;
+#if KIV_CHECKS_ON
+  std::uint64_t epoch_ = 0;
+#endif
 };
 
 // Value collections use the same storage; the separate name keeps declarations saying what the

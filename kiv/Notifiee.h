@@ -5,8 +5,12 @@
 // a notification: a reactor may remove itself or another (its slot is emptied and skipped), add
 // one (it is not told of the change in progress: it was not bound when the change happened), clear
 // the list, or destroy the notifier (the walk stops at once). Empty slots are compacted once the
-// outermost walk is over. Reactors do not keep their notifier alive; when its last reference
-// goes, they are told (onZeroReferences) and unbound, and must then tolerate a null notifier.
+// outermost walk is over, or once they are the majority. Every reactor knows its place in the
+// list, so binding and unbinding cost O(1) amortised, however many reactors share a notifier.
+//
+// Reactors do not keep their notifier alive; when its last reference goes, they are told
+// (onZeroReferences) and unbound, and must then tolerate a null notifier. A reactor that is
+// bound but unregistered, or inactive, hears nothing, that included, but is unbound all the same.
 //
 // Collection mutators call only the keyed callback onX(k). The keyless onX() and onXkivImmediate()
 // are called only by the whole-collection notification xNotify() (no key), which a writer that
@@ -30,11 +34,16 @@ class NotifierList {
   NotifierList& operator=(NotifierList const&) = delete;
   ~NotifierList();
 
-  bool empty() const { return v_.size() == nulls_; }
-  std::size_t size() const { return v_.size() - nulls_; }
-  void add(NotifieeBase* n) { v_.push_back(n); }
+  // The registered reactors.
+  bool empty() const { return size() == 0; }
+  std::size_t size() const { return bound() - idle_; }
+  // Every bound reactor, registered or not.
+  std::size_t bound() const { return v_.size() - nulls_; }
+  // Binds n, at the end of the list.
+  void add(NotifieeBase* n);
+  // Unbinds n, which must be bound here.
   void remove(NotifieeBase* n);
-  bool contains(NotifieeBase const* n) const { return std::find(v_.begin(), v_.end(), n) != v_.end(); }
+  bool contains(NotifieeBase const* n) const;
 
   // Calls f on every active notifiee that was bound when the walk began.
   template <class F>
@@ -76,10 +85,14 @@ class NotifierList {
   };
 #pragma GCC diagnostic pop
   void compact();
+  // Empties the list for the notifier's death or loss of its last reference: every bound
+  // reactor is unbound and then told that its notifier is gone.
+  void unbindAll();
 
-  std::vector<NotifieeBase*> v_;
+  std::vector<NotifieeBase*> v_;  // bound, in binding order; null where one left
   Frame* frames_ = nullptr;
   std::uint32_t nulls_ = 0;
+  std::uint32_t idle_ = 0;  // bound but unregistered: skipped by walks
 };
 
 // Mixin for anything reactors can bind to.
@@ -93,6 +106,17 @@ class Notifier {
 
  private:
   mutable NotifierList notifiees_;
+};
+
+// A reference-counted notifier: when its last reference goes, its reactors are told
+// (onZeroReferences) and unbound, so that none is left pointing at it.
+class CountedNotifier : public PtrInterface, public Notifier {
+ public:
+  void zeroReferencesIs(bool z) override;
+
+ protected:
+  CountedNotifier() = default;
+  ~CountedNotifier() override = default;
 };
 
 // Base of every reactor: registration and delivery switches, lifecycle hooks.
@@ -120,8 +144,13 @@ class NotifieeBase : public PtrInterface {
 
  private:
   friend class NotifierList;
+  // The reactor is leaving its notifier (rebound, unbound, or the notifier is going), and
+  // still bound to it.
+  virtual void kivUnbinding() {}
+  // The notifier has gone; the reactor is unbound already.
   virtual void kivNotifierGone() {}
   Notifier* notifierBase_ = nullptr;
+  std::uint32_t slot_ = 0;  // in the notifier's list
   bool registered_ = true;
   bool active_ = true;
 };
@@ -153,7 +182,7 @@ void NotifierList::forEach(F&& f) {
   FrameScope scope(this, &frame);
   for (std::size_t i = 0; i < n; ++i) {
     NotifieeBase* x = v_[i];
-    if (!x || !x->active_) continue;
+    if (!x || !x->active_ || !x->registered_) continue;
     f(x);
     if (!frame.alive) return;
   }

@@ -318,6 +318,7 @@ $unlink$  kivNotify<Callbacks>([&](Callbacks* n) { n->on$X$(key); });
 
 void $T$::$x$Del($X$Iterator const& it) {
   kivCheckWritable("$x$");
+  if (!it.live()) return;  // its member was erased already
   $key$ const key = it.key();
   $stored$ removed;
   $x$_.erase(it, &removed);
@@ -456,7 +457,8 @@ $computeKey$  if (Kiv::Ptr<$type$> const* existing = $x$_.find(k)) {
 $check$$found$  }
   kivCheckWritable("$x$");
   Kiv::keyCheck(k, "$ns$::$T$::$x$");
-  Kiv::Ptr<$type$> m(new $type$(Kiv::EntityInit{Kiv::nameOf(k), this, Kiv::Name("$x$")}$args$));
+  static Kiv::Name const attrName("$x$");  // one string for every member
+  Kiv::Ptr<$type$> m(new $type$(Kiv::EntityInit{Kiv::nameOf(k), this, attrName}$args$));
   $x$_.insert(k, m);
   kivNotify<Callbacks>([&](Callbacks* n) { n->on$X$(k); });
   return m;

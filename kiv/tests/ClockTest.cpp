@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <functional>
 #include <string>
 #include <thread>
@@ -148,6 +149,93 @@ TEST_F(ClockTest, RunUntilStopsWhenThePredicateHoldsOrAtTheLimit) {
 
   EXPECT_TRUE(loop.runUntil([] { return true; }, 100));
   EXPECT_EQ(loop.now(), 10);  // nothing needed to happen
+}
+
+}  // namespace
+
+namespace {
+
+// A timer is armed only while bound to a live loop's clock: unbinding, rebinding or destroying
+// it disarms it, and a loop that goes lets go of its timers, which then outlive it harmlessly.
+TEST_F(ClockTest, TimerLifetimeIsExact) {
+  auto unbound = timer("unbound", 2);
+  auto destroyed = timer("destroyed", 2.5);
+  auto kept = timer("kept", 3);
+  unbound->notifierIs(nullptr);
+  EXPECT_EQ(unbound->timeMin(), Kiv::kInfinity);
+  unbound->timeMinIs(4);  // bound to nothing: nothing to fire it
+  destroyed = nullptr;
+  EXPECT_THAT(loop.pendingTimers(), ElementsAre(3));
+
+  Kiv::Ptr<Timer> orphan;
+  {
+    Kiv::EventLoop inner;  // the current loop while it lives
+    orphan = timer("orphan", 1);
+    auto moved = timer("moved", 1);
+    moved->notifierIs(loop.clock());  // rebinding disarms: the new clock's loop has it not
+    EXPECT_EQ(moved->timeMin(), Kiv::kInfinity);
+    EXPECT_EQ(loop.pendingTimerCount(), 1u);
+    EXPECT_EQ(inner.pendingTimerCount(), 1u);
+  }
+  EXPECT_EQ(orphan->timeMin(), Kiv::kInfinity);
+  EXPECT_EQ(orphan->notifier(), nullptr);
+  orphan->timeMinIs(2);
+  orphan = nullptr;
+
+  loop.advanceTo(10);
+  EXPECT_THAT(fired, ElementsAre(Pair("kept", 3)));
+}
+
+// Virtual time: run() jumps from timer to timer, each at its own time; a bounded run fires the
+// one due exactly at its end and stops there, an unbounded one when no timer is left.
+TEST_F(ClockTest, RunJumpsFromTimerToTimer) {
+  auto a = timer("a", 3);
+  auto b = timer("b", 1);
+  auto atEnd = timer("end", 10);
+  auto after = timer("after", 10.5);
+  b->action = [&] {
+    if (loop.now() < 4) b->timeMinIs(4);
+  };
+  loop.run(10);
+  EXPECT_THAT(fired, ElementsAre(Pair("b", 1), Pair("a", 3), Pair("b", 4), Pair("end", 10)));
+  EXPECT_EQ(loop.now(), 10);
+  EXPECT_EQ(after->timeMin(), 10.5);
+
+  loop.run();
+  EXPECT_THAT(fired.back(), Pair("after", 10.5));
+  EXPECT_EQ(loop.now(), 10.5);
+  loop.run(2);
+  EXPECT_EQ(loop.now(), 12.5);
+  EXPECT_EQ(fired.size(), 5u);
+}
+
+// Wall clock: a bounded run fires what falls due, ends once its time is up, and sleeps in
+// between instead of spinning.
+TEST(EventLoopWallClock, BoundedRunEndsOnTimeWithoutSpinning) {
+  Kiv::EventLoop loop(Kiv::EventLoop::Mode::wallClock);
+  Fired fired;
+  Kiv::Ptr<Timer> first(new Timer(&fired, "first"));
+  Kiv::Ptr<Timer> second(new Timer(&fired, "second"));
+  Kiv::Ptr<Timer> later(new Timer(&fired, "later"));
+  Kiv::Seconds const start = loop.now();
+  first->timeMinIs(start + 0.02);
+  second->timeMinIs(start + 0.04);
+  later->timeMinIs(start + 30);
+
+  std::clock_t const cpuBefore = std::clock();
+  loop.run(0.1);
+  double const cpu = static_cast<double>(std::clock() - cpuBefore) / CLOCKS_PER_SEC;
+  Kiv::Seconds const took = loop.now() - start;
+
+  ASSERT_EQ(fired.size(), 2u);
+  EXPECT_EQ(fired[0].first, "first");
+  EXPECT_GE(fired[0].second, start + 0.02);
+  EXPECT_EQ(fired[1].first, "second");
+  EXPECT_GE(fired[1].second, start + 0.04);
+  EXPECT_GE(took, 0.1);
+  EXPECT_LT(took, 10.0) << "the run outlived its bound";
+  EXPECT_LT(cpu, took / 2) << "the loop spun instead of sleeping";
+  EXPECT_EQ(later->timeMin(), start + 30);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kiv/HashMap.h"
+#include "kiv/Ptr.h"
 #include "kiv/String.h"
 
 namespace {
@@ -40,23 +41,106 @@ TEST(HashMap, EraseTheMemberTheIterationStandsOn) {
   fill(m, 50);
   EXPECT_EQ(*m.insert(7, "other").first, "v7");  // present: keeps the stored value
   std::set<int> visited;
+  std::string untouched = "untouched";
   for (auto it = m.begin(); it; ++it) {
     int k = it.key();
     EXPECT_TRUE(visited.insert(k).second);
     if (k % 3 == 0) {
       std::string out;
-      m.erase(it, &out);
+      EXPECT_TRUE(m.erase(it, &out));
       EXPECT_EQ(out, "v" + std::to_string(k));
       EXPECT_EQ(m.find(k), nullptr);
+      EXPECT_FALSE(m.erase(it));  // already gone: nothing else may go with it
+    } else if (k % 3 == 1) {
+      m.erase(k);  // by key, under the iterator
+      EXPECT_FALSE(it.live());
+      EXPECT_FALSE(m.erase(it, &untouched));
     }
   }
   EXPECT_EQ(visited.size(), 50u);
-  EXPECT_EQ(m.size(), 33u);
-  expectLookups(m, 60);
+  EXPECT_EQ(m.size(), 16u);
+  EXPECT_EQ(untouched, "untouched");
+  m.checkInvariants();
   // Compacted: erasing and inserting with no iteration in flight keeps everything reachable.
-  for (int k = 1; k < 50; k += 3) m.erase(k);
+  for (int k = 2; k < 50; k += 6) m.erase(k);
   fill(m, 5);
   expectLookups(m, 60);
+  m.checkInvariants();
+}
+
+// A dead slot left behind after the last iteration would be moved into a hole by the next
+// erasure, and the index searched for it forever.
+TEST(HashMap, NoDeadSlotOutlivesTheLastIteration) {
+  Map m;
+  fill(m, 3);
+  for (auto it = m.begin(); it; ++it)
+    if (it.key() == 2) m.erase(it);
+  m.checkInvariants();
+  m.erase(0);
+  m.checkInvariants();
+  fill(m, 4);
+  m.checkInvariants();
+  expectLookups(m, 5);
+}
+
+// A member's destructor runs once the map is consistent again: it finds every other member.
+class Probe : public Kiv::PtrInterface {
+ public:
+  using ProbeMap = Kiv::HashMap<int, Kiv::Ptr<Probe>>;
+  Probe(ProbeMap* m, std::vector<int>* seen) : m_(m), seen_(seen) {}
+  ~Probe() override {
+    int found = 0;
+    for (int k = 0; k < 8; ++k) found += m_->get(k) != nullptr;
+    seen_->push_back(found);
+    m_->checkInvariants();
+  }
+
+ private:
+  ProbeMap* m_;
+  std::vector<int>* seen_;
+};
+
+TEST(HashMap, MemberReleasedOnlyOnceTheMapIsConsistent) {
+  Probe::ProbeMap m;
+  std::vector<int> seen;
+  for (int k = 0; k < 6; ++k) m.insert(k, Kiv::Ptr<Probe>(new Probe(&m, &seen)));
+  m.erase(0);  // the last member moves into its place
+  EXPECT_EQ(seen, std::vector<int>({5}));
+  {
+    auto it = m.begin();
+    m.erase(it);
+    m.erase(3);
+  }
+  EXPECT_EQ(seen, std::vector<int>({5, 4, 3}));
+  {
+    auto iteration = m.begin();
+    m.clear();
+  }
+  m.insert(7, Kiv::Ptr<Probe>(new Probe(&m, &seen)));
+  m.clear();
+  EXPECT_EQ(seen, std::vector<int>({5, 4, 3, 0, 0, 0, 0}));
+}
+
+// Checked builds: the epoch moves when members move in memory, so a kept pointer can be
+// checked; reading an iterator whose member was erased is fatal.
+TEST(HashMap, EpochAndStaleIteratorChecks) {
+  if (!KIV_CHECKS_ON) GTEST_SKIP() << "checks are compiled out";
+  Map m;
+  fill(m, 4);
+  std::uint64_t const before = m.epoch();
+  {
+    auto it = m.begin();
+    m.erase(it);  // with an iteration in flight nothing moves
+    m.erase(3);
+    EXPECT_EQ(m.epoch(), before);
+    EXPECT_DEATH(it.key(), "iterator read after its member was erased");
+  }
+  EXPECT_NE(m.epoch(), before);  // the last iterator compacted
+  std::uint64_t const compacted = m.epoch();
+  m.erase(2);
+  EXPECT_EQ(m.epoch(), compacted) << "erasing the last slot moves nothing";
+  fill(m, 100);  // grows
+  EXPECT_NE(m.epoch(), compacted);
 }
 
 TEST(HashMap, EraseOthersAndInsertDuringIteration) {
@@ -153,6 +237,7 @@ void randomAgainstReference(unsigned seed) {
     ASSERT_EQ(walked, ref.size());
   };
 
+  // The whole structure is checked after every step, also under an iteration.
   for (int step = 0; step < 20000; ++step) {
     int k = key(rng);
     int o = op(rng);
@@ -161,10 +246,13 @@ void randomAgainstReference(unsigned seed) {
       ASSERT_EQ(inserted, ref.emplace(k, step).second);
     } else if (o < 85) {
       ASSERT_EQ(m.erase(k), ref.erase(k) == 1);
-    } else if (o < 98) {
+    } else if (o < 97) {
       int const* v = m.find(k);
       auto r = ref.find(k);
       ASSERT_EQ(v ? std::optional(*v) : std::nullopt, r != ref.end() ? std::optional(r->second) : std::nullopt);
+    } else if (o < 98) {
+      m.clear();
+      ref.clear();
     } else {
       // Mutate under an iteration: erase some visited members, insert fresh ones.
       for (auto it = m.begin(); it; ++it) {
@@ -177,9 +265,15 @@ void randomAgainstReference(unsigned seed) {
           int fresh = key(rng);
           ASSERT_EQ(m.insert(fresh, -step).second, ref.emplace(fresh, -step).second);
         }
+        if (op(rng) < 5) {
+          int other = key(rng);  // by key, maybe ahead of the iteration
+          ASSERT_EQ(m.erase(other), ref.erase(other) == 1);
+        }
+        m.checkInvariants();
       }
       check();
     }
+    m.checkInvariants();
   }
   check();
 }

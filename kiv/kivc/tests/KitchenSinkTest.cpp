@@ -102,6 +102,25 @@ TEST(KitchenSinkTypes, SingletonComputedKeysAndOwner) {
   EXPECT_EQ(survivor->parent(), nullptr);
 }
 
+// The iterator survives the erasure of its member by key; deleting through it afterwards
+// finds nothing to do and tells nobody.
+TEST(KitchenSinkTypes, DeleteThroughAnIteratorWhoseMemberIsGone) {
+  Kiv::Ptr<Ns::Pool> pool = Ns::Pool::PoolIs("p");
+  for (char const* k : {"a", "b", "c"}) pool->leafIs(k, "t", 1, Ns::colorRed);
+  struct Count : Ns::Pool::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    void onLeaf(Kiv::Name const&) override { ++calls; }
+    int calls = 0;
+  };
+  Kiv::Ptr<Count> count(new Count(pool));
+  for (auto it = pool->leafIter(); it; ++it) {
+    pool->leafDel(it.key());
+    pool->leafDel(it);
+  }
+  EXPECT_EQ(count->calls, 3);
+  EXPECT_EQ(pool->leafSize(), 0u);
+}
+
 struct KitchenSinkSamples : kivconformance::BuiltinSamples {
   template <class P>
   P get(int variant) {
