@@ -92,11 +92,28 @@ MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::Connec
       connectionName_(std::move(connectionName)),
       reconnectRetries_(reconnectRetries),
       mountTimeout_(mountTimeout),
-      mountSmData_(std::move(mountSmData)),
-      // Each step holds the machine: the owner's reactors may release it while the step reports.
-      requestTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onRequestTime(); })),
-      attemptTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onAttemptTime(); })),
-      unmountTimer_(Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onUnmountTime(); })) {}
+      mountSmData_(std::move(mountSmData)) {}
+
+// The timers are made on first use: most machines never need their request or unmount timer.
+// Each step holds the machine: the owner's reactors may release it while the step reports.
+Platform::Timer& MountSm::requestTimer() {
+  if (!requestTimer_) requestTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onRequestTime(); });
+  return *requestTimer_;
+}
+
+Platform::Timer& MountSm::attemptTimer() {
+  if (!attemptTimer_) attemptTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onAttemptTime(); });
+  return *attemptTimer_;
+}
+
+Platform::Timer& MountSm::unmountTimer() {
+  if (!unmountTimer_) unmountTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onUnmountTime(); });
+  return *unmountTimer_;
+}
+
+void MountSm::disarm(Kiv::Ptr<Platform::Timer> const& t) {
+  if (t) t->disarm();
+}
 
 // Its owner ends it first: a machine dropped while its timers may still fire is a broken invariant.
 MountSm::~MountSm() { KIV_ASSERT(cleanedUp_); }
@@ -123,9 +140,9 @@ void MountSm::doCleanup() {
   if (cleanedUp_) return;
   cleanedUp_ = true;
   request_ = Request::none;
-  requestTimer_->disarm();
-  attemptTimer_->disarm();
-  unmountTimer_->disarm();
+  disarm(requestTimer_);
+  disarm(attemptTimer_);
+  disarm(unmountTimer_);
   // What the machine placed goes with it, unless the state was to be preserved.
   if (!keepCopy_ && copy_) {
     copyDel();
@@ -137,7 +154,7 @@ void MountSm::request(Request r) {
   if (cleanedUp_) return;
   request_ = r;
   keepCopy_ = r == Request::statePreservingUnmount;
-  if (!requestTimer_->armed()) requestTimer_->armIn(0);
+  if (!requestTimer_ || !requestTimer_->armed()) requestTimer().armIn(0);
 }
 
 void MountSm::onRequestTime() {
@@ -159,10 +176,10 @@ void MountSm::onRequestTime() {
     case mountStateMounted:
       break;
   }
-  attemptTimer_->disarm();
+  disarm(attemptTimer_);
   unmounting_ = r;
   Sim::Switch* sw = findSwitch();
-  unmountTimer_->armIn(sw ? sw->unmountLatency() : 0);
+  unmountTimer().armIn(sw ? sw->unmountLatency() : 0);
   stateIs(mountStateUnmounting);
 }
 
@@ -179,8 +196,8 @@ void MountSm::onUnmountTime() {
 void MountSm::startMounting() {
   request_ = Request::none;
   keepCopy_ = false;
-  requestTimer_->disarm();
-  unmountTimer_->disarm();
+  disarm(requestTimer_);
+  disarm(unmountTimer_);
   unmounting_ = Request::none;
   attempts_ = 0;
   startAttempt();
@@ -195,7 +212,7 @@ void MountSm::startAttempt() {
   attemptGeneration_ = sw ? sw->generation() : 0;
   KIV_TRACE(trace, 8, __FILE__, __LINE__, __func__,
             systemId_ << " attempt " << attempts_ << (awaitingCompletion_ ? " reaches the switch" : " will time out"));
-  attemptTimer_->armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
+  attemptTimer().armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
 }
 
 void MountSm::onAttemptTime() {
@@ -210,7 +227,7 @@ void MountSm::onAttemptTime() {
       if (!cleanedUp_) stateIs(mountStateMounted);
       return;
     }
-    attemptTimer_->armAt(attemptStart_ + mountTimeout_);
+    attemptTimer().armAt(attemptStart_ + mountTimeout_);
     return;
   }
   if (attempts_ <= reconnectRetries_) {

@@ -100,6 +100,10 @@ class MountSm : public Kiv::PtrInterface {
   void copyDel();
   Sim::Switch* findSwitch() const;
   void stateIs(Controller::MountState s);
+  Platform::Timer& requestTimer();
+  Platform::Timer& attemptTimer();
+  Platform::Timer& unmountTimer();
+  static void disarm(Kiv::Ptr<Platform::Timer> const& t);
 
   Controller::SystemId systemId_;
   Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig_;

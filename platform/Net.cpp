@@ -35,11 +35,15 @@ void EthAddr::stringValueIs(std::string_view text) {
   if (!parse(text, *this)) Kiv::throwRangeException("not an Ethernet address: \"" + std::string(text) + "\"");
 }
 
+// Formatted by hand: the text form is the key of a switch everywhere, so it is made often.
 std::string EthAddr::stringValue() const {
-  char buf[18];
-  std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", bytes_[0], bytes_[1], bytes_[2], bytes_[3],
-                bytes_[4], bytes_[5]);
-  return buf;
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out(17, ':');
+  for (std::size_t b = 0; b < 6; ++b) {
+    out[3 * b] = kHex[bytes_[b] >> 4];
+    out[3 * b + 1] = kHex[bytes_[b] & 0xf];
+  }
+  return out;
 }
 
 std::size_t EthAddr::hash() const {

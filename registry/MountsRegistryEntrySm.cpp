@@ -162,11 +162,6 @@ void MountsRegistryEntrySm::evaluateMounters() {
 
 bool MountsRegistryEntrySm::canMountFromConnection(Kiv::String connection) {
   MR_TRACE(8, "canMountFromConnection", "MountsRegistryEntrySm::" << "canMountFromConnection" << " " << entryName());
-  if (goingAway_) {
-    MR_TRACE(8, "canMountFromConnection", "MountsRegistryEntrySm::" << "canMountFromConnection" << " " << entryName()
-                                                                     << " going away");
-    return false;
-  }
   std::uint32_t version = 0;
   for (auto it = registryEntry_->mounterIter(); it && !version; ++it)
     version = mountsRegistrySm_->negotiatedServiceVersionForConnection(it.value()->serviceName(), connection);
@@ -234,7 +229,6 @@ bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Kiv::PtrConst<Mounte
                                                             Kiv::String connection) {
   MR_TRACE(8, "mounterIsInterestedInConnection",
            "MountsRegistryEntrySm::" << "mounterIsInterestedInConnection" << " " << entryName());
-  if (goingAway_) return false;
   Kiv::PtrConst<MountFilterSystem> systems = mounter->systemFilter();
   if (systems && !systems->includedSystem(connection)) return false;
   return matchingServiceVersionFilter(mounter->serviceName(), connection);
@@ -318,7 +312,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Kiv::Ptr<Kiv::Dir> prefixDir =
       Kiv::entityCast<Kiv::Dir>(registry.rootDir()->entityAtPath(registryEntry_->targetPath().view()));
   KIV_ASSERT(prefixDir);
-  Kiv::Name const connTargetDirName(systemId.stringValue());
+  Kiv::Name const connTargetDirName = mountsRegistrySm_->switchName(systemId);
   Kiv::Ptr<Kiv::Dir> connectionTargetDir = prefixDir->subdirIs(connTargetDirName);
   KIV_ASSERT(connectionTargetDir);
   Kiv::String const targetPath = registryEntry_->targetPath() + "/" + connTargetDirName;
@@ -326,7 +320,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   mountSmDataIs(systemId, MountSmData::MountSmDataIs(connTargetDirName, systemId, ""));
   Kiv::Ptr<MountSm> sm = MountSm::MountSmIs(
       systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(), registry.remoteRootPath(),
-      registryEntry_->remotePath(), targetPath, Kiv::String(systemId.stringValue()), registry.reconnectRetries(),
+      registryEntry_->remotePath(), targetPath, connTargetDirName, registry.reconnectRetries(),
       registry.mountTimeout(), mountSmData(systemId));
   mountSmIs(systemId, sm);
 }
@@ -474,22 +468,25 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
   }
 }
 
+// Every mount is taken down at once, not through one more evaluation of every switch: nobody would
+// see an unmount finish, and the filter machines' clean-ups withdraw every row and status that
+// such an evaluation would. Copies of a preserving entry stay, as on any of its disconnects.
 void MountsRegistryEntrySm::doCleanup() {
   MR_TRACE(8, "doCleanup", "MountsRegistryEntrySm::" << "doCleanup" << " " << entryName());
-  // From here on no switch is wanted: every mount is taken down.
-  goingAway_ = true;
-  handleSwitchConnection();
-  // Nobody would see the unmounts still under way finish: their machines end now, taking their
-  // copies along unless the unmount preserves them.
+  // Nothing is evaluated any more.
+  initialized_ = false;
   std::vector<SystemId> ids;
   for (auto it = mountSm_.begin(); it; ++it) ids.push_back(it.key());
+  // The answer does not depend on the switch.
+  bool const preserve = !ids.empty() && preserveMountsOnDisconnect(ids.front().stringValue());
   for (SystemId const& id : ids) {
-    mountSm(id)->doCleanup();
+    Kiv::Ptr<MountSm> sm = mountSm(id);
+    if (preserve) sm->doStatePreservingUnmount();
+    sm->doCleanup();
     mountSmDel(id);
     mountSmDataDel(id);
   }
-  // Nothing is evaluated any more; the filter machines withdraw what their mounters were given.
-  initialized_ = false;
+  // The filter machines withdraw what their mounters were given.
   mounterConfigSm_.clear();
 }
 

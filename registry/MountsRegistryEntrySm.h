@@ -69,10 +69,9 @@ class MountsRegistryEntrySm : public Kiv::PtrInterface {
   Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir() const { return serviceMountStatusDir_; }
   Kiv::PtrConst<PeerTable> peerTable() const { return oobStatus_->peerTable(); }
   MountsRegistrySm* mountsRegistrySm() const { return mountsRegistrySm_; }
+  // True from the end of start-up until doCleanup(); the machine evaluates nothing outside it.
   bool initialized() const { return initialized_; }
   bool wildCardMount() const { return wildCardMount_; }
-  // Set by doCleanup(): from then on no switch is wanted and no mounter is interested.
-  bool goingAway() const { return goingAway_; }
 
   Kiv::Ptr<MounterConfigSm> mounterConfigSm(Kiv::String const& serviceName) const {
     return mounterConfigSm_.get(serviceName);
@@ -157,7 +156,6 @@ class MountsRegistryEntrySm : public Kiv::PtrInterface {
   Kiv::HashMap<SystemId, Kiv::Ptr<KivMountSmDataSm>> mountSmDataSm_;
   Kiv::HashMap<SystemId, Kiv::Ptr<MountSm>> mountSm_;
   bool initialized_ = false;
-  bool goingAway_ = false;
 };
 
 }  // namespace Controller

@@ -214,6 +214,11 @@ void MountsRegistrySm::handlePeer(SystemId const& systemId) {
 
 void MountsRegistrySm::KivPeer::onConnected() { owner_->handleSwitchConnection(systemId_); }
 
+Kiv::Name MountsRegistrySm::switchName(SystemId const& systemId) const {
+  Kiv::Ptr<KivPeer> const* peer = kivPeer_.find(systemId);
+  return peer ? (*peer)->name() : Kiv::Name(systemId.stringValue());
+}
+
 std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::String serviceName,
                                                                       Kiv::String connectionName) const {
   MR_TRACE_AT(8, 677, "negotiatedServiceVersionForConnection",

@@ -67,6 +67,9 @@ class MountsRegistrySm : public Kiv::PtrInterface {
   // The version of the service negotiated on the connection (a proxy asks for the service it
   // stands for); 0 when there is none.
   std::uint32_t negotiatedServiceVersionForConnection(Kiv::String serviceName, Kiv::String connectionName) const;
+  // The switch's text form; one shared string per peer, so that the many per-switch names made
+  // from it (directories, mount data, connection names) share it.
+  Kiv::Name switchName(SystemId const& systemId) const;
 
   Kiv::Ptr<MountsRegistryEntrySm> mountsRegistryEntrySmIs(Kiv::Ptr<MountsRegistryEntry> const& registryEntry,
                                                           Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
@@ -104,11 +107,13 @@ class MountsRegistrySm : public Kiv::PtrInterface {
   class KivPeer : public Peer::NotifieeConst {
    public:
     KivPeer(Kiv::PtrConst<Peer> const& p, SystemId const& id, MountsRegistrySm* owner)
-        : NotifieeConst(p), systemId_(id), owner_(owner) {}
+        : NotifieeConst(p), systemId_(id), name_(id.stringValue()), owner_(owner) {}
     void onConnected() override;
+    Kiv::Name const& name() const { return name_; }
 
    private:
     SystemId systemId_;
+    Kiv::Name name_;
     MountsRegistrySm* owner_;
   };
   class KivPeerTable : public PeerTable::NotifieeConst {
