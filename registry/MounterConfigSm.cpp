@@ -29,7 +29,7 @@ MounterConfigSm::MounterConfigSm(Kiv::Ptr<Mounter> const& mounter, MountsRegistr
 MounterConfigSm::~MounterConfigSm() = default;
 
 // The reactor on the new filter (a bound-to-nothing one when there is none) reconciles what this
-// mounter counted with what the filter holds; whether the entry is a wildcard may change too.
+// mounter counted with what the filter holds.
 void MounterConfigSm::handleSystemFilter() {
   MR_TRACE(8, "handleSystemFilter", "MounterConfigSm::" << "handleSystemFilter" << " " << serviceName());
   Kiv::PtrConst<MountFilterSystem> filter = mounter_->systemFilter();
@@ -37,8 +37,7 @@ void MounterConfigSm::handleSystemFilter() {
   Kiv::Ptr<KivSystemFilter> reactor(new KivSystemFilter(filter, this));
   systemFilter_ = filter ? reactor : nullptr;
   reactor->handleIncludedSystem();
-  mountsRegistryEntrySm_->evaluateMounters();
-  mountsRegistryEntrySm_->handleSwitchConnection();
+  filtersChanged();
 }
 
 void MounterConfigSm::handleVersionFilter() {
@@ -48,6 +47,11 @@ void MounterConfigSm::handleVersionFilter() {
   Kiv::Ptr<KivVersionFilter> reactor(new KivVersionFilter(filter, this));
   versionFilter_ = filter ? reactor : nullptr;
   reactor->handleIncludedServiceVersion();
+  filtersChanged();
+}
+
+// Whether the entry is a wildcard may change with a filter coming or going.
+void MounterConfigSm::filtersChanged() {
   mountsRegistryEntrySm_->evaluateMounters();
   mountsRegistryEntrySm_->handleSwitchConnection();
 }

@@ -88,6 +88,7 @@ class MounterConfigSm : public Kiv::PtrInterface {
   // The entry's path: the key of the mount status rows and the "path" of the log messages.
   Kiv::Name remotePath() const;
   void withdrawMountStatus();
+  void filtersChanged();
   // Another entry still holds a mounter of this service and group.
   bool groupMountsElsewhere() const;
 

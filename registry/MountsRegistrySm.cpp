@@ -136,9 +136,10 @@ void MountsRegistrySm::handlePublishEntry(Kiv::Name const& path) {
   if (pe) {
     Kiv::Ptr<PublishRegistryEntrySm> preSm = publishRegistryEntrySm_.get(path);
     KIV_ASSERT(!preSm || pe->serviceName() == preSm->publishEntry()->serviceName());
-    publishRegistryEntrySmIs(pe, oobStatus_, controllerdbPublishStatus_);
-    // A new entry not processed yet holds the service's readiness back.
-    if (!preSm) handleServicePublishReady(pe->serviceName());
+    Kiv::Ptr<PublishRegistryEntrySm> sm = publishRegistryEntrySmIs(pe, oobStatus_, controllerdbPublishStatus_);
+    // A new entry not processed yet holds the service's readiness back (a processed one has
+    // already had it decided).
+    if (!preSm && !sm->processed()) handleServicePublishReady(pe->serviceName());
   } else if (publishRegistryEntrySm_.get(path)) {
     MR_TRACE_AT(8, 723, "handlePublishEntry",
                 "MountsRegistrySm::" << "handlePublishEntry" << ": " << path << " Deleting publish sm for: " << path);

@@ -26,6 +26,19 @@ class Churn : public EndToEnd {
     return mountStatusOf(service)->systemStatus(s.name());
   }
   bool ready(std::string const& service = "pub") { return dbPublish->servicePublishReady(service); }
+  // A mount group of `svc` that takes version 1 only.
+  Kiv::Ptr<ServiceMountGroupConfig> versionOneGroup(Kiv::Ptr<ServiceMountConfig> const& svc) {
+    auto versions = svc->versionFilterIs("v1");
+    versions->includedServiceVersionIs(1, true);
+    auto group = svc->mountGroupConfigIs("g");
+    group->versionFilterIs(versions);
+    return group;
+  }
+  // The publisher's group "g" publishes /local/state, which exists.
+  void publishState(Kiv::Ptr<ServicePublishConfig> const& pub) {
+    pub->publishGroupConfig("g")->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
+    root->subdirIs("local")->entryIs<Kiv::Dir>("state");
+  }
 };
 
 // Every value the publish status's readiness of a service took, in order.
@@ -39,8 +52,7 @@ struct ReadinessLog : Controllerdb::PublishStatus::NotifieeConst {
 
 TEST_F(Churn, ASwitchThatConnectsLateOrComesBackGetsItsMountsAndPublications) {
   mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
-  publisher()->publishGroupConfig("g")->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
-  root->subdirIs("local")->entryIs<Kiv::Dir>("state");
+  publishState(publisher());
   startAll();
 
   // Its peer appears at once; its connection comes up only after the handshake.
@@ -84,18 +96,12 @@ TEST_F(Churn, ASwitchWithoutNegotiatedServicesKeepsItsSystemStatusAcrossAFlap) {
 }
 
 TEST_F(Churn, ARenegotiatedVersionMountsAndPublishesByTheVersionFilters) {
-  auto svc = mountService("svc");
-  auto versions = svc->versionFilterIs("v1");
-  versions->includedServiceVersionIs(1, true);
-  auto group = svc->mountGroupConfigIs("g");
-  group->versionFilterIs(versions);
-  group->mountConfigIs("/a", "Sim::Record", "r", "");
+  versionOneGroup(mountService("svc"))->mountConfigIs("/a", "Sim::Record", "r", "");
   auto pub = publisher();
   auto pubVersions = pub->versionFilterIs("v1");
   pubVersions->includedServiceVersionIs(1, true);
   pub->publishGroupConfig("g")->versionFilterIs(pubVersions);
-  pub->publishGroupConfig("g")->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
-  root->subdirIs("local")->entryIs<Kiv::Dir>("state");
+  publishState(pub);
   Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
   s1.entityIs("a");
   s1.serviceVersionIs("svc", 1).serviceVersionIs("pub", 1).connect();
@@ -257,11 +263,7 @@ TEST_F(Churn, AMounterLeavesWhatOtherGroupsAndPathsStillUse) {
   // Switch 1 negotiated no version: each path's group status there holds no row, only `processed`.
   Sim::Switch& s1 = network.switchIs("00:00:00:00:00:01");
   s1.connect();
-  auto svc = mountService("svc");
-  auto versions = svc->versionFilterIs("v1");
-  versions->includedServiceVersionIs(1, true);
-  auto g = svc->mountGroupConfigIs("g");
-  g->versionFilterIs(versions);
+  auto g = versionOneGroup(mountService("svc"));
   g->mountConfigIs("/a", "Sim::Record", "r", "");
   g->mountConfigIs("/b", "Sim::Record", "r", "");
   startAll();
@@ -285,8 +287,7 @@ class Shutdown : public Churn {
     s1.entityIs("a");
     s1.serviceVersionIs("svc", 1).serviceVersionIs("pub", 1).connect();
     mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
-    publisher()->publishGroupConfig("g")->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
-    root->subdirIs("local")->entryIs<Kiv::Dir>("state");
+    publishState(publisher());
     startAll();
     loop.advanceBy(2);
     EXPECT_EQ(statusOf("svc", s1, "g", "/a")->mountState(), mountStateMounted);
