@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kiv/Exception.h"
+#include "kiv/Pool.h"
 #include "kiv/Ptr.h"
 #include "kiv/Reactor.h"
 #include "kiv/String.h"
@@ -127,7 +128,7 @@ std::size_t String::hashOf(std::string_view s) {
 
 String::String(std::string_view s) {
   if (s.empty()) return;
-  void* mem = ::operator new(offsetof(Rep, data) + s.size() + 1);
+  void* mem = poolAllocate(offsetof(Rep, data) + s.size() + 1);
   rep_ = new (mem) Rep{{1}, static_cast<std::uint32_t>(s.size()), hashOf(s), {0}};
   std::memcpy(rep_->data, s.data(), s.size());
   rep_->data[s.size()] = '\0';
@@ -143,8 +144,9 @@ void String::dec() const {
     rep_->refs.store(left, std::memory_order_relaxed);
   }
   if (left == 0) {
+    std::size_t const bytes = offsetof(Rep, data) + rep_->size + 1;
     rep_->~Rep();
-    ::operator delete(rep_);
+    poolRelease(rep_, bytes);
   }
 }
 

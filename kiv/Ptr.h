@@ -10,6 +10,7 @@
 #include <string>
 
 #include "kiv/Assert.h"
+#include "kiv/Pool.h"
 
 namespace Kiv {
 
@@ -44,6 +45,9 @@ class PtrInterface {
     if (left == 0) const_cast<PtrInterface*>(this)->handleZeroRef();
   }
   std::uint32_t references() const { return refs_.load(std::memory_order_relaxed); }
+
+  static void* operator new(std::size_t size) { return poolAllocate(size); }
+  static void operator delete(void* p, std::size_t size) noexcept { poolRelease(p, size); }
 
   bool zeroReferences() const { return zeroReferences_; }
   // Tells the object's observers that the last reference is gone; entities forward it to their
