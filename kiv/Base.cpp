@@ -205,7 +205,11 @@ void ValueTextReader::fail(std::string_view wanted) const {
 }
 
 void ValueTextReader::expect(std::string_view piece) {
-  if (text_.substr(at_, piece.size()) != piece) fail("\"" + std::string(piece) + "\"");
+  if (text_.substr(at_, piece.size()) != piece) {
+    std::string quotedPiece;  // in steps: GCC 12 at -O3 warns falsely on "\"" + std::string(piece)
+    quotedPiece.append(1, '"').append(piece).append(1, '"');
+    fail(quotedPiece);
+  }
   at_ += piece.size();
 }
 
