@@ -473,21 +473,28 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
 // such an evaluation would. Copies of a preserving entry stay, as on any of its disconnects.
 void MountsRegistryEntrySm::doCleanup() {
   MR_TRACE(8, "doCleanup", "MountsRegistryEntrySm::" << "doCleanup" << " " << entryName());
-  // Nothing is evaluated any more.
-  initialized_ = false;
+  mountsEndBegin();
   std::vector<SystemId> ids;
   for (auto it = mountSm_.begin(); it; ++it) ids.push_back(it.key());
-  // The answer does not depend on the switch.
-  bool const preserve = !ids.empty() && preserveMountsOnDisconnect(ids.front().stringValue());
-  for (SystemId const& id : ids) {
-    Kiv::Ptr<MountSm> sm = mountSm(id);
-    if (preserve) sm->doStatePreservingUnmount();
-    sm->doCleanup();
-    mountSmDel(id);
-    mountSmDataDel(id);
-  }
+  for (SystemId const& id : ids) mountEnd(id);
   // The filter machines withdraw what their mounters were given.
   mounterConfigSm_.clear();
+}
+
+void MountsRegistryEntrySm::mountsEndBegin() {
+  // Nothing is evaluated any more.
+  initialized_ = false;
+  // The answer does not depend on the switch.
+  preserveOnEnd_ = !mountSm_.empty() && preserveMountsOnDisconnect(mountSm_.begin().key().stringValue());
+}
+
+void MountsRegistryEntrySm::mountEnd(SystemId const& systemId) {
+  Kiv::Ptr<MountSm> sm = mountSm(systemId);
+  if (!sm) return;
+  if (preserveOnEnd_) sm->doStatePreservingUnmount();
+  sm->doCleanup();
+  mountSmDel(systemId);
+  mountSmDataDel(systemId);
 }
 
 }  // namespace Controller

@@ -126,6 +126,11 @@ class MountsRegistryEntrySm : public Kiv::PtrInterface {
   void updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus, MountState state);
   void updateSystemStatus(SystemId const& systemId);
   void doCleanup();
+  // The entry's clean-up in two steps, for an owner that ends the mounts of many entries switch
+  // by switch: mountsEndBegin() stops every evaluation, then mountEnd() takes down the mount from
+  // one switch at once (a no-op without one). doCleanup() still follows and ends what is left.
+  void mountsEndBegin();
+  void mountEnd(SystemId const& systemId);
 
   // The group's state from its rows' states, by the rule above.
   static MountState combinedMountState(ServiceMountGroupStatus const& groupStatus);
@@ -156,6 +161,7 @@ class MountsRegistryEntrySm : public Kiv::PtrInterface {
   Kiv::HashMap<SystemId, Kiv::Ptr<KivMountSmDataSm>> mountSmDataSm_;
   Kiv::HashMap<SystemId, Kiv::Ptr<MountSm>> mountSm_;
   bool initialized_ = false;
+  bool preserveOnEnd_ = false;  // set by mountsEndBegin()
 };
 
 }  // namespace Controller

@@ -1,5 +1,6 @@
 #include "registry/MountsRegistrySm.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "platform/ProxyService.h"
@@ -40,6 +41,22 @@ MountsRegistrySm::MountsRegistrySm(Kiv::Ptr<MountsRegistry> const& mountsRegistr
 }
 
 MountsRegistrySm::~MountsRegistrySm() {
+  // Every row, group and system status the mounters wrote goes with the registry. Each service's
+  // system statuses are emptied in one pass, table by table, so that the entries' clean-ups find
+  // nothing left to withdraw rather than looking up every row of every switch.
+  std::vector<Kiv::Ptr<ServiceMountStatus>> statuses;
+  for (auto it = mountsRegistry_->mountEntryIter(); it; ++it)
+    for (auto m = it.value()->mounterIter(); m; ++m)
+      if (Kiv::Ptr<ServiceMountStatus> const& status = m.value()->serviceMountStatus())
+        if (std::find(statuses.begin(), statuses.end(), status) == statuses.end()) statuses.push_back(status);
+  for (Kiv::Ptr<ServiceMountStatus> const& status : statuses) status->systemStatusDelAll();
+  // The mounts end switch by switch, the order they were made in, which keeps the walk over their
+  // memory close; a mount from a switch no longer in the table ends in its entry's clean-up.
+  std::vector<MountsRegistryEntrySm*> entries;
+  for (auto it = mountsRegistryEntrySm_.begin(); it; ++it) entries.push_back(it.value().ptr());
+  for (MountsRegistryEntrySm* entry : entries) entry->mountsEndBegin();
+  for (auto it = kivPeer_.begin(); it; ++it)
+    for (MountsRegistryEntrySm* entry : entries) entry->mountEnd(it.key());
   // The entries first: their clean-ups still ask the connection machines for versions.
   mountsRegistryEntrySm_.clear();
   publishRegistryEntrySm_.clear();

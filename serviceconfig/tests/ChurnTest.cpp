@@ -312,8 +312,19 @@ TEST_F(Shutdown, TheConfigurationSideWithdrawsWhatItPutInTheRegistry) {
 
 TEST_F(Shutdown, TheRegistrySideTakesItsMountsAndPublicationsDown) {
   Sim::Switch& s1 = running();
+  // A switch that has left while its mount is still being taken down: the registry ends the mounts
+  // switch by switch over its peers, and this one is no longer among them.
+  Sim::Switch& s2 = network.switchIs("00:00:00:00:00:02");
+  s2.entityIs("a");
+  s2.serviceVersionIs("svc", 1).unmountLatencyIs(5).connect();
+  loop.advanceBy(2);
+  ASSERT_EQ(statusOf("svc", s2, "g", "/a")->mountState(), mountStateMounted);
+  s2.disconnect();
+  loop.advanceBy(1);
+  ASSERT_TRUE(registrySm->mountsRegistryEntrySm("/a")->mountSm(s2.systemId()));
   registrySm = nullptr;
   EXPECT_FALSE(root->entityAtPath("mounts/a/" + s1.name().stdString() + "/a"));
+  EXPECT_FALSE(root->entityAtPath("mounts/a/" + s2.name().stdString() + "/a"));
   EXPECT_EQ(mountStatusOf("svc")->systemStatusSize(), 0u);
   EXPECT_EQ(dbPublish->systemSize(), 0u);
   EXPECT_EQ(dbPublish->servicePublishReadySize(), 0u);
