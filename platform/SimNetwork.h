@@ -96,6 +96,7 @@ class Switch {
   Switch& serviceVersionIs(Kiv::Name const& service, std::uint32_t version);
   // Withdraws the service: disabled, then removed from the connection's service status.
   Switch& serviceVersionDel(Kiv::Name const& service);
+  std::map<Kiv::Name, std::uint32_t> const& serviceVersions() const { return serviceVersions_; }
 
   Kiv::Seconds mountLatency() const { return mountLatency_; }
   Switch& mountLatencyIs(Kiv::Seconds s);
