@@ -23,6 +23,7 @@
 #include "initialmount/ServiceInitialMountSm.h"
 #include "platform/MountSm.h"
 #include "registry/MountsRegistryEntrySm.h"
+#include "registry/PublishRegistryEntrySm.h"
 
 namespace Host {
 
@@ -244,14 +245,44 @@ class Checker {
         if (!w_.root->entityAtPath(m.value().path().view())) fail("published only an existing entity", where);
       }
     }
-    for (auto const& d : s_.services)
-      if (w_.dbPublish->servicePublishReady(d.name) && (currentGen(d) != leader || !ready(d)))
-        fail("publish readiness only for a ready, current service", d.name);
+    // Readiness stands exactly while the service is ready and current and every one of its
+    // publish entries has been processed.
+    for (auto const& d : s_.services) {
+      bool expected = currentGen(d) == leader && ready(d);
+      for (auto e = w_.registry->publishEntryIter(); expected && e; ++e) {
+        if (e.value()->serviceName().view() != d.name) continue;
+        auto sm = w_.registrySm->publishRegistryEntrySm(e.key());
+        expected = sm && sm->processed();
+      }
+      if (w_.dbPublish->servicePublishReady(d.name) != expected)
+        fail("publish readiness exactly while ready, current and processed",
+             d.name + (expected ? " is not ready" : " is ready"));
+    }
     // Machines: one per entity, no orphan, no missing one; filter counts match a recount.
     auto const& rsm = *w_.registrySm;
     if (rsm.mountsRegistryEntrySms() != w_.registry->mountEntrySize())
       fail("one entry machine per registry entry", std::to_string(rsm.mountsRegistryEntrySms()) + " machines for " +
                                                        std::to_string(w_.registry->mountEntrySize()) + " entries");
+    if (rsm.publishRegistryEntrySms() != w_.registry->publishEntrySize())
+      fail("one machine per publish entry", std::to_string(rsm.publishRegistryEntrySms()));
+    std::size_t const peerCount = peers ? peers->peerSize() : 0;
+    if (rsm.connectionServiceStatusDirSms() != peerCount)
+      fail("one connection machine per peer", std::to_string(rsm.connectionServiceStatusDirSms()));
+    std::set<std::string> mounting, ordinary, publishing;
+    for (auto const& d : s_.services) {
+      if (paired<Controller::ServiceMountConfig, Controller::ServiceMountStatus>(
+              d.proxy ? w_.proxyMountConfig : w_.mountConfig, w_.statusDir(d), d.name)) {
+        mounting.insert(d.name);
+        if (!d.proxy) ordinary.insert(d.name);
+      }
+      if (paired<Controller::ServicePublishConfig, Controller::ServicePublishStatus>(w_.publishConfig,
+                                                                                    w_.publishStatus, d.name))
+        publishing.insert(d.name);
+    }
+    if (w_.serviceConfig->serviceMountConfigSms() != mounting.size() ||
+        w_.serviceConfig->servicePublishConfigSms() != publishing.size() ||
+        w_.initialMount->serviceInitialMountSms() != ordinary.size())
+      fail("one machine per configured service", "");
     for (auto e = w_.registry->mountEntryIter(); e; ++e) {
       auto sm = rsm.mountsRegistryEntrySm(e.key());
       if (!sm) fail("one entry machine per registry entry", "none for " + std::string(e.key().view()));
@@ -380,6 +411,11 @@ class Checker {
     auto it = sw.serviceVersions().find(Kiv::Name(versionService(d)));
     if (it == sw.serviceVersions().end()) return std::nullopt;
     return it->second;
+  }
+  template <class Config, class Status>
+  static bool paired(Kiv::Ptr<Kiv::Dir> const& configDir, Kiv::Ptr<Kiv::Dir> const& statusDir,
+                     std::string const& name) {
+    return Kiv::entityCast<Config>(configDir->entityPtr(name)) && Kiv::entityCast<Status>(statusDir->entityPtr(name));
   }
   bool beingUnmounted(Sim::Switch const& sw, Kiv::Name const& path) const {
     auto entry = w_.registrySm->mountsRegistryEntrySm(path);
