@@ -68,7 +68,7 @@ std::string address(unsigned i) {
 std::string generateScenario(std::uint64_t seed) {
   Rng r(seed);
   // Swarm parameters: each seed leans a different way, so that rare orders get their turn.
-  unsigned const switches = 1 + r.below(5);
+  unsigned const switches = 1 + r.below(8);
   unsigned const services = 1 + r.below(3);
   unsigned const paths = 1 + r.below(4);
   bool const filters = r.chance(0.5), proxy = r.chance(0.3), preserve = r.chance(0.3), publish = r.chance(0.6);
@@ -79,7 +79,7 @@ std::string generateScenario(std::uint64_t seed) {
   for (char const* k : {"connect", "disconnect", "flap", "version", "withdraw", "fail", "latency", "leader", "gen",
                         "ready", "create"})
     if (r.chance(0.5)) kinds.push_back(k);
-  unsigned const events = kinds.empty() ? 0 : r.below(30);
+  unsigned const events = kinds.empty() ? 0 : r.below(60);
 
   std::ostringstream os;
   os << "# seed " << seed << "\nheartbeat " << num(heartbeat) << "\ntimeout " << num(timeout) << "\nretries "
