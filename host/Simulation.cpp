@@ -147,6 +147,11 @@ std::string generateScenario(std::uint64_t seed) {
         creatable.push_back(local);
       }
     }
+    if (r.chance(0.2)) {
+      std::string const local = "/local/" + s + "/dir";
+      os << "publish " << s << " pd " << local << " remote /pub/" << s << "/dir type Sim::Record dir" << restrict
+         << "\nlocal " << local << "\n";
+    }
   }
   for (unsigned e = 0; e < events; ++e) {
     std::string const& kind = kinds[r.below(static_cast<unsigned>(kinds.size()))];
