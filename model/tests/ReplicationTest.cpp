@@ -440,3 +440,28 @@ TEST_F(Replication, AFrameLongerOrShorterThanItsLengthOrOverTheLimitEndsTheConne
   endless.resize(endless.size() + 1000, 0xff);
   check(endless, "frame of more than");
 }
+
+TEST_F(Replication, FiftyReconnectionsWithChangesUpAndDownEachEndWithTheReplicaInStep) {
+  modeltrees::build(*local);
+  mountAll();
+  // A small output and a slow stream: each break finds changes applied, in flight and still
+  // dirty, and a round whose marker or acknowledgement goes with them.
+  a->outputRoomIs(64);
+  connect();
+  stream->latencyIs(0.01);
+  auto const table = [&](std::uint32_t index) { return a->mountTable(index); };
+  for (int i = 0; i < 50; ++i) {
+    modeltrees::churn(*local, *a, 2 * i);
+    table(Demuxer::kRequestTable)->nextRoundIs(2 * i + 1);
+    loop.advanceBy(0.01 * (i % 4));
+    stream->breakIs();
+    if (i % 2 == 1) modeltrees::churn(*local, *a, 2 * i + 1);
+    stream->reconnect();
+    std::uint64_t const remounted = 2 * i + 2;
+    table(Demuxer::kRequestTable)->nextRoundIs(remounted);
+    ASSERT_TRUE(loop.runUntil([&] { return table(Demuxer::kAppliedTable)->round() == remounted; }, loop.now() + 10))
+        << "reconnection " << i;
+    ASSERT_EQ(dump(*b->replicaDir()), dump(*local)) << "reconnection " << i;
+  }
+  EXPECT_EQ(a->error() + b->error(), "");
+}
