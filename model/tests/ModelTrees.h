@@ -142,6 +142,45 @@ inline void changeWhileDown(Kiv::Dir& dir, Kiv::NboAttrLog::Demuxer& demuxer) {
   demuxer.mountIs("extra", extra);
 }
 
+// Change number i of an endless series over the built trees: values, set entries, members made,
+// removed and made again with other constructor parameters, references moved, and every fifth
+// change a root unmounted or a new one mounted under its name. Filters are never removed, so no
+// reference leaves the trees.
+inline void churn(Kiv::Dir& dir, Kiv::NboAttrLog::Demuxer& demuxer, int i) {
+  std::string const n = std::to_string(i);
+  auto key = [](char const* prefix, int k) { return Kiv::Name(prefix + std::to_string(k)); };
+  auto c = Kiv::entityCast<ServiceMountConfig>(dir.entityPtr(kMountConfig));
+  c->serviceNameIs("s" + n);
+  c->warmIs(i % 2 == 0);
+  auto v = c->versionFilterIs(key("v", i % 3));
+  v->includedServiceVersionIs(i % 5, i % 2 == 0);
+  v->includedServiceVersionDel((i + 2) % 5);
+  auto g = c->mountGroupConfigIs(key("g", i % 4));
+  g->versionFilterIs(i % 3 == 0 ? nullptr : v);
+  Kiv::Name const m = key("/m", i % 3);
+  g->mountConfigDel(m);
+  g->mountConfigIs(m, "T" + n, "", "");
+  c->mountGroupConfigDel(key("g", (i + 2) % 4));
+
+  auto st = Kiv::entityCast<ServiceMountStatus>(dir.entityPtr(kMountStatus));
+  st->initialMountsCompleteIs("g" + std::to_string(i % 4), i % 3 == 0);
+  st->mountedPathPrefixDel("/p");
+  st->mountedPathPrefixIs("/p", "/mnt/" + n);
+  auto gs = st->systemStatusIs(key("00:00:00:00:00:0", i % 3))->serviceMountGroupStatusIs("g");
+  gs->mountStatusIs(m)->mountStateIs(static_cast<MountState>(i % 5));
+  st->systemStatusDel(key("00:00:00:00:00:0", (i + 1) % 3));
+
+  if (i % 5 != 4) return;
+  if (dir.entityPtr(kPublishStatus)) {
+    demuxer.mountDel(kPublishStatus);
+    dir.entityPtrDel(kPublishStatus);
+  } else {
+    auto pst = dir.entryIs<ServicePublishStatus>(kPublishStatus);
+    pst->servicePublishGroupStatusIs(key("pg", i))->publishStatusIs(key("/db/", i));
+    demuxer.mountIs(kPublishStatus, pst);
+  }
+}
+
 // --- the canonical text ---
 
 // The path of `e` below `root`: member names joined by '/', "." for the root itself.

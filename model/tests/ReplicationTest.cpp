@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -45,7 +46,48 @@ class Replication : public ::testing::Test {
     loop.runUntilIdle();
     return bytes;
   }
+  // The bytes of one whole connection: a tree as built, the scripted changes, a second tree
+  // mounted, then a round. The source is left as the connection leaves it, holding only the
+  // mounted trees. One tree keeps the stream short: tests replay it once per byte.
+  std::vector<std::uint8_t> aConnection() {
+    modeltrees::build(*local);
+    a->mountIs(modeltrees::kMountConfig, local->entityPtr(modeltrees::kMountConfig));
+    stream = InProcessStream::InProcessStreamIs(a, b);
+    stream->stalledIs(true);
+    for (int step = 1; step <= modeltrees::kSteps; ++step) modeltrees::change(*local, step);
+    modeltrees::changeWhileDown(*local, *a);
+    a->mountTable(Demuxer::kRequestTable)->nextRoundIs(1);
+    std::vector<std::uint8_t> bytes = a->output();
+    stream->breakIs();
+    stream->stalledIs(false);
+    for (char const* name : {modeltrees::kMountStatus, modeltrees::kPublishConfig}) local->entityPtrDel(name);
+    return bytes;
+  }
+  // Gives b the first n of `bytes` on a connection of their own, then breaks it. Returns the
+  // error b reports for that connection.
+  std::string brokenAfter(std::vector<std::uint8_t> const& bytes, std::size_t n) {
+    stream->breakIs();
+    auto const cut = InProcessStream::InProcessStreamIs(Demuxer::DemuxerIs("replay", false), b);
+    b->bytesIn(bytes.data(), n);
+    cut->breakIs();
+    return b->error();
+  }
+  void remount() {
+    stream->reconnect();
+    loop.runUntilIdle();
+  }
 };
+
+// Where each frame of a byte stream starts, and where the stream ends.
+std::vector<std::size_t> frameStarts(std::vector<std::uint8_t> const& bytes) {
+  std::vector<std::size_t> at{0};
+  Decoder d(bytes.data(), bytes.size());
+  while (d.left() > 0) {
+    d.bytes(static_cast<std::size_t>(d.varint()));
+    at.push_back(bytes.size() - d.left());
+  }
+  return at;
+}
 
 template <class T>
 using Recorder = Controller::kivtesting::Traits<T>::Recorder;
@@ -338,4 +380,88 @@ TEST_F(Replication, BadBytesEndTheConnectionWithOneErrorAndLeaveOnlyWholeUpdates
   EXPECT_FALSE(replica<ServiceMountConfig>(modeltrees::kMountConfig)->warm());
   stream->breakIs();
   EXPECT_NE(b->error().find("connection ended inside a frame"), std::string::npos) << b->error();
+}
+
+TEST_F(Replication, AConnectionBrokenAtAnyByteLeavesAReplicaThatTheNextRemountMakesWhole) {
+  std::vector<std::uint8_t> const bytes = aConnection();
+  std::string const source = dump(*local);
+  std::vector<std::size_t> const frames = frameStarts(bytes);
+  // The replica keeps whatever the cut connection left, as after any break.
+  for (std::size_t cut = 0; cut < bytes.size(); ++cut) {
+    bool const betweenFrames = std::binary_search(frames.begin(), frames.end(), cut);
+    ASSERT_EQ(brokenAfter(bytes, cut).empty(), betweenFrames) << "cut at byte " << cut;
+    remount();
+    ASSERT_EQ(dump(*b->replicaDir()), source) << "cut at byte " << cut;
+  }
+}
+
+TEST_F(Replication, AFrameLongerOrShorterThanItsLengthOrOverTheLimitEndsTheConnectionCleanly) {
+  std::vector<std::uint8_t> const bytes = aConnection();
+  std::string const source = dump(*local);
+  std::vector<std::size_t> const frames = frameStarts(bytes);
+  auto const check = [&](std::vector<std::uint8_t> const& bad, std::string const& error) {
+    std::string const got = brokenAfter(bad, bad.size());
+    EXPECT_NE(got.find(error), std::string::npos) << got;
+    remount();
+    ASSERT_EQ(dump(*b->replicaDir()), source);
+  };
+
+  // Each frame in turn with a length one short of its payload, or one past it: then it takes the
+  // next frame's first byte, or waits for a byte that never comes.
+  auto const at = [&](std::size_t i) { return bytes.begin() + static_cast<std::ptrdiff_t>(i); };
+  for (std::size_t f = 0; f + 1 < frames.size(); ++f) {
+    SCOPED_TRACE("frame " + std::to_string(f));
+    Decoder d(&*at(frames[f]), frames[f + 1] - frames[f]);
+    std::size_t const length = static_cast<std::size_t>(d.varint());
+    for (bool shorter : {true, false}) {
+      std::vector<std::uint8_t> bad(bytes.begin(), at(frames[f]));
+      Encoder(bad).varint(shorter ? length - 1 : length + 1);
+      bad.insert(bad.end(), at(frames[f + 1] - length), at(frames[f + 1] - shorter));
+      bad.insert(bad.end(), at(frames[f + 1]), bytes.end());
+      check(bad, shorter                 ? "truncated frame"
+                 : f + 2 < frames.size() ? "trailing bytes"
+                                         : "connection ended inside a frame");
+    }
+  }
+
+  // A length over the limit is refused as soon as it is read, before any of the payload it
+  // announces is awaited; one at the limit is awaited.
+  std::vector<std::uint8_t> const whole(bytes.begin(), at(frames[frames.size() / 2]));
+  auto const announcing = [&](std::uint64_t length) {
+    std::vector<std::uint8_t> bad = whole;
+    Encoder(bad).varint(length);
+    bad.resize(bad.size() + 1000, 0);
+    return bad;
+  };
+  check(announcing(kMaxFrame + 1), "frame of more than");
+  check(announcing(std::uint64_t(1) << 40), "frame of more than");
+  check(announcing(kMaxFrame), "connection ended inside a frame");
+  std::vector<std::uint8_t> endless = whole;
+  endless.resize(endless.size() + 1000, 0xff);
+  check(endless, "frame of more than");
+}
+
+TEST_F(Replication, FiftyReconnectionsWithChangesUpAndDownEachEndWithTheReplicaInStep) {
+  modeltrees::build(*local);
+  mountAll();
+  // A small output and a slow stream: each break finds changes applied, in flight and still
+  // dirty, and a round whose marker or acknowledgement goes with them.
+  a->outputRoomIs(64);
+  connect();
+  stream->latencyIs(0.01);
+  auto const table = [&](std::uint32_t index) { return a->mountTable(index); };
+  for (int i = 0; i < 50; ++i) {
+    modeltrees::churn(*local, *a, 2 * i);
+    table(Demuxer::kRequestTable)->nextRoundIs(2 * i + 1);
+    loop.advanceBy(0.01 * (i % 4));
+    stream->breakIs();
+    if (i % 2 == 1) modeltrees::churn(*local, *a, 2 * i + 1);
+    stream->reconnect();
+    std::uint64_t const remounted = 2 * i + 2;
+    table(Demuxer::kRequestTable)->nextRoundIs(remounted);
+    ASSERT_TRUE(loop.runUntil([&] { return table(Demuxer::kAppliedTable)->round() == remounted; }, loop.now() + 10))
+        << "reconnection " << i;
+    ASSERT_EQ(dump(*b->replicaDir()), dump(*local)) << "reconnection " << i;
+  }
+  EXPECT_EQ(a->error() + b->error(), "");
 }
