@@ -10,6 +10,7 @@
 #include <map>
 #include <sstream>
 
+#include "host/Utf8.h"
 #include "host/World.h"
 #include "kiv/Clock.h"
 #include "kiv/Trace.h"
@@ -29,19 +30,27 @@ std::string fixed(double t, int precision = 3) {
   return os.str();
 }
 
+// JSON text is UTF-8: a byte that is not part of a character becomes U+FFFD.
 std::string jsonString(std::string_view s) {
   std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') {
+  while (!s.empty()) {
+    CodePoint const c = decodeUtf8(s);
+    if (c.length == 0) {
+      out += "\\ufffd";
+      s.remove_prefix(1);
+      continue;
+    }
+    if (c.value == '"' || c.value == '\\') {
       out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
+      out += static_cast<char>(c.value);
+    } else if (c.value < 0x20) {
       char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
+      std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c.value));
       out += buf;
     } else {
-      out += c;
+      out.append(s.substr(0, c.length));
     }
+    s.remove_prefix(c.length);
   }
   return out + "\"";
 }

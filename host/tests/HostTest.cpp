@@ -191,5 +191,18 @@ TEST(HostRun, AVersionChangeOnAConnectedSwitchRemountsByTheVersionFilter) {
   EXPECT_TRUE(has(back.out, mounted)) << back.out;
 }
 
+// Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
+// string is escaped, and a byte that is no UTF-8 at all (from a scenario not made by the reader)
+// still gives valid JSON.
+TEST(HostRun, TheJsonReportEscapesWhatJsonRequires) {
+  Scenario s = parseScenario(
+      std::string(kOneSwitch) + "service q\"\\\xc3\xa9\nmount q\"\\\xc3\xa9 g /sys/config type Sim::Record\nrun 5\n",
+      "t.scn");
+  s.mounts[0].group = "g\x01\xff";
+  std::ostringstream out, err;
+  ASSERT_EQ(runScenario(s, json(), out, err), 0) << err.str();
+  EXPECT_TRUE(has(out.str(), "{\"service\": \"q\\\"\\\\\xc3\xa9\", \"group\": \"g\\u0001\\ufffd\"")) << out.str();
+}
+
 }  // namespace
 }  // namespace Host
