@@ -265,16 +265,9 @@ int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostre
       o.trace = *v;
     } else if (a == "--until") {
       auto v = value();
-      double d = -1;
-      try {
-        std::size_t used = 0;
-        if (v) d = std::stod(*v, &used);
-        if (v && used != v->size()) d = -1;
-      } catch (std::exception const&) {
-        d = -1;
-      }
-      if (d <= 0) {
-        err << "mounthost: --until needs a positive number of seconds\n" << kUsage;
+      std::optional<double> const d = v ? parseSeconds(*v) : std::nullopt;
+      if (!d || *d == 0) {
+        err << "mounthost: --until needs a number of seconds from 1e-6 to 1e9\n" << kUsage;
         return 2;
       }
       o.until = d;

@@ -2,23 +2,67 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
 #include <set>
 #include <sstream>
+
+#include "host/Utf8.h"
 
 namespace Host {
 
 namespace {
 
-bool isAddress(std::string_view a) {
-  if (a.size() != 17) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
+// Every number is bounded, so that each value fits what it feeds and virtual time keeps moving.
+// Seconds are 0, or from 1e-6 to 1e9 (about 31 years): up there a double still tells
+// microseconds apart, so a timer never lands on the time it was armed at, and nothing
+// subnormal reaches the machines. The heartbeat, the mount timeout, the end time and a flap's
+// down time must be positive. Counts fit the registry's U32; a version starts at 1, as 0 means
+// that none was negotiated.
+constexpr double kMinSeconds = 1e-6;
+constexpr double kMaxSeconds = 1e9;
+constexpr char kSecondsRange[] = "1e-6 to 1e9 seconds";
+
+// The lower-case form of a non-zero Ethernet address; empty when `a` is not one.
+std::string canonicalAddress(std::string_view a) {
+  if (a.size() != 17) return {};
+  std::string out(a);
+  for (std::size_t i = 0; i < out.size(); ++i) {
     if (i % 3 == 2) {
-      if (a[i] != ':') return false;
-    } else if (!std::isxdigit(static_cast<unsigned char>(a[i]))) {
-      return false;
+      if (out[i] != ':') return {};
+    } else if (std::isxdigit(static_cast<unsigned char>(out[i]))) {
+      out[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(out[i])));
+    } else {
+      return {};
     }
   }
-  return true;
+  return out == "00:00:00:00:00:00" ? std::string() : out;
+}
+
+// `w` with every byte that is not part of a printable UTF-8 character shown as \xNN.
+std::string shown(std::string_view w) {
+  std::string out;
+  while (!w.empty()) {
+    CodePoint const c = decodeUtf8(w);
+    if (c.length > 0 && !isControl(c.value)) {
+      out.append(w.substr(0, c.length));
+      w.remove_prefix(c.length);
+      continue;
+    }
+    for (std::size_t i = 0; i < std::max<std::size_t>(c.length, 1); ++i) {
+      char hex[5];
+      std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(w[i]));
+      out += hex;
+    }
+    w.remove_prefix(std::max<std::size_t>(c.length, 1));
+  }
+  return out;
+}
+
+bool under(std::string_view path, std::string_view dir) {
+  return path.starts_with(dir) && (path.size() == dir.size() || path[dir.size()] == '/');
 }
 
 class Parser {
@@ -33,17 +77,20 @@ class Parser {
     pos_ = 0;
     for (std::string word; in >> word;) w_.push_back(word);
     if (w_.empty()) return;
+    // Names reach trace lines, tables and JSON: no control characters, nothing that is not UTF-8.
+    for (auto const& w : w_)
+      if (std::string s = shown(w); s != w) fail("'" + s + "' is not printable UTF-8");
     std::string const kw = next("a statement");
     if (kw == "heartbeat") {
-      s_.heartbeat = positive(next("the heartbeat interval"), "heartbeat interval");
+      s_.heartbeat = seconds(next("the heartbeat interval"), "heartbeat interval", true);
     } else if (kw == "leader") {
       s_.leader = next("a generation id");
     } else if (kw == "retries") {
-      s_.retries = count(next("a retry count"));
+      s_.retries = count(next("a retry count"), "retry count", 0);
     } else if (kw == "timeout") {
-      s_.timeout = positive(next("the mount timeout"), "mount timeout");
+      s_.timeout = seconds(next("the mount timeout"), "mount timeout", true);
     } else if (kw == "run") {
-      s_.until = positive(next("the end time"), "end time");
+      s_.until = seconds(next("the end time"), "end time", true);
     } else if (kw == "local") {
       s_.locals.push_back(path(next("a local path")));
     } else if (kw == "switch") {
@@ -76,31 +123,42 @@ class Parser {
     if (!more()) fail(std::string("missing ") + what);
     return w_[pos_++];
   }
-  double number(std::string const& w, char const* what) {
-    double v = 0;
+  double seconds(std::string const& w, char const* what, bool positive) {
+    auto v = parseSeconds(w);
+    if (!v || (positive && *v == 0))
+      fail(std::string("bad ") + what + " '" + w + "' (want " + (positive ? "" : "0 or ") + kSecondsRange + ")");
+    return *v;
+  }
+  unsigned count(std::string const& w, char const* what, std::uint32_t least) {
+    std::uint32_t v = 0;
     auto [p, ec] = std::from_chars(w.data(), w.data() + w.size(), v);
-    if (ec != std::errc() || p != w.data() + w.size() || v < 0) fail(std::string("bad ") + what + " '" + w + "'");
+    if (ec != std::errc() || p != w.data() + w.size() || v < least)
+      fail(std::string("bad ") + what + " '" + w + "' (want " + std::to_string(least) + " to " +
+           std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")");
     return v;
   }
-  double positive(std::string const& w, char const* what) {
-    double v = number(w, what);
-    if (v <= 0) fail(std::string("bad ") + what + " '" + w + "' (must be positive)");
-    return v;
-  }
-  unsigned count(std::string const& w) {
-    unsigned v = 0;
-    auto [p, ec] = std::from_chars(w.data(), w.data() + w.size(), v);
-    if (ec != std::errc() || p != w.data() + w.size()) fail("bad number '" + w + "'");
-    return v;
-  }
+  // A path names an entity: names after single slashes, so none of them is empty.
   std::string path(std::string const& w) {
-    if (w.size() < 2 || w[0] != '/') fail("bad path '" + w + "' (must start with '/')");
+    if (w.empty() || w[0] != '/') fail("bad path '" + w + "' (must start with '/')");
+    if (w.back() == '/' || w.find("//") != std::string::npos) fail("bad path '" + w + "' (a name in it is empty)");
     return w;
   }
+  // A switch's entities are leaves: none holds another.
+  std::string entityPath(SwitchDecl const& d, std::string const& w) {
+    path(w);
+    for (auto const& e : d.entities)
+      if (under(w, e) || under(e, w)) fail("entity '" + w + "' overlaps entity '" + e + "' of the same switch");
+    return w;
+  }
+  std::string address(std::string const& a) {
+    std::string out = canonicalAddress(a);
+    if (out.empty()) fail("bad switch address '" + a + "' (want a non-zero xx:xx:xx:xx:xx:xx)");
+    return out;
+  }
   std::string knownSwitch(std::string const& a) {
-    if (!isAddress(a)) fail("bad switch address '" + a + "' (want xx:xx:xx:xx:xx:xx)");
-    if (!switches_.count(a)) fail("unknown switch '" + a + "'");
-    return a;
+    std::string out = address(a);
+    if (!switches_.count(out)) fail("unknown switch '" + a + "'");
+    return out;
   }
   ServiceDecl const& knownService(std::string const& name) {
     auto const* svc = s_.service(name);
@@ -117,18 +175,18 @@ class Parser {
   }
   std::vector<std::string> systems(std::string const& w) {
     auto out = list(w);
-    for (auto const& a : out) knownSwitch(a);
+    for (auto& a : out) a = knownSwitch(a);
     return out;
   }
   std::vector<unsigned> versions(std::string const& w) {
     std::vector<unsigned> out;
-    for (auto const& v : list(w)) out.push_back(count(v));
+    for (auto const& v : list(w)) out.push_back(count(v, "version", 1));
     return out;
   }
   std::pair<std::string, unsigned> serviceVersion(std::string const& w) {
     auto eq = w.find('=');
     if (eq == std::string::npos || eq == 0) fail("bad service version '" + w + "' (want service=N)");
-    return {w.substr(0, eq), count(w.substr(eq + 1))};
+    return {w.substr(0, eq), count(w.substr(eq + 1), "version", 1)};
   }
   // Consumes words up to the next keyword of the statement.
   template <class F>
@@ -139,16 +197,15 @@ class Parser {
 
   void switchDecl() {
     SwitchDecl d;
-    d.address = next("a switch address");
-    if (!isAddress(d.address)) fail("bad switch address '" + d.address + "' (want xx:xx:xx:xx:xx:xx)");
+    d.address = address(next("a switch address"));
     if (!switches_.insert(d.address).second) fail("switch '" + d.address + "' declared twice");
     static std::set<std::string> const kws{"latency", "handshake", "fail", "down", "version", "entity"};
     while (more()) {
       std::string kw = next("an option");
       if (kw == "latency") {
-        d.latency = number(next("a latency"), "latency");
+        d.latency = seconds(next("a latency"), "latency", false);
       } else if (kw == "handshake") {
-        d.handshake = number(next("a handshake latency"), "handshake latency");
+        d.handshake = seconds(next("a handshake latency"), "handshake latency", false);
       } else if (kw == "fail") {
         d.failing = true;
       } else if (kw == "down") {
@@ -156,7 +213,7 @@ class Parser {
       } else if (kw == "version") {
         each(kws, [&](std::string const& w) { d.versions.insert(serviceVersion(w)); });
       } else if (kw == "entity") {
-        each(kws, [&](std::string const& w) { d.entities.push_back(path(w)); });
+        each(kws, [&](std::string const& w) { d.entities.push_back(entityPath(d, w)); });
       } else {
         fail("unknown switch option '" + kw + "'");
       }
@@ -198,7 +255,7 @@ class Parser {
       } else if (kw == "flags") {
         d.flags = next("flags");
       } else if (kw == "target") {
-        d.target = next("a target path");
+        d.target = path(next("a target path"));
       } else if (kw == "systems") {
         d.systems = systems(next("a switch list"));
       } else if (kw == "versions") {
@@ -248,27 +305,29 @@ class Parser {
   void event() {
     Event e;
     e.line = line_;
-    e.time = number(next("a time"), "time");
+    e.time = seconds(next("a time"), "time", false);
     std::string const action = next("an action");
     e.words.push_back(action);
     auto take = [&](char const* what) { e.words.push_back(next(what)); return e.words.back(); };
+    // The world finds a switch by the address as the scenario declared it.
+    auto knownSwitchWord = [&] { e.words.push_back(knownSwitch(next("a switch address"))); };
     if (action == "connect" || action == "disconnect") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
     } else if (action == "flap") {
-      knownSwitch(take("a switch address"));
-      positive(take("a down time"), "down time");
+      knownSwitchWord();
+      seconds(take("a down time"), "down time", true);
     } else if (action == "version") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
       serviceVersion(take("service=N"));
     } else if (action == "withdraw") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
       take("a service name");
     } else if (action == "fail") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
       onOff(take("on or off"));
     } else if (action == "latency") {
-      knownSwitch(take("a switch address"));
-      number(take("a latency"), "latency");
+      knownSwitchWord();
+      seconds(take("a latency"), "latency", false);
     } else if (action == "leader") {
       take("a generation id");
     } else if (action == "gen") {
@@ -299,6 +358,14 @@ ServiceDecl const* Scenario::service(std::string_view n) const {
   for (auto const& s : services)
     if (s.name == n) return &s;
   return nullptr;
+}
+
+std::optional<double> parseSeconds(std::string_view text) {
+  double v = 0;
+  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec != std::errc() || p != text.data() + text.size() || !std::isfinite(v)) return std::nullopt;
+  if (v != 0 && !(v >= kMinSeconds && v <= kMaxSeconds)) return std::nullopt;
+  return v;
 }
 
 Scenario parseScenario(std::string_view text, std::string const& fileName) {

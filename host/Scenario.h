@@ -4,6 +4,7 @@
 // runs nothing.
 
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -74,6 +75,9 @@ struct Scenario {
 
 // Throws ScenarioError at the first fault.
 Scenario parseScenario(std::string_view text, std::string const& fileName);
+
+// A number of seconds as the scenario reads them (see Scenario.cpp); nullopt for anything else.
+std::optional<double> parseSeconds(std::string_view text);
 
 // The scenario run when no file is given.
 std::string_view defaultScenarioText();
