@@ -8,6 +8,7 @@
 #include <limits>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "host/Utf8.h"
 
@@ -92,7 +93,7 @@ class Parser {
     } else if (kw == "run") {
       s_.until = seconds(next("the end time"), "end time", true);
     } else if (kw == "local") {
-      s_.locals.push_back(path(next("a local path")));
+      s_.locals.push_back(localPath(next("a local path")));
     } else if (kw == "switch") {
       switchDecl();
     } else if (kw == "service") {
@@ -117,6 +118,7 @@ class Parser {
 
  private:
   [[noreturn]] void fail(std::string const& reason) const { throw ScenarioError(file_, line_, reason); }
+  std::string lineOf(int line) const { return " (line " + std::to_string(line) + ")"; }
 
   bool more() const { return pos_ < w_.size(); }
   std::string next(char const* what) {
@@ -142,6 +144,26 @@ class Parser {
     if (w.empty() || w[0] != '/') fail("bad path '" + w + "' (must start with '/')");
     if (w.back() == '/' || w.find("//") != std::string::npos) fail("bad path '" + w + "' (a name in it is empty)");
     return w;
+  }
+  // A path the host creates locally: clear of the host's own directories and of mounted copies.
+  std::string localPath(std::string const& w) {
+    outsideHostDirs(w, "'" + w + "'");
+    for (auto const& [target, line] : targets_)
+      if (under(w, target)) fail("'" + w + "' is under '" + target + "', which holds mounted copies" + lineOf(line));
+    locals_.emplace_back(w, line_);
+    return w;
+  }
+  std::string targetPath(std::string const& w) {
+    outsideHostDirs(w, "target '" + w + "'");
+    for (auto const& [local, line] : locals_)
+      if (under(local, w)) fail("target '" + w + "' would hold mounted copies over '" + local + "'" + lineOf(line));
+    targets_.emplace_back(w, line_);
+    return w;
+  }
+  void outsideHostDirs(std::string const& w, std::string const& shownAs) {
+    path(w);
+    for (std::string_view dir : kHostDirs)
+      if (under(w, dir)) fail(shownAs + " is under '" + std::string(dir) + "', which the host builds");
   }
   // A switch's entities are leaves: none holds another.
   std::string entityPath(SwitchDecl const& d, std::string const& w) {
@@ -255,7 +277,7 @@ class Parser {
       } else if (kw == "flags") {
         d.flags = next("flags");
       } else if (kw == "target") {
-        d.target = path(next("a target path"));
+        d.target = targetPath(next("a target path"));
       } else if (kw == "systems") {
         d.systems = systems(next("a switch list"));
       } else if (kw == "versions") {
@@ -267,6 +289,15 @@ class Parser {
       }
     }
     if (d.type.empty()) fail("mount needs 'type <T>'");
+    // The registry holds one entry per remote path, whoever mounts it.
+    auto [first, isFirst] = mounted_.try_emplace(d.remotePath, Mounted{d.type, d.flags, line_});
+    if (!isFirst && (first->second.type != d.type || first->second.flags != d.flags))
+      fail("'" + d.remotePath + "' is mounted with type '" + first->second.type + "' and flags '" +
+           first->second.flags + "'" + lineOf(first->second.line) + "; every mount of a path must agree");
+    auto [group, isNew] = mountedBy_.try_emplace({d.service, d.remotePath}, d.group, line_);
+    if (!isNew)
+      fail("service '" + d.service + "' already mounts '" + d.remotePath + "' in group '" + group->second.first + "'" +
+           lineOf(group->second.second));
     s_.mounts.push_back(std::move(d));
   }
 
@@ -295,6 +326,10 @@ class Parser {
     }
     if (d.remotePath.empty()) fail("publish needs 'remote <path>'");
     if (d.type.empty()) fail("publish needs 'type <T>'");
+    auto [group, isNew] = publishedBy_.try_emplace({d.service, d.group, d.localPath}, line_);
+    if (!isNew)
+      fail("group '" + d.group + "' of service '" + d.service + "' already publishes '" + d.localPath + "'" +
+           lineOf(group->second));
     s_.publishes.push_back(std::move(d));
   }
 
@@ -337,7 +372,7 @@ class Parser {
       knownService(take("a service name"));
       onOff(take("on or off"));
     } else if (action == "create") {
-      path(take("a local path"));
+      localPath(take("a local path"));
     } else {
       fail("unknown action '" + action + "'");
     }
@@ -349,6 +384,14 @@ class Parser {
   std::vector<std::string> w_;
   std::size_t pos_ = 0;
   std::set<std::string> switches_;
+  struct Mounted {
+    std::string type, flags;
+    int line;
+  };
+  std::map<std::string, Mounted> mounted_;  // by remote path, as first mounted
+  std::map<std::pair<std::string, std::string>, std::pair<std::string, int>> mountedBy_;  // by service and path
+  std::map<std::tuple<std::string, std::string, std::string>, int> publishedBy_;          // by service, group and path
+  std::vector<std::pair<std::string, int>> locals_, targets_;                             // with their lines
   Scenario s_;
 };
 

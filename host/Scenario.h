@@ -3,6 +3,7 @@
 // line-oriented text (the format is in README.md). Parsing is complete before anything runs, so a bad file
 // runs nothing.
 
+#include <array>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -75,6 +76,11 @@ struct Scenario {
 
 // Throws ScenarioError at the first fault.
 Scenario parseScenario(std::string_view text, std::string const& fileName);
+
+// The directories the host's world builds under its root: a scenario's local paths stay out.
+inline constexpr std::array<std::string_view, 7> kHostDirs{
+    "/mountConfig", "/mountStatus", "/publishConfig", "/publishStatus", "/proxyMountConfig", "/proxyMountStatus",
+    "/mounts"};
 
 // A number of seconds as the scenario reads them (see Scenario.cpp); nullopt for anything else.
 std::optional<double> parseSeconds(std::string_view text);
