@@ -212,7 +212,7 @@ int runScenarioText(std::string const& text, std::string const& fileName, Option
                     std::ostream& out, std::ostream& err) {
   Scenario s;
   try {
-    s = parseScenario(text, fileName);
+    s = parseScenario(text, fileName, options.until);
   } catch (ScenarioError const& e) {
     err << e.what() << '\n';
     return 2;

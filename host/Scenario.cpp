@@ -62,6 +62,12 @@ std::string shown(std::string_view w) {
   return out;
 }
 
+std::string shown(double v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
 bool under(std::string_view path, std::string_view dir) {
   return path.starts_with(dir) && (path.size() == dir.size() || path[dir.size()] == '/');
 }
@@ -92,6 +98,7 @@ class Parser {
       s_.timeout = seconds(next("the mount timeout"), "mount timeout", true);
     } else if (kw == "run") {
       s_.until = seconds(next("the end time"), "end time", true);
+      runLine_ = line_;
     } else if (kw == "local") {
       s_.locals.push_back(localPath(next("a local path")));
     } else if (kw == "switch") {
@@ -110,7 +117,15 @@ class Parser {
     if (pos_ < w_.size()) fail("unexpected '" + w_[pos_] + "'");
   }
 
-  Scenario finish() {
+  Scenario finish(std::optional<double> until) {
+    if (until) s_.until = *until;
+    std::string const by = until      ? std::string(" (--until)")
+                           : runLine_ ? lineOf(runLine_)
+                                      : " (the default; 'run' sets it)";
+    for (auto const& e : s_.events)
+      if (e.time > s_.until)
+        throw ScenarioError(file_, e.line,
+                            "event at " + shown(e.time) + " is after the end time " + shown(s_.until) + by);
     std::stable_sort(s_.events.begin(), s_.events.end(),
                      [](Event const& a, Event const& b) { return a.time < b.time; });
     return std::move(s_);
@@ -392,6 +407,7 @@ class Parser {
   std::map<std::pair<std::string, std::string>, std::pair<std::string, int>> mountedBy_;  // by service and path
   std::map<std::tuple<std::string, std::string, std::string>, int> publishedBy_;          // by service, group and path
   std::vector<std::pair<std::string, int>> locals_, targets_;                             // with their lines
+  int runLine_ = 0;
   Scenario s_;
 };
 
@@ -411,7 +427,7 @@ std::optional<double> parseSeconds(std::string_view text) {
   return v;
 }
 
-Scenario parseScenario(std::string_view text, std::string const& fileName) {
+Scenario parseScenario(std::string_view text, std::string const& fileName, std::optional<double> until) {
   Parser p(fileName);
   int number = 0;
   while (!text.empty()) {
@@ -419,7 +435,7 @@ Scenario parseScenario(std::string_view text, std::string const& fileName) {
     p.line(++number, text.substr(0, nl));
     text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
   }
-  return p.finish();
+  return p.finish(until);
 }
 
 std::string_view defaultScenarioText() {

@@ -74,8 +74,9 @@ struct Scenario {
   ServiceDecl const* service(std::string_view name) const;
 };
 
-// Throws ScenarioError at the first fault.
-Scenario parseScenario(std::string_view text, std::string const& fileName);
+// Throws ScenarioError at the first fault. `until`, when given, replaces the scenario's end time
+// (its `run`), and no event may come after it.
+Scenario parseScenario(std::string_view text, std::string const& fileName, std::optional<double> until = std::nullopt);
 
 // The directories the host's world builds under its root: a scenario's local paths stay out.
 inline constexpr std::array<std::string_view, 7> kHostDirs{

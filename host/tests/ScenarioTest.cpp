@@ -117,6 +117,10 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"NeitherOnNorOff", "service p\nat 5 ready p maybe\n", "bad.scn:2: want 'on' or 'off', not 'maybe'"},
         BadInput{"ExtraWord", "leader gen1 gen2\n", "bad.scn:1: unexpected 'gen2'"},
         BadInput{"MissingEventArgument", "run 30\nat 1 leader g\nat 2 leader\n", "bad.scn:3: missing a generation id"},
+        BadInput{"EventAfterRun", "at 1 leader a\nat 31 leader b\nrun 30\n",
+                 "bad.scn:2: event at 31 is after the end time 30 (line 3)"},
+        BadInput{"EventAfterTheDefaultEnd", "at 60.5 leader b\n",
+                 "bad.scn:1: event at 60.5 is after the end time 60 (the default; 'run' sets it)"},
         BadInput{"ControlByteInAName", "service s\x01v\n", "bad.scn:1: 's\\x01v' is not printable UTF-8"},
         BadInput{"DelInAGroup", "service s\nmount s g\x7f /a type T\n", "bad.scn:2: 'g\\x7f' is not printable UTF-8"},
         BadInput{"C1ControlInAType", "service s\nmount s g /a type T\xc2\x85\n",
@@ -192,6 +196,17 @@ TEST(HostCommandLine, BadUsageExitsWithTwoAndHelpAndVersionWithZero) {
   EXPECT_NE(out.str().find("usage: mounthost"), std::string::npos);
   EXPECT_EQ(hostMain({"--version"}, out, err), 0);
   EXPECT_NE(out.str().find(kVersion), std::string::npos);
+}
+
+// --until replaces the scenario's end: events may go up to it and no further.
+TEST(HostCommandLine, EventsAfterTheEndGivenByUntilAreRefused) {
+  std::ostringstream out, err;
+  EXPECT_EQ(hostMain({"--until", "100"}, out, err), 2);
+  EXPECT_EQ(err.str(), "<default>:20: event at 300 is after the end time 100 (--until)\n");
+  EXPECT_EQ(out.str(), "");
+  Options o;
+  o.until = 5;
+  EXPECT_EQ(runScenarioText("at 4 leader b\nrun 3\n", "t.scn", o, out, err), 0) << err.str();
 }
 
 }  // namespace
