@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iomanip>
@@ -233,9 +234,15 @@ constexpr char const* kUsage =
     "  --help            this text\n"
     "  --version         the version\n";
 
-}  // namespace
+// Whether `text` holds a statement: something other than blanks and comments.
+bool hasStatement(std::string_view text) {
+  std::istringstream in{std::string(text)};
+  for (std::string line; std::getline(in, line);)
+    if (line.substr(0, line.find('#')).find_first_not_of(" \t\r\v\f") != std::string::npos) return true;
+  return false;
+}
 
-int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
+int commandLine(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
   Options o;
   std::string file;
   for (std::size_t i = 0; i < args.size(); ++i) {
@@ -291,14 +298,37 @@ int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostre
     }
   }
   if (file.empty()) return runScenarioText(std::string(defaultScenarioText()), "<default>", o, out, err);
-  std::ifstream in(file);
+  // A directory opens as a stream that reads nothing; it must not pass for an empty scenario.
+  std::error_code ec;
+  if (std::filesystem::is_directory(file, ec)) {
+    err << "mounthost: '" << file << "' is a directory, not a scenario file\n";
+    return 2;
+  }
+  std::ifstream in(file, std::ios::binary);
   if (!in) {
     err << "mounthost: cannot read '" << file << "'\n";
     return 2;
   }
   std::stringstream text;
   text << in.rdbuf();
+  if (!hasStatement(text.str())) {
+    err << "mounthost: '" << file << "' has no statements (it is empty or only blanks and comments)\n";
+    return 2;
+  }
   return runScenarioText(text.str(), file, o, out, err);
+}
+
+}  // namespace
+
+int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
+  try {
+    return commandLine(args, out, err);
+  } catch (std::exception const& e) {
+    err << "mounthost: internal error: " << e.what() << '\n';
+  } catch (...) {
+    err << "mounthost: internal error: an exception of unknown type\n";
+  }
+  return 3;
 }
 
 }  // namespace Host

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "host/Host.h"
@@ -190,7 +192,6 @@ TEST(HostCommandLine, BadUsageExitsWithTwoAndHelpAndVersionWithZero) {
     EXPECT_EQ(hostMain({"--until", until}, out, err), 2) << until;
   EXPECT_EQ(hostMain({"--until"}, out, err), 2);
   EXPECT_EQ(hostMain({"a.scn", "b.scn"}, out, err), 2);
-  EXPECT_EQ(hostMain({"/nonexistent/x.scn"}, out, err), 2);
   EXPECT_EQ(out.str(), "");
   EXPECT_EQ(hostMain({"--help"}, out, err), 0);
   EXPECT_NE(out.str().find("usage: mounthost"), std::string::npos);
@@ -207,6 +208,35 @@ TEST(HostCommandLine, EventsAfterTheEndGivenByUntilAreRefused) {
   Options o;
   o.until = 5;
   EXPECT_EQ(runScenarioText("at 4 leader b\nrun 3\n", "t.scn", o, out, err), 0) << err.str();
+}
+
+TEST(HostCommandLine, ADirectoryAnEmptyFileOrOneOfCommentsIsNoScenario) {
+  std::string const dir = ::testing::TempDir() + "host-input";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir + "/empty.scn");
+  std::ofstream(dir + "/comments.scn") << "# only\n   \t\n  # comments\r\n";
+  for (auto const& [file, message] : {std::pair{dir, "is a directory, not a scenario file"},
+                                      {dir + "/empty.scn", "has no statements"},
+                                      {dir + "/comments.scn", "has no statements"},
+                                      {dir + "/missing.scn", "cannot read"}}) {
+    std::ostringstream out, err;
+    EXPECT_EQ(hostMain({file}, out, err), 2) << file;
+    EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
+    EXPECT_EQ(out.str(), "");
+  }
+}
+
+// Nothing escapes the command line: an output that throws (here, on every write) ends with
+// status 3 and says so.
+TEST(HostCommandLine, AnExceptionThatEscapesIsAnInternalErrorWithStatusThree) {
+  struct Refusing : std::streambuf {
+    int overflow(int) override { return traits_type::eof(); }
+  } refusing;
+  std::ostream out(&refusing);
+  out.exceptions(std::ios::badbit);
+  std::ostringstream err;
+  EXPECT_EQ(hostMain({"--version"}, out, err), 3);
+  EXPECT_TRUE(err.str().starts_with("mounthost: internal error: ")) << err.str();
 }
 
 }  // namespace
