@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iomanip>
@@ -10,6 +11,7 @@
 #include <map>
 #include <sstream>
 
+#include "host/Utf8.h"
 #include "host/World.h"
 #include "kiv/Clock.h"
 #include "kiv/Trace.h"
@@ -29,19 +31,27 @@ std::string fixed(double t, int precision = 3) {
   return os.str();
 }
 
+// JSON text is UTF-8: a byte that is not part of a character becomes U+FFFD.
 std::string jsonString(std::string_view s) {
   std::string out = "\"";
-  for (char c : s) {
-    if (c == '"' || c == '\\') {
+  while (!s.empty()) {
+    CodePoint const c = decodeUtf8(s);
+    if (c.length == 0) {
+      out += "\\ufffd";
+      s.remove_prefix(1);
+      continue;
+    }
+    if (c.value == '"' || c.value == '\\') {
       out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
+      out += static_cast<char>(c.value);
+    } else if (c.value < 0x20) {
       char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
+      std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c.value));
       out += buf;
     } else {
-      out += c;
+      out.append(s.substr(0, c.length));
     }
+    s.remove_prefix(c.length);
   }
   return out + "\"";
 }
@@ -203,7 +213,7 @@ int runScenarioText(std::string const& text, std::string const& fileName, Option
                     std::ostream& out, std::ostream& err) {
   Scenario s;
   try {
-    s = parseScenario(text, fileName);
+    s = parseScenario(text, fileName, options.until);
   } catch (ScenarioError const& e) {
     err << e.what() << '\n';
     return 2;
@@ -224,9 +234,15 @@ constexpr char const* kUsage =
     "  --help            this text\n"
     "  --version         the version\n";
 
-}  // namespace
+// Whether `text` holds a statement: something other than blanks and comments.
+bool hasStatement(std::string_view text) {
+  std::istringstream in{std::string(text)};
+  for (std::string line; std::getline(in, line);)
+    if (line.substr(0, line.find('#')).find_first_not_of(" \t\r\v\f") != std::string::npos) return true;
+  return false;
+}
 
-int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
+int commandLine(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
   Options o;
   std::string file;
   for (std::size_t i = 0; i < args.size(); ++i) {
@@ -256,16 +272,9 @@ int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostre
       o.trace = *v;
     } else if (a == "--until") {
       auto v = value();
-      double d = -1;
-      try {
-        std::size_t used = 0;
-        if (v) d = std::stod(*v, &used);
-        if (v && used != v->size()) d = -1;
-      } catch (std::exception const&) {
-        d = -1;
-      }
-      if (d <= 0) {
-        err << "mounthost: --until needs a positive number of seconds\n" << kUsage;
+      std::optional<double> const d = v ? parseSeconds(*v) : std::nullopt;
+      if (!d || *d == 0) {
+        err << "mounthost: --until needs a number of seconds from 1e-6 to 1e9\n" << kUsage;
         return 2;
       }
       o.until = d;
@@ -289,14 +298,37 @@ int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostre
     }
   }
   if (file.empty()) return runScenarioText(std::string(defaultScenarioText()), "<default>", o, out, err);
-  std::ifstream in(file);
+  // A directory opens as a stream that reads nothing; it must not pass for an empty scenario.
+  std::error_code ec;
+  if (std::filesystem::is_directory(file, ec)) {
+    err << "mounthost: '" << file << "' is a directory, not a scenario file\n";
+    return 2;
+  }
+  std::ifstream in(file, std::ios::binary);
   if (!in) {
     err << "mounthost: cannot read '" << file << "'\n";
     return 2;
   }
   std::stringstream text;
   text << in.rdbuf();
+  if (!hasStatement(text.str())) {
+    err << "mounthost: '" << file << "' has no statements (it is empty or only blanks and comments)\n";
+    return 2;
+  }
   return runScenarioText(text.str(), file, o, out, err);
+}
+
+}  // namespace
+
+int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
+  try {
+    return commandLine(args, out, err);
+  } catch (std::exception const& e) {
+    err << "mounthost: internal error: " << e.what() << '\n';
+  } catch (...) {
+    err << "mounthost: internal error: an exception of unknown type\n";
+  }
+  return 3;
 }
 
 }  // namespace Host

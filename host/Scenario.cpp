@@ -2,23 +2,74 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
 #include <set>
 #include <sstream>
+#include <tuple>
+
+#include "host/Utf8.h"
 
 namespace Host {
 
 namespace {
 
-bool isAddress(std::string_view a) {
-  if (a.size() != 17) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
+// Every number is bounded, so that each value fits what it feeds and virtual time keeps moving.
+// Seconds are 0, or from 1e-6 to 1e9 (about 31 years): up there a double still tells
+// microseconds apart, so a timer never lands on the time it was armed at, and nothing
+// subnormal reaches the machines. The heartbeat, the mount timeout, the end time and a flap's
+// down time must be positive. Counts fit the registry's U32; a version starts at 1, as 0 means
+// that none was negotiated.
+constexpr double kMinSeconds = 1e-6;
+constexpr double kMaxSeconds = 1e9;
+constexpr char kSecondsRange[] = "1e-6 to 1e9 seconds";
+
+// The lower-case form of a non-zero Ethernet address; empty when `a` is not one.
+std::string canonicalAddress(std::string_view a) {
+  if (a.size() != 17) return {};
+  std::string out(a);
+  for (std::size_t i = 0; i < out.size(); ++i) {
     if (i % 3 == 2) {
-      if (a[i] != ':') return false;
-    } else if (!std::isxdigit(static_cast<unsigned char>(a[i]))) {
-      return false;
+      if (out[i] != ':') return {};
+    } else if (std::isxdigit(static_cast<unsigned char>(out[i]))) {
+      out[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(out[i])));
+    } else {
+      return {};
     }
   }
-  return true;
+  return out == "00:00:00:00:00:00" ? std::string() : out;
+}
+
+// `w` with every byte that is not part of a printable UTF-8 character shown as \xNN.
+std::string shown(std::string_view w) {
+  std::string out;
+  while (!w.empty()) {
+    CodePoint const c = decodeUtf8(w);
+    if (c.length > 0 && !isControl(c.value)) {
+      out.append(w.substr(0, c.length));
+      w.remove_prefix(c.length);
+      continue;
+    }
+    for (std::size_t i = 0; i < std::max<std::size_t>(c.length, 1); ++i) {
+      char hex[5];
+      std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(w[i]));
+      out += hex;
+    }
+    w.remove_prefix(std::max<std::size_t>(c.length, 1));
+  }
+  return out;
+}
+
+std::string shown(double v) {
+  std::ostringstream os;
+  os << v;
+  return os.str();
+}
+
+bool under(std::string_view path, std::string_view dir) {
+  return path.starts_with(dir) && (path.size() == dir.size() || path[dir.size()] == '/');
 }
 
 class Parser {
@@ -33,19 +84,23 @@ class Parser {
     pos_ = 0;
     for (std::string word; in >> word;) w_.push_back(word);
     if (w_.empty()) return;
+    // Names reach trace lines, tables and JSON: no control characters, nothing that is not UTF-8.
+    for (auto const& w : w_)
+      if (std::string s = shown(w); s != w) fail("'" + s + "' is not printable UTF-8");
     std::string const kw = next("a statement");
     if (kw == "heartbeat") {
-      s_.heartbeat = positive(next("the heartbeat interval"), "heartbeat interval");
+      s_.heartbeat = seconds(next("the heartbeat interval"), "heartbeat interval", true);
     } else if (kw == "leader") {
       s_.leader = next("a generation id");
     } else if (kw == "retries") {
-      s_.retries = count(next("a retry count"));
+      s_.retries = count(next("a retry count"), "retry count", 0);
     } else if (kw == "timeout") {
-      s_.timeout = positive(next("the mount timeout"), "mount timeout");
+      s_.timeout = seconds(next("the mount timeout"), "mount timeout", true);
     } else if (kw == "run") {
-      s_.until = positive(next("the end time"), "end time");
+      s_.until = seconds(next("the end time"), "end time", true);
+      runLine_ = line_;
     } else if (kw == "local") {
-      s_.locals.push_back(path(next("a local path")));
+      s_.locals.push_back(localPath(next("a local path")));
     } else if (kw == "switch") {
       switchDecl();
     } else if (kw == "service") {
@@ -62,7 +117,15 @@ class Parser {
     if (pos_ < w_.size()) fail("unexpected '" + w_[pos_] + "'");
   }
 
-  Scenario finish() {
+  Scenario finish(std::optional<double> until) {
+    if (until) s_.until = *until;
+    std::string const by = until      ? std::string(" (--until)")
+                           : runLine_ ? lineOf(runLine_)
+                                      : " (the default; 'run' sets it)";
+    for (auto const& e : s_.events)
+      if (e.time > s_.until)
+        throw ScenarioError(file_, e.line,
+                            "event at " + shown(e.time) + " is after the end time " + shown(s_.until) + by);
     std::stable_sort(s_.events.begin(), s_.events.end(),
                      [](Event const& a, Event const& b) { return a.time < b.time; });
     return std::move(s_);
@@ -70,37 +133,69 @@ class Parser {
 
  private:
   [[noreturn]] void fail(std::string const& reason) const { throw ScenarioError(file_, line_, reason); }
+  std::string lineOf(int line) const { return " (line " + std::to_string(line) + ")"; }
 
   bool more() const { return pos_ < w_.size(); }
   std::string next(char const* what) {
     if (!more()) fail(std::string("missing ") + what);
     return w_[pos_++];
   }
-  double number(std::string const& w, char const* what) {
-    double v = 0;
+  double seconds(std::string const& w, char const* what, bool positive) {
+    auto v = parseSeconds(w);
+    if (!v || (positive && *v == 0))
+      fail(std::string("bad ") + what + " '" + w + "' (want " + (positive ? "" : "0 or ") + kSecondsRange + ")");
+    return *v;
+  }
+  unsigned count(std::string const& w, char const* what, std::uint32_t least) {
+    std::uint32_t v = 0;
     auto [p, ec] = std::from_chars(w.data(), w.data() + w.size(), v);
-    if (ec != std::errc() || p != w.data() + w.size() || v < 0) fail(std::string("bad ") + what + " '" + w + "'");
+    if (ec != std::errc() || p != w.data() + w.size() || v < least)
+      fail(std::string("bad ") + what + " '" + w + "' (want " + std::to_string(least) + " to " +
+           std::to_string(std::numeric_limits<std::uint32_t>::max()) + ")");
     return v;
   }
-  double positive(std::string const& w, char const* what) {
-    double v = number(w, what);
-    if (v <= 0) fail(std::string("bad ") + what + " '" + w + "' (must be positive)");
-    return v;
-  }
-  unsigned count(std::string const& w) {
-    unsigned v = 0;
-    auto [p, ec] = std::from_chars(w.data(), w.data() + w.size(), v);
-    if (ec != std::errc() || p != w.data() + w.size()) fail("bad number '" + w + "'");
-    return v;
-  }
+  // A path names an entity: names after single slashes, so none of them is empty.
   std::string path(std::string const& w) {
-    if (w.size() < 2 || w[0] != '/') fail("bad path '" + w + "' (must start with '/')");
+    if (w.empty() || w[0] != '/') fail("bad path '" + w + "' (must start with '/')");
+    if (w.back() == '/' || w.find("//") != std::string::npos) fail("bad path '" + w + "' (a name in it is empty)");
     return w;
   }
+  // A path the host creates locally: clear of the host's own directories and of mounted copies.
+  std::string localPath(std::string const& w) {
+    outsideHostDirs(w, "'" + w + "'");
+    for (auto const& [target, line] : targets_)
+      if (under(w, target)) fail("'" + w + "' is under '" + target + "', which holds mounted copies" + lineOf(line));
+    locals_.emplace_back(w, line_);
+    return w;
+  }
+  std::string targetPath(std::string const& w) {
+    outsideHostDirs(w, "target '" + w + "'");
+    for (auto const& [local, line] : locals_)
+      if (under(local, w)) fail("target '" + w + "' would hold mounted copies over '" + local + "'" + lineOf(line));
+    targets_.emplace_back(w, line_);
+    return w;
+  }
+  void outsideHostDirs(std::string const& w, std::string const& shownAs) {
+    path(w);
+    for (std::string_view dir : kHostDirs)
+      if (under(w, dir)) fail(shownAs + " is under '" + std::string(dir) + "', which the host builds");
+  }
+  // A switch's entities are leaves: none holds another.
+  std::string entityPath(SwitchDecl const& d, std::string const& w) {
+    path(w);
+    for (auto const& e : d.entities)
+      if (under(w, e) || under(e, w)) fail("entity '" + w + "' overlaps entity '" + e + "' of the same switch");
+    return w;
+  }
+  std::string address(std::string const& a) {
+    std::string out = canonicalAddress(a);
+    if (out.empty()) fail("bad switch address '" + a + "' (want a non-zero xx:xx:xx:xx:xx:xx)");
+    return out;
+  }
   std::string knownSwitch(std::string const& a) {
-    if (!isAddress(a)) fail("bad switch address '" + a + "' (want xx:xx:xx:xx:xx:xx)");
-    if (!switches_.count(a)) fail("unknown switch '" + a + "'");
-    return a;
+    std::string out = address(a);
+    if (!switches_.count(out)) fail("unknown switch '" + a + "'");
+    return out;
   }
   ServiceDecl const& knownService(std::string const& name) {
     auto const* svc = s_.service(name);
@@ -117,18 +212,18 @@ class Parser {
   }
   std::vector<std::string> systems(std::string const& w) {
     auto out = list(w);
-    for (auto const& a : out) knownSwitch(a);
+    for (auto& a : out) a = knownSwitch(a);
     return out;
   }
   std::vector<unsigned> versions(std::string const& w) {
     std::vector<unsigned> out;
-    for (auto const& v : list(w)) out.push_back(count(v));
+    for (auto const& v : list(w)) out.push_back(count(v, "version", 1));
     return out;
   }
   std::pair<std::string, unsigned> serviceVersion(std::string const& w) {
     auto eq = w.find('=');
     if (eq == std::string::npos || eq == 0) fail("bad service version '" + w + "' (want service=N)");
-    return {w.substr(0, eq), count(w.substr(eq + 1))};
+    return {w.substr(0, eq), count(w.substr(eq + 1), "version", 1)};
   }
   // Consumes words up to the next keyword of the statement.
   template <class F>
@@ -139,16 +234,15 @@ class Parser {
 
   void switchDecl() {
     SwitchDecl d;
-    d.address = next("a switch address");
-    if (!isAddress(d.address)) fail("bad switch address '" + d.address + "' (want xx:xx:xx:xx:xx:xx)");
+    d.address = address(next("a switch address"));
     if (!switches_.insert(d.address).second) fail("switch '" + d.address + "' declared twice");
     static std::set<std::string> const kws{"latency", "handshake", "fail", "down", "version", "entity"};
     while (more()) {
       std::string kw = next("an option");
       if (kw == "latency") {
-        d.latency = number(next("a latency"), "latency");
+        d.latency = seconds(next("a latency"), "latency", false);
       } else if (kw == "handshake") {
-        d.handshake = number(next("a handshake latency"), "handshake latency");
+        d.handshake = seconds(next("a handshake latency"), "handshake latency", false);
       } else if (kw == "fail") {
         d.failing = true;
       } else if (kw == "down") {
@@ -156,7 +250,7 @@ class Parser {
       } else if (kw == "version") {
         each(kws, [&](std::string const& w) { d.versions.insert(serviceVersion(w)); });
       } else if (kw == "entity") {
-        each(kws, [&](std::string const& w) { d.entities.push_back(path(w)); });
+        each(kws, [&](std::string const& w) { d.entities.push_back(entityPath(d, w)); });
       } else {
         fail("unknown switch option '" + kw + "'");
       }
@@ -198,7 +292,7 @@ class Parser {
       } else if (kw == "flags") {
         d.flags = next("flags");
       } else if (kw == "target") {
-        d.target = next("a target path");
+        d.target = targetPath(next("a target path"));
       } else if (kw == "systems") {
         d.systems = systems(next("a switch list"));
       } else if (kw == "versions") {
@@ -210,6 +304,15 @@ class Parser {
       }
     }
     if (d.type.empty()) fail("mount needs 'type <T>'");
+    // The registry holds one entry per remote path, whoever mounts it.
+    auto [first, isFirst] = mounted_.try_emplace(d.remotePath, Mounted{d.type, d.flags, line_});
+    if (!isFirst && (first->second.type != d.type || first->second.flags != d.flags))
+      fail("'" + d.remotePath + "' is mounted with type '" + first->second.type + "' and flags '" +
+           first->second.flags + "'" + lineOf(first->second.line) + "; every mount of a path must agree");
+    auto [group, isNew] = mountedBy_.try_emplace({d.service, d.remotePath}, d.group, line_);
+    if (!isNew)
+      fail("service '" + d.service + "' already mounts '" + d.remotePath + "' in group '" + group->second.first + "'" +
+           lineOf(group->second.second));
     s_.mounts.push_back(std::move(d));
   }
 
@@ -238,6 +341,10 @@ class Parser {
     }
     if (d.remotePath.empty()) fail("publish needs 'remote <path>'");
     if (d.type.empty()) fail("publish needs 'type <T>'");
+    auto [group, isNew] = publishedBy_.try_emplace({d.service, d.group, d.localPath}, line_);
+    if (!isNew)
+      fail("group '" + d.group + "' of service '" + d.service + "' already publishes '" + d.localPath + "'" +
+           lineOf(group->second));
     s_.publishes.push_back(std::move(d));
   }
 
@@ -248,27 +355,29 @@ class Parser {
   void event() {
     Event e;
     e.line = line_;
-    e.time = number(next("a time"), "time");
+    e.time = seconds(next("a time"), "time", false);
     std::string const action = next("an action");
     e.words.push_back(action);
     auto take = [&](char const* what) { e.words.push_back(next(what)); return e.words.back(); };
+    // The world finds a switch by the address as the scenario declared it.
+    auto knownSwitchWord = [&] { e.words.push_back(knownSwitch(next("a switch address"))); };
     if (action == "connect" || action == "disconnect") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
     } else if (action == "flap") {
-      knownSwitch(take("a switch address"));
-      positive(take("a down time"), "down time");
+      knownSwitchWord();
+      seconds(take("a down time"), "down time", true);
     } else if (action == "version") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
       serviceVersion(take("service=N"));
     } else if (action == "withdraw") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
       take("a service name");
     } else if (action == "fail") {
-      knownSwitch(take("a switch address"));
+      knownSwitchWord();
       onOff(take("on or off"));
     } else if (action == "latency") {
-      knownSwitch(take("a switch address"));
-      number(take("a latency"), "latency");
+      knownSwitchWord();
+      seconds(take("a latency"), "latency", false);
     } else if (action == "leader") {
       take("a generation id");
     } else if (action == "gen") {
@@ -278,7 +387,7 @@ class Parser {
       knownService(take("a service name"));
       onOff(take("on or off"));
     } else if (action == "create") {
-      path(take("a local path"));
+      localPath(take("a local path"));
     } else {
       fail("unknown action '" + action + "'");
     }
@@ -290,6 +399,15 @@ class Parser {
   std::vector<std::string> w_;
   std::size_t pos_ = 0;
   std::set<std::string> switches_;
+  struct Mounted {
+    std::string type, flags;
+    int line;
+  };
+  std::map<std::string, Mounted> mounted_;  // by remote path, as first mounted
+  std::map<std::pair<std::string, std::string>, std::pair<std::string, int>> mountedBy_;  // by service and path
+  std::map<std::tuple<std::string, std::string, std::string>, int> publishedBy_;          // by service, group and path
+  std::vector<std::pair<std::string, int>> locals_, targets_;                             // with their lines
+  int runLine_ = 0;
   Scenario s_;
 };
 
@@ -301,7 +419,15 @@ ServiceDecl const* Scenario::service(std::string_view n) const {
   return nullptr;
 }
 
-Scenario parseScenario(std::string_view text, std::string const& fileName) {
+std::optional<double> parseSeconds(std::string_view text) {
+  double v = 0;
+  auto [p, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec != std::errc() || p != text.data() + text.size() || !std::isfinite(v)) return std::nullopt;
+  if (v != 0 && !(v >= kMinSeconds && v <= kMaxSeconds)) return std::nullopt;
+  return v;
+}
+
+Scenario parseScenario(std::string_view text, std::string const& fileName, std::optional<double> until) {
   Parser p(fileName);
   int number = 0;
   while (!text.empty()) {
@@ -309,7 +435,7 @@ Scenario parseScenario(std::string_view text, std::string const& fileName) {
     p.line(++number, text.substr(0, nl));
     text = nl == std::string_view::npos ? std::string_view() : text.substr(nl + 1);
   }
-  return p.finish();
+  return p.finish(until);
 }
 
 std::string_view defaultScenarioText() {

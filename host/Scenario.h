@@ -3,7 +3,9 @@
 // line-oriented text (the format is in README.md). Parsing is complete before anything runs, so a bad file
 // runs nothing.
 
+#include <array>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -72,8 +74,17 @@ struct Scenario {
   ServiceDecl const* service(std::string_view name) const;
 };
 
-// Throws ScenarioError at the first fault.
-Scenario parseScenario(std::string_view text, std::string const& fileName);
+// Throws ScenarioError at the first fault. `until`, when given, replaces the scenario's end time
+// (its `run`), and no event may come after it.
+Scenario parseScenario(std::string_view text, std::string const& fileName, std::optional<double> until = std::nullopt);
+
+// The directories the host's world builds under its root: a scenario's local paths stay out.
+inline constexpr std::array<std::string_view, 7> kHostDirs{
+    "/mountConfig", "/mountStatus", "/publishConfig", "/publishStatus", "/proxyMountConfig", "/proxyMountStatus",
+    "/mounts"};
+
+// A number of seconds as the scenario reads them (see Scenario.cpp); nullopt for anything else.
+std::optional<double> parseSeconds(std::string_view text);
 
 // The scenario run when no file is given.
 std::string_view defaultScenarioText();

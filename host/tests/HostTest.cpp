@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <set>
 #include <sstream>
 
 #include "host/Host.h"
+#include "host/World.h"
 
 namespace Host {
 namespace {
@@ -82,8 +84,7 @@ TEST(HostRun, TheTablesShowCompletionMountsPublicationsAndReadiness) {
 TEST(HostRun, ALeaderChangeWithdrawsAndRestoresAnOrdinaryServiceButLeavesTheProxy) {
   std::string const base = std::string(kOneSwitch) +
                            "service svc\nmount svc g /sys/config type Sim::Record\n"
-                           "service real-proxy proxy\nmount real-proxy pg /p type Sim::Record\n"
-                           "at 10 leader gen2\n";
+                           "service real-proxy proxy\nmount real-proxy pg /p type Sim::Record\n";
   std::string const svcMounted = "\"service\": \"svc\", \"group\": \"g\", \"path\": \"/sys/config\", \"state\": "
                                  "\"mounted\"";
   std::string const proxyMounted = "\"service\": \"real-proxy\", \"group\": \"pg\", \"path\": \"/p\", \"state\": "
@@ -94,12 +95,12 @@ TEST(HostRun, ALeaderChangeWithdrawsAndRestoresAnOrdinaryServiceButLeavesTheProx
   EXPECT_TRUE(has(before.out, svcMounted)) << before.out;
   EXPECT_TRUE(has(before.out, proxyMounted)) << before.out;
 
-  Outcome during = run(base + "run 15\n", json());
+  Outcome during = run(base + "at 10 leader gen2\nrun 15\n", json());
   ASSERT_EQ(during.rc, 0) << during.err;
   EXPECT_FALSE(has(during.out, "\"service\": \"svc\", \"group\": \"g\", \"path\"")) << during.out;
   EXPECT_TRUE(has(during.out, proxyMounted)) << during.out;
 
-  Outcome after = run(base + "at 20 leader gen1\nrun 30\n", json());
+  Outcome after = run(base + "at 10 leader gen2\nat 20 leader gen1\nrun 30\n", json());
   ASSERT_EQ(after.rc, 0) << after.err;
   EXPECT_TRUE(has(after.out, svcMounted)) << after.out;
   EXPECT_TRUE(has(after.out, proxyMounted)) << after.out;
@@ -107,11 +108,11 @@ TEST(HostRun, ALeaderChangeWithdrawsAndRestoresAnOrdinaryServiceButLeavesTheProx
 
 TEST(HostRun, TheDefaultScenarioRunsToTheEndWithTheLogAndRingLog) {
   std::ostringstream out, err;
-  ASSERT_EQ(hostMain({"--until", "100", "--ringlog"}, out, err), 0) << err.str();
-  EXPECT_TRUE(has(out.str(), "Initial mounts (t=100.0)")) << out.str();
+  ASSERT_EQ(hostMain({"--until", "400", "--ringlog"}, out, err), 0) << err.str();
+  EXPECT_TRUE(has(out.str(), "Initial mounts (t=400.0)")) << out.str();
   EXPECT_TRUE(has(out.str(), "telemetry-proxy")) << out.str();
   EXPECT_TRUE(has(out.str(), "Ring log")) << out.str();
-  EXPECT_TRUE(has(err.str(), "[progress] t=100s of 100s")) << err.str();
+  EXPECT_TRUE(has(err.str(), "[progress] t=400s of 400s")) << err.str();
 }
 
 TEST(HostRun, ASwitchBackBeforeItsUnmountEndsIsRemountedNotMountedAfresh) {
@@ -167,28 +168,61 @@ TEST(HostRun, ASwitchWithoutVersionsFlappingDuringTheConnectionPeriodIsWaitedFor
 }
 
 TEST(HostRun, AFlappingSwitchGetsItsPublicationBackWhenItReconnects) {
-  // The built-in scenario flaps switch 4 at 60 s for 15 s.
-  std::ostringstream during, err;
-  ASSERT_EQ(hostMain({"--until", "70"}, during, err), 0) << err.str();
-  EXPECT_FALSE(has(during.str(), "00:00:00:00:00:04  /web/state")) << during.str();
-  std::ostringstream after;
-  ASSERT_EQ(hostMain({"--until", "76"}, after, err), 0) << err.str();
-  EXPECT_TRUE(has(after.str(), "00:00:00:00:00:04  /web/state        /remote/web")) << after.str();
+  std::string const base = std::string(kOneSwitch) +
+                           "service pub ready\nlocal /web/state\n"
+                           "publish pub pg /web/state remote /remote/web type Sim::Record\n"
+                           "at 60 flap 00:00:00:00:00:01 15\n";
+  Outcome during = run(base + "run 70\n");
+  ASSERT_EQ(during.rc, 0) << during.err;
+  EXPECT_FALSE(has(during.out, "00:00:00:00:00:01  /web/state")) << during.out;
+  Outcome after = run(base + "run 76\n");
+  ASSERT_EQ(after.rc, 0) << after.err;
+  EXPECT_TRUE(has(after.out, "00:00:00:00:00:01  /web/state        /remote/web")) << after.out;
 }
 
 TEST(HostRun, AVersionChangeOnAConnectedSwitchRemountsByTheVersionFilter) {
-  std::string const base = std::string(kOneSwitch) +
-                           "service svc\nmount svc g /sys/config type Sim::Record versions 1\n"
-                           "at 10 version 00:00:00:00:00:01 svc=2\n";
+  std::string const base =
+      std::string(kOneSwitch) + "service svc\nmount svc g /sys/config type Sim::Record versions 1\n";
+  std::string const change = "at 10 version 00:00:00:00:00:01 svc=2\n";
   std::string const mounted = "00:00:00:00:00:01  svc                   g             /sys/config       mounted";
   Outcome before = run(base + "run 9\n");
   EXPECT_TRUE(has(before.out, mounted)) << before.out;
-  Outcome filtered = run(base + "run 15\n");
+  Outcome filtered = run(base + change + "run 15\n");
   ASSERT_EQ(filtered.rc, 0) << filtered.err;
   EXPECT_FALSE(has(filtered.out, "/sys/config       mounted")) << filtered.out;
   EXPECT_TRUE(has(filtered.out, "version:2 not in filter service:svc connection:00:00:00:00:00:01")) << filtered.out;
-  Outcome back = run(base + "at 20 version 00:00:00:00:00:01 svc=1\nrun 30\n");
+  Outcome back = run(base + change + "at 20 version 00:00:00:00:00:01 svc=1\nrun 30\n");
   EXPECT_TRUE(has(back.out, mounted)) << back.out;
+}
+
+// Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
+// string is escaped, and a byte that is no UTF-8 at all (from a scenario not made by the reader)
+// still gives valid JSON.
+TEST(HostRun, TheJsonReportEscapesWhatJsonRequires) {
+  Scenario s = parseScenario(
+      std::string(kOneSwitch) + "service q\"\\\xc3\xa9\nmount q\"\\\xc3\xa9 g /sys/config type Sim::Record\nrun 5\n",
+      "t.scn");
+  s.mounts[0].group = "g\x01\xff";
+  std::ostringstream out, err;
+  ASSERT_EQ(runScenario(s, json(), out, err), 0) << err.str();
+  EXPECT_TRUE(has(out.str(), "{\"service\": \"q\\\"\\\\\xc3\xa9\", \"group\": \"g\\u0001\\ufffd\"")) << out.str();
+}
+
+// The reader keeps local paths out of the world's own directories: it must know all of them.
+TEST(HostWorld, EveryDirectoryTheWorldBuildsIsOneTheReaderKnows) {
+  Scenario const s = parseScenario(std::string(kOneSwitch) +
+                                       "service svc\nmount svc g /sys/config type Sim::Record\n"
+                                       "service pub ready\nlocal /l\npublish pub pg /l remote /r type Sim::Record\n",
+                                   "t.scn");
+  World w(s, Kiv::EventLoop::Mode::virtualTime);
+  w.configure();
+  w.start();
+  w.loop.advanceTo(10);
+  std::set<std::string> const known(kHostDirs.begin(), kHostDirs.end());
+  for (auto it = w.root->entityPtrIter(); it; ++it) {
+    std::string const path = "/" + it.key().stdString();
+    EXPECT_TRUE(path == "/l" || known.count(path)) << path;
+  }
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "host/Host.h"
@@ -11,9 +13,11 @@ namespace {
 // Each class of bad input: the error names the file and line, the exit status is 2 and nothing
 // runs (no log, no tables, no progress).
 struct BadInput {
+  char const* name;
   char const* text;
   char const* message;
 };
+void PrintTo(BadInput const& b, std::ostream* os) { *os << b.name; }
 
 class HostBadScenario : public ::testing::TestWithParam<BadInput> {};
 
@@ -25,48 +29,119 @@ TEST_P(HostBadScenario, IsRejectedWithItsLineAndNothingRuns) {
   EXPECT_EQ(out.str(), "");
 }
 
-constexpr char kSwitch[] = "switch 00:00:00:00:00:01 version svc=1 entity /a\n";
-
 INSTANTIATE_TEST_SUITE_P(
     Classes, HostBadScenario,
     ::testing::Values(
-        BadInput{"# fine\nfrobnicate 3\n", "bad.scn:2: unknown statement 'frobnicate'"},
-        BadInput{"heartbeat\n", "bad.scn:1: missing the heartbeat interval"},
-        BadInput{"heartbeat two\n", "bad.scn:1: bad heartbeat interval 'two'"},
-        BadInput{"heartbeat 0\n", "bad.scn:1: bad heartbeat interval '0' (must be positive)"},
-        BadInput{"switch 00:00:01\n", "bad.scn:1: bad switch address '00:00:01' (want xx:xx:xx:xx:xx:xx)"},
-        BadInput{"switch 00:00:00:00:00:01\nswitch 00:00:00:00:00:01\n",
-                 "bad.scn:2: switch '00:00:00:00:00:01' declared twice"},
-        BadInput{"switch 00:00:00:00:00:01 speed 3\n", "bad.scn:1: unknown switch option 'speed'"},
-        BadInput{"switch 00:00:00:00:00:01 version svc\n",
+        BadInput{"UnknownStatement", "# fine\nfrobnicate 3\n", "bad.scn:2: unknown statement 'frobnicate'"},
+        BadInput{"MissingValue", "heartbeat\n", "bad.scn:1: missing the heartbeat interval"},
+        BadInput{"NotANumber", "heartbeat two\n", "bad.scn:1: bad heartbeat interval 'two' (want 1e-6 to 1e9 seconds)"},
+        BadInput{"ZeroHeartbeat", "heartbeat 0\n", "bad.scn:1: bad heartbeat interval '0' (want 1e-6 to 1e9 seconds)"},
+        BadInput{"NanHeartbeat", "heartbeat nan\n",
+                 "bad.scn:1: bad heartbeat interval 'nan' (want 1e-6 to 1e9 seconds)"},
+        BadInput{"InfiniteTimeout", "timeout inf\n", "bad.scn:1: bad mount timeout 'inf' (want 1e-6 to 1e9 seconds)"},
+        BadInput{"EndTooFar", "run 1e10\n", "bad.scn:1: bad end time '1e10' (want 1e-6 to 1e9 seconds)"},
+        BadInput{"RetriesPastU32", "retries 4294967296\n",
+                 "bad.scn:1: bad retry count '4294967296' (want 0 to 4294967295)"},
+        BadInput{"NegativeLatency", "switch 00:00:00:00:00:01 latency -1\n",
+                 "bad.scn:1: bad latency '-1' (want 0 or 1e-6 to 1e9 seconds)"},
+        BadInput{"SubnormalHandshake", "switch 00:00:00:00:00:01 handshake 1e-310\n",
+                 "bad.scn:1: bad handshake latency '1e-310' (want 0 or 1e-6 to 1e9 seconds)"},
+        BadInput{"VersionZero", "switch 00:00:00:00:00:01 version svc=0\n",
+                 "bad.scn:1: bad version '0' (want 1 to 4294967295)"},
+        BadInput{"FilterVersionPastU32", "service svc\nmount svc g /a type T versions 1,4294967296\n",
+                 "bad.scn:2: bad version '4294967296' (want 1 to 4294967295)"},
+        BadInput{"NegativeTime", "at -1 leader g\n", "bad.scn:1: bad time '-1' (want 0 or 1e-6 to 1e9 seconds)"},
+        BadInput{"NanDownTime", "switch 00:00:00:00:00:01\nat 1 flap 00:00:00:00:00:01 nan\n",
+                 "bad.scn:2: bad down time 'nan' (want 1e-6 to 1e9 seconds)"},
+        BadInput{"InfiniteLatencyEvent", "switch 00:00:00:00:00:01\nat 1 latency 00:00:00:00:00:01 inf\n",
+                 "bad.scn:2: bad latency 'inf' (want 0 or 1e-6 to 1e9 seconds)"},
+        BadInput{"EventVersionPastU32", "switch 00:00:00:00:00:01\nat 1 version 00:00:00:00:00:01 svc=99999999999\n",
+                 "bad.scn:2: bad version '99999999999' (want 1 to 4294967295)"},
+        BadInput{"ShortAddress", "switch 00:00:01\n",
+                 "bad.scn:1: bad switch address '00:00:01' (want a non-zero xx:xx:xx:xx:xx:xx)"},
+        BadInput{"ZeroAddress", "switch 00:00:00:00:00:00\n",
+                 "bad.scn:1: bad switch address '00:00:00:00:00:00' (want a non-zero xx:xx:xx:xx:xx:xx)"},
+        BadInput{"SwitchTwice", "switch 00:00:00:00:00:0a\nswitch 00:00:00:00:00:0A\n",
+                 "bad.scn:2: switch '00:00:00:00:00:0a' declared twice"},
+        BadInput{"UnknownSwitchOption", "switch 00:00:00:00:00:01 speed 3\n",
+                 "bad.scn:1: unknown switch option 'speed'"},
+        BadInput{"VersionWithoutNumber", "switch 00:00:00:00:00:01 version svc\n",
                  "bad.scn:1: bad service version 'svc' (want service=N)"},
-        BadInput{"switch 00:00:00:00:00:01 entity\n", "bad.scn:1: missing value after 'entity'"},
-        BadInput{"mount svc g /a type T\n", "bad.scn:1: unknown service 'svc' (declare it with 'service' first)"},
-        BadInput{"service svc\nservice svc\n", "bad.scn:2: service 'svc' declared twice"},
-        BadInput{"service real proxy\n", "bad.scn:1: a proxy service's name ends in '-proxy'"},
-        BadInput{"service real-proxy\n", "bad.scn:1: service 'real-proxy' is named as a proxy; add 'proxy'"},
-        BadInput{"service svc\nmount svc g a type T\n", "bad.scn:2: bad path 'a' (must start with '/')"},
-        BadInput{"service svc\nmount svc g /a\n", "bad.scn:2: mount needs 'type <T>'"},
-        BadInput{"service svc\nmount svc g /a type T systems 00:00:00:00:00:09\n",
+        BadInput{"EntityWithoutPath", "switch 00:00:00:00:00:01 entity\n", "bad.scn:1: missing value after 'entity'"},
+        BadInput{"EntityOfSlashesOnly", "switch 00:00:00:00:00:01 entity //\n",
+                 "bad.scn:1: bad path '//' (a name in it is empty)"},
+        BadInput{"EntityInsideEntity", "switch 00:00:00:00:00:01 entity /a /a/b\n",
+                 "bad.scn:1: entity '/a/b' overlaps entity '/a' of the same switch"},
+        BadInput{"LocalWithTrailingSlash", "local /a/\n", "bad.scn:1: bad path '/a/' (a name in it is empty)"},
+        BadInput{"CreateWithEmptyName", "at 1 create /a//b\n", "bad.scn:1: bad path '/a//b' (a name in it is empty)"},
+        BadInput{"UndeclaredService", "mount svc g /a type T\n",
+                 "bad.scn:1: unknown service 'svc' (declare it with 'service' first)"},
+        BadInput{"ServiceTwice", "service svc\nservice svc\n", "bad.scn:2: service 'svc' declared twice"},
+        BadInput{"ProxyNotNamedSo", "service real proxy\n", "bad.scn:1: a proxy service's name ends in '-proxy'"},
+        BadInput{"NamedAsProxy", "service real-proxy\n",
+                 "bad.scn:1: service 'real-proxy' is named as a proxy; add 'proxy'"},
+        BadInput{"RelativePath", "service svc\nmount svc g a type T\n",
+                 "bad.scn:2: bad path 'a' (must start with '/')"},
+        BadInput{"MountWithoutType", "service svc\nmount svc g /a\n", "bad.scn:2: mount needs 'type <T>'"},
+        BadInput{"UnknownSwitchInFilter", "service svc\nmount svc g /a type T systems 00:00:00:00:00:09\n",
                  "bad.scn:2: unknown switch '00:00:00:00:00:09'"},
-        BadInput{"service svc\nmount svc g /a type T versions 1,x\n", "bad.scn:2: bad number 'x'"},
-        BadInput{"service p-proxy proxy\npublish p-proxy g /l remote /r type T\n",
+        BadInput{"VersionNotANumber", "service svc\nmount svc g /a type T versions 1,x\n",
+                 "bad.scn:2: bad version 'x' (want 1 to 4294967295)"},
+        BadInput{"OtherTypeForAMountedPath", "service svc\nservice web\nmount svc g /a type T\nmount web g /a type U\n",
+                 "bad.scn:4: '/a' is mounted with type 'T' and flags '' (line 3); every mount of a path must agree"},
+        BadInput{"OtherFlagsForAMountedPath",
+                 "service svc\nservice web-proxy proxy\nmount svc g /a type T flags r\nmount web-proxy g /a type T\n",
+                 "bad.scn:4: '/a' is mounted with type 'T' and flags 'r' (line 3); every mount of a path must agree"},
+        BadInput{"OnePathInTwoGroups", "service svc\nmount svc g /a type T\nmount svc h /a type T\n",
+                 "bad.scn:3: service 'svc' already mounts '/a' in group 'g' (line 2)"},
+        BadInput{"ProxyPublishing", "service p-proxy proxy\npublish p-proxy g /l remote /r type T\n",
                  "bad.scn:2: proxy service 'p-proxy' cannot publish"},
-        BadInput{"service p\npublish p g /l type T\n", "bad.scn:2: publish needs 'remote <path>'"},
-        BadInput{"at 5 explode\n", "bad.scn:1: unknown action 'explode'"},
-        BadInput{"at soon leader gen2\n", "bad.scn:1: bad time 'soon'"},
-        BadInput{"at 5 connect 00:00:00:00:00:02\n", "bad.scn:1: unknown switch '00:00:00:00:00:02'"},
-        BadInput{"service p\nat 5 ready p maybe\n", "bad.scn:2: want 'on' or 'off', not 'maybe'"},
-        BadInput{"leader gen1 gen2\n", "bad.scn:1: unexpected 'gen2'"},
-        BadInput{"run 30\nat 1 leader g\nat 2 leader\n", "bad.scn:3: missing a generation id"}));
+        BadInput{"PublishWithoutRemote", "service p\npublish p g /l type T\n",
+                 "bad.scn:2: publish needs 'remote <path>'"},
+        BadInput{"OnePathPublishedTwiceInAGroup",
+                 "service p\npublish p g /l remote /r type T\npublish p g /l remote /s type T\n",
+                 "bad.scn:3: group 'g' of service 'p' already publishes '/l' (line 2)"},
+        BadInput{"LocalInAHostDirectory", "local /mountConfig/x\n",
+                 "bad.scn:1: '/mountConfig/x' is under '/mountConfig', which the host builds"},
+        BadInput{"CreateInTheRegistry", "at 1 create /mounts\n",
+                 "bad.scn:1: '/mounts' is under '/mounts', which the host builds"},
+        BadInput{"CreateAmongMountedCopies", "service svc\nmount svc g /a type T target /t\nat 1 create /t/x\n",
+                 "bad.scn:3: '/t/x' is under '/t', which holds mounted copies (line 2)"},
+        BadInput{"TargetOverALocalPath", "local /t/x\nservice svc\nmount svc g /a type T target /t\n",
+                 "bad.scn:3: target '/t' would hold mounted copies over '/t/x' (line 1)"},
+        BadInput{"TargetInAHostDirectory", "service svc\nmount svc g /a type T target /publishStatus/x\n",
+                 "bad.scn:2: target '/publishStatus/x' is under '/publishStatus', which the host builds"},
+        BadInput{"UnknownAction", "at 5 explode\n", "bad.scn:1: unknown action 'explode'"},
+        BadInput{"TimeNotANumber", "at soon leader gen2\n",
+                 "bad.scn:1: bad time 'soon' (want 0 or 1e-6 to 1e9 seconds)"},
+        BadInput{"UnknownSwitchInEvent", "at 5 connect 00:00:00:00:00:02\n",
+                 "bad.scn:1: unknown switch '00:00:00:00:00:02'"},
+        BadInput{"NeitherOnNorOff", "service p\nat 5 ready p maybe\n", "bad.scn:2: want 'on' or 'off', not 'maybe'"},
+        BadInput{"ExtraWord", "leader gen1 gen2\n", "bad.scn:1: unexpected 'gen2'"},
+        BadInput{"MissingEventArgument", "run 30\nat 1 leader g\nat 2 leader\n", "bad.scn:3: missing a generation id"},
+        BadInput{"EventAfterRun", "at 1 leader a\nat 31 leader b\nrun 30\n",
+                 "bad.scn:2: event at 31 is after the end time 30 (line 3)"},
+        BadInput{"EventAfterTheDefaultEnd", "at 60.5 leader b\n",
+                 "bad.scn:1: event at 60.5 is after the end time 60 (the default; 'run' sets it)"},
+        BadInput{"ControlByteInAName", "service s\x01v\n", "bad.scn:1: 's\\x01v' is not printable UTF-8"},
+        BadInput{"DelInAGroup", "service s\nmount s g\x7f /a type T\n", "bad.scn:2: 'g\\x7f' is not printable UTF-8"},
+        BadInput{"C1ControlInAType", "service s\nmount s g /a type T\xc2\x85\n",
+                 "bad.scn:2: 'T\\xc2\\x85' is not printable UTF-8"},
+        BadInput{"StrayByteInAPath", "local /caf\xe9\n", "bad.scn:1: '/caf\\xe9' is not printable UTF-8"},
+        BadInput{"OverlongSlash",
+                 "switch 00:00:00:00:00:01 entity /a\xc0\xaf"
+                 "b\n",
+                 "bad.scn:1: '/a\\xc0\\xafb' is not printable UTF-8"}),
+    [](auto const& info) { return std::string(info.param.name); });
 
 TEST(HostScenarioParse, ReadsDeclarationsAndOrdersEventsByTimeKeepingFileOrderForTies) {
-  Scenario s = parseScenario(std::string(kSwitch) +
-                                 "service svc gen g7\n"
-                                 "mount svc g /a type Sim::Record flags r target /t systems 00:00:00:00:00:01 "
-                                 "versions 1,2 preserve   # trailing comment\n"
-                                 "at 9 leader b\nat 3 leader a\nat 9 leader c\nrun 12\n",
-                             "x.scn");
+  Scenario s = parseScenario(
+      "switch 00:00:00:00:00:01 version svc=1 entity /a\n"
+      "service svc gen g7\n"
+      "mount svc g /a type Sim::Record flags r target /t systems 00:00:00:00:00:01 "
+      "versions 1,2 preserve   # trailing comment\n"
+      "at 9 leader b\nat 3 leader a\nat 9 leader c\nrun 12\n",
+      "x.scn");
   ASSERT_EQ(s.switches.size(), 1u);
   EXPECT_EQ(s.switches[0].versions.at("svc"), 1u);
   EXPECT_EQ(s.switches[0].entities, std::vector<std::string>{"/a"});
@@ -86,6 +161,22 @@ TEST(HostScenarioParse, ReadsDeclarationsAndOrdersEventsByTimeKeepingFileOrderFo
   EXPECT_EQ(s.until, 12);
 }
 
+// The world looks switches up by the address the scenario declared, whatever its spelling.
+TEST(HostScenarioParse, AcceptsTheEdgesOfEveryRangeAndSpellsEachAddressOneWay) {
+  Scenario s = parseScenario(
+      "heartbeat 1e-6\nretries 4294967295\ntimeout 1e9\n"
+      "switch 00:00:00:00:00:0A latency 0 handshake 1e9 version svc=4294967295\n"
+      "at 0 disconnect 00:00:00:00:00:0a\nat 1e9 flap 00:00:00:00:00:0A 1e-6\nrun 1e9\n",
+      "x.scn");
+  EXPECT_EQ(s.heartbeat, 1e-6);
+  EXPECT_EQ(s.retries, 4294967295u);
+  EXPECT_EQ(s.until, 1e9);
+  EXPECT_EQ(s.switches[0].address, "00:00:00:00:00:0a");
+  ASSERT_EQ(s.events.size(), 2u);
+  EXPECT_EQ(s.events[0].words[1], "00:00:00:00:00:0a");
+  EXPECT_EQ(s.events[1].words[1], "00:00:00:00:00:0a");
+}
+
 TEST(HostScenarioParse, TheDefaultScenarioIsValid) {
   Scenario s = parseScenario(defaultScenarioText(), "<default>");
   EXPECT_EQ(s.switches.size(), 5u);
@@ -97,15 +188,55 @@ TEST(HostCommandLine, BadUsageExitsWithTwoAndHelpAndVersionWithZero) {
   std::ostringstream out, err;
   EXPECT_EQ(hostMain({"--frob"}, out, err), 2);
   EXPECT_NE(err.str().find("unknown option '--frob'"), std::string::npos);
-  EXPECT_EQ(hostMain({"--until", "x"}, out, err), 2);
+  for (char const* until : {"x", "nan", "inf", "0", "2e9"})
+    EXPECT_EQ(hostMain({"--until", until}, out, err), 2) << until;
   EXPECT_EQ(hostMain({"--until"}, out, err), 2);
   EXPECT_EQ(hostMain({"a.scn", "b.scn"}, out, err), 2);
-  EXPECT_EQ(hostMain({"/nonexistent/x.scn"}, out, err), 2);
   EXPECT_EQ(out.str(), "");
   EXPECT_EQ(hostMain({"--help"}, out, err), 0);
   EXPECT_NE(out.str().find("usage: mounthost"), std::string::npos);
   EXPECT_EQ(hostMain({"--version"}, out, err), 0);
   EXPECT_NE(out.str().find(kVersion), std::string::npos);
+}
+
+// --until replaces the scenario's end: events may go up to it and no further.
+TEST(HostCommandLine, EventsAfterTheEndGivenByUntilAreRefused) {
+  std::ostringstream out, err;
+  EXPECT_EQ(hostMain({"--until", "100"}, out, err), 2);
+  EXPECT_EQ(err.str(), "<default>:20: event at 300 is after the end time 100 (--until)\n");
+  EXPECT_EQ(out.str(), "");
+  Options o;
+  o.until = 5;
+  EXPECT_EQ(runScenarioText("at 4 leader b\nrun 3\n", "t.scn", o, out, err), 0) << err.str();
+}
+
+TEST(HostCommandLine, ADirectoryAnEmptyFileOrOneOfCommentsIsNoScenario) {
+  std::string const dir = ::testing::TempDir() + "host-input";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir + "/empty.scn");
+  std::ofstream(dir + "/comments.scn") << "# only\n   \t\n  # comments\r\n";
+  for (auto const& [file, message] : {std::pair{dir, "is a directory, not a scenario file"},
+                                      {dir + "/empty.scn", "has no statements"},
+                                      {dir + "/comments.scn", "has no statements"},
+                                      {dir + "/missing.scn", "cannot read"}}) {
+    std::ostringstream out, err;
+    EXPECT_EQ(hostMain({file}, out, err), 2) << file;
+    EXPECT_NE(err.str().find(message), std::string::npos) << err.str();
+    EXPECT_EQ(out.str(), "");
+  }
+}
+
+// Nothing escapes the command line: an output that throws (here, on every write) ends with
+// status 3 and says so.
+TEST(HostCommandLine, AnExceptionThatEscapesIsAnInternalErrorWithStatusThree) {
+  struct Refusing : std::streambuf {
+    int overflow(int) override { return traits_type::eof(); }
+  } refusing;
+  std::ostream out(&refusing);
+  out.exceptions(std::ios::badbit);
+  std::ostringstream err;
+  EXPECT_EQ(hostMain({"--version"}, out, err), 3);
+  EXPECT_TRUE(err.str().starts_with("mounthost: internal error: ")) << err.str();
 }
 
 }  // namespace
