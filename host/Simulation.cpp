@@ -248,6 +248,15 @@ class Checker {
         // Readiness is the service's own signal to the switches, not a condition of placing.
         if (!d || currentGen(*d) != leader) fail("published only for a current service", where);
         if (!w_.root->entityAtPath(m.value().path().view())) fail("published only an existing entity", where);
+        // And only where the publication's group admits the switch (a directory's members count
+        // as the directory's).
+        bool admitted = false;
+        for (auto const& p : s_.publishes) {
+          if (p.service != service || !m.value().path().view().starts_with(p.localPath)) continue;
+          std::optional<unsigned> v = version(*sw, *d);
+          admitted |= v && admits(p.systems, p.versions, addressOf(*sw), *v);
+        }
+        if (!admitted) fail("published only where the version and filters admit", where);
       }
     }
     // Readiness stands exactly while the service is ready and current and every one of its
@@ -312,7 +321,8 @@ class Checker {
       if (!status) continue;
       for (auto g = status->initialMountsCompleteIter(); g; ++g) {
         if (!g.value()) continue;
-        if (w_.loop.now() < 3 * s_.heartbeat)
+        auto period = w_.initialMount->connectionPeriod();
+        if (w_.loop.now() < 3 * s_.heartbeat || !period || !period->complete())
           fail("initial mounts complete only after the connection period", d.name + "/" + std::string(g.key().view()));
         if (currentGen(d) != leader)
           fail("initial mounts complete only while current", d.name + "/" + std::string(g.key().view()));
