@@ -110,7 +110,7 @@ std::string generateScenario(std::uint64_t seed) {
        << "\n";
   }
   if (proxy) os << "service s1-proxy proxy\n";
-  auto restriction = [&](std::string const& service) {
+  auto restriction = [&] {
     std::string out;
     if (filters && r.chance(0.4)) {
       std::string systems;
@@ -119,14 +119,13 @@ std::string generateScenario(std::uint64_t seed) {
       if (!systems.empty()) out += " systems " + systems;
     }
     if (filters && r.chance(0.3)) out += " versions " + std::to_string(1 + r.below(2));
-    (void)service;
     return out;
   };
   for (auto const& s : mounting) {
     // A group's restriction and preservation hold for all its paths; a path is in one group.
     std::map<std::string, std::string> groupOptions;
     for (char const* g : {"g1", "g2"})
-      groupOptions[g] = restriction(s) + (preserve && r.chance(0.5) ? " preserve" : "");
+      groupOptions[g] = restriction() + (preserve && r.chance(0.5) ? " preserve" : "");
     for (unsigned p = 0; p < paths; ++p) {
       if (!r.chance(0.6)) continue;
       std::string const g = r.chance(0.6) ? "g1" : "g2";
@@ -135,7 +134,7 @@ std::string generateScenario(std::uint64_t seed) {
   }
   std::vector<std::string> creatable;
   for (auto const& s : publishers) {
-    std::string const restrict = restriction(s);
+    std::string const restrict = restriction();
     for (unsigned x = 1; x <= 2; ++x) {
       if (!r.chance(0.7)) continue;
       std::string const local = "/local/" + s + "/x" + std::to_string(x);
@@ -745,14 +744,13 @@ int simulationMain(std::vector<std::string> const& args, std::ostream& out, std:
     }
     std::stringstream text;
     text << in.rdbuf();
-    SimulationResult r;
     try {
-      r = simulateIsolated(text.str());
       parseScenario(text.str(), replay);
     } catch (ScenarioError const& e) {
       err << e.what() << '\n';
       return 2;
     }
+    SimulationResult const r = simulateIsolated(text.str());
     if (r.ok) {
       out << replay << ": every check holds\n";
       return 0;
@@ -779,7 +777,7 @@ int simulationMain(std::vector<std::string> const& args, std::ostream& out, std:
     }
     ++ran;
     if (r.ok) {
-      if (seed == last || ran % 500 == 0) err << "[mountsim] " << ran << " seeds, " << fixedSeconds(elapsed()) << "\n";
+      if (ran % 500 == 0) err << "[mountsim] " << ran << " seeds, " << fixedSeconds(elapsed()) << "\n";
       continue;
     }
     std::string const shrunk = r.invariant == "the same seed gives the same run" ? text : shrinkScenario(text, r);
