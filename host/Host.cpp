@@ -25,12 +25,6 @@ namespace {
 volatile std::sig_atomic_t interrupted = 0;
 void onInterrupt(int) { interrupted = 1; }
 
-std::string fixed(double t, int precision = 3) {
-  std::ostringstream os;
-  os << std::fixed << std::setprecision(precision) << t;
-  return os.str();
-}
-
 // JSON text is UTF-8: a byte that is not part of a character becomes U+FFFD.
 std::string jsonString(std::string_view s) {
   std::string out = "\"";

@@ -51,12 +51,6 @@ std::string num(double v) {
   return os.str();
 }
 
-std::string fixedSeconds(double s) {
-  std::ostringstream os;
-  os << std::fixed << std::setprecision(1) << s << " s";
-  return os.str();
-}
-
 std::string address(unsigned i) {
   char buf[18];
   std::snprintf(buf, sizeof buf, "00:00:00:00:00:%02x", (i + 1) & 0xffu);
@@ -777,7 +771,7 @@ int simulationMain(std::vector<std::string> const& args, std::ostream& out, std:
     }
     ++ran;
     if (r.ok) {
-      if (ran % 500 == 0) err << "[mountsim] " << ran << " seeds, " << fixedSeconds(elapsed()) << "\n";
+      if (ran % 500 == 0) err << "[mountsim] " << ran << " seeds, " << fixed(elapsed(), 1) << " s" << "\n";
       continue;
     }
     std::string const shrunk = r.invariant == "the same seed gives the same run" ? text : shrinkScenario(text, r);
@@ -788,7 +782,7 @@ int simulationMain(std::vector<std::string> const& args, std::ostream& out, std:
     return 1;
   }
   out << "mountsim: " << ran << " seeds (" << first << "-" << first + ran - (ran ? 1 : 0) << ") passed in "
-      << fixedSeconds(elapsed()) << ", " << std::fixed << std::setprecision(1) << (ran / std::max(elapsed(), 1e-9))
+      << fixed(elapsed(), 1) << " s" << ", " << std::fixed << std::setprecision(1) << (ran / std::max(elapsed(), 1e-9))
       << " seeds/s\n";
   return 0;
 }

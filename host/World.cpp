@@ -2,12 +2,19 @@
 
 #include <algorithm>
 #include <cctype>
+#include <iomanip>
 #include <sstream>
 
 #include "kiv/AttrLog.h"
 #include "platform/MountSm.h"
 
 namespace Host {
+
+std::string fixed(double t, int precision) {
+  std::ostringstream os;
+  os << std::fixed << std::setprecision(precision) << t;
+  return os.str();
+}
 
 std::string stateName(Controller::MountState s) {
   std::string n = Controller::valueToStrep(s);

@@ -88,6 +88,9 @@ struct World {
                std::vector<unsigned> const& versions, GroupConfig const& groupConfig);
 };
 
+// `t` with `precision` digits after the point, as the reports print times.
+std::string fixed(double t, int precision = 3);
+
 // The state name without its prefix ("mounted" for mountStateMounted).
 std::string stateName(Controller::MountState s);
 
