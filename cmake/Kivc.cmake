@@ -8,14 +8,16 @@ function(kiv_generate target)
     set(hdr ${outdir}/${stem}.h)
     set(src ${outdir}/${stem}.cpp)
     set(testing ${outdir}/${stem}Testing.h)
+    set(mhdr ${outdir}/${stem}Machines.h)
+    set(msrc ${outdir}/${stem}Machines.cpp)
     # kivc rewrites an output only when its text changed, so unchanged definitions rebuild nothing.
     add_custom_command(
-      OUTPUT ${hdr} ${src} ${testing}
+      OUTPUT ${hdr} ${src} ${testing} ${mhdr} ${msrc}
       COMMAND kivc --out-dir ${outdir} ${abs}
       DEPENDS kivc ${abs}
       COMMENT "kivc ${def}"
       VERBATIM)
-    target_sources(${target} PRIVATE ${hdr} ${src})
+    target_sources(${target} PRIVATE ${hdr} ${src} ${mhdr} ${msrc})
   endforeach()
   target_include_directories(${target} PUBLIC ${outdir})
 endfunction()

@@ -286,8 +286,8 @@ class Checker {
                                                                                     w_.publishStatus, d.name))
         publishing.insert(d.name);
     }
-    if (w_.serviceConfig->serviceMountConfigSms() != mounting.size() ||
-        w_.serviceConfig->servicePublishConfigSms() != publishing.size() ||
+    if (w_.serviceConfig->serviceMountConfigSmSize() != mounting.size() ||
+        w_.serviceConfig->servicePublishConfigSmSize() != publishing.size() ||
         w_.initialMount->serviceInitialMountSms() != ordinary.size())
       fail("one machine per configured service", "");
     for (auto e = w_.registry->mountEntryIter(); e; ++e) {

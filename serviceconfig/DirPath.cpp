@@ -2,11 +2,9 @@
 
 #include <vector>
 
-#include "serviceconfig/ServiceConfigTrace.h"
+#include "ServiceConfigMachines.h"
 
 namespace Controller {
-
-Kiv::TraceHandle serviceConfigDirSmTrace("ControllerServiceConfigDirSm");
 
 void doCreateDirPath(Kiv::Ptr<Kiv::Dir> const& dir, Kiv::String path) {
   std::vector<Kiv::String> components;
@@ -19,20 +17,20 @@ void doCreateDirPath(Kiv::Ptr<Kiv::Dir> const& dir, Kiv::String path) {
   Kiv::Ptr<Kiv::Dir> current = dir;
   for (std::size_t i = 0; i + 1 < components.size(); ++i) {
     Kiv::Name const component(components[i]);
-    SCD_TRACE(8, "doCreateDirPath", "doCreateDirPath" << " " << component);
+    KIV_TRACE(serviceConfigDirSmTrace, 8, serviceConfigDirSmTraceFile, __LINE__, "doCreateDirPath", "doCreateDirPath" << " " << component);
     if (!current->entry(component)) current->subdirIs(component);
     Kiv::Ptr<Kiv::Dir> next = Kiv::entityCast<Kiv::Dir>(current->entityRef(component));
     if (!next) {
-      SCD_TRACE(1, "doCreateDirPath", "doCreateDirPath" << " " << component << " is not a directory in " << path);
+      KIV_TRACE(serviceConfigDirSmTrace, 1, serviceConfigDirSmTraceFile, __LINE__, "doCreateDirPath", "doCreateDirPath" << " " << component << " is not a directory in " << path);
       return;
     }
     current = next;
   }
   if (components.empty()) return;
   Kiv::Name const last(components.back());
-  SCD_TRACE(8, "doCreateDirPath", "doCreateDirPath" << " final:" << last);
+  KIV_TRACE(serviceConfigDirSmTrace, 8, serviceConfigDirSmTraceFile, __LINE__, "doCreateDirPath", "doCreateDirPath" << " final:" << last);
   if (!current->entry(last)) {
-    SCD_TRACE(8, "doCreateDirPath", "doCreateDirPath" << " creating final " << last);
+    KIV_TRACE(serviceConfigDirSmTrace, 8, serviceConfigDirSmTraceFile, __LINE__, "doCreateDirPath", "doCreateDirPath" << " creating final " << last);
     current->entryIs(last, "Kiv::Dir");
   }
 }

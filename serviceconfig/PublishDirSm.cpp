@@ -1,12 +1,11 @@
 #include "serviceconfig/PublishDirSm.h"
 
-#include "serviceconfig/ServiceConfigTrace.h"
 #include "serviceconfig/ServicePublishGroupSm.h"
 
 namespace Controller {
 
 PublishDirSm::PublishDirSm(Kiv::PtrConst<PublishDir> const& publishDir, ServicePublishGroupSm* parent)
-    : publishDir_(publishDir), parent_(parent), kivPublishDir_(new KivPublishDir(publishDir, this)) {
+    : PublishDirSmBase(publishDir, parent) {
   handleInitialized();
 }
 
@@ -17,7 +16,7 @@ void PublishDirSm::handleInitialized() {
 }
 
 void PublishDirSm::handlePublishDir() {
-  SCD_TRACE(8, "handlePublishDir", "PublishDirSm::" << "handlePublishDir");
+  KIV_SM_TRACE(8, "handlePublishDir", "");
   Kiv::PtrConst<ServicePublishGroupConfig> const& group = parent_->publishGroupConfig();
   if (group->publishDir(publishDir_->name()) == publishDir_) {
     parent_->addPublishDir(publishDir_, group);
@@ -28,7 +27,7 @@ void PublishDirSm::handlePublishDir() {
 
 void PublishDirSm::handleReadyToPublish() {
   if (!initialized_) return;
-  SCD_TRACE(8, "handleReadyToPublish", "PublishDirSm::" << "handleReadyToPublish" << publishDir_->name());
+  KIV_SM_TRACE(8, "handleReadyToPublish", publishDir_->name());
   if (parent_->publishGroupConfig()->publishDir(publishDir_->name()) != publishDir_) return;
   if (Kiv::Ptr<PublishRegistryEntry> entry = parent_->ownEntry(publishDir_->name())) {
     entry->remotePathIs(publishDir_->remoteTargetPath());
@@ -37,7 +36,7 @@ void PublishDirSm::handleReadyToPublish() {
 }
 
 void PublishDirSm::doCleanup() {
-  SCD_TRACE(8, "doCleanup", "PublishDirSm::" << "doCleanup");
+  KIV_SM_TRACE(8, "doCleanup", "");
   parent_->removePublishDir(publishDir_->name());
 }
 

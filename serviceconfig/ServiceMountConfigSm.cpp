@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "serviceconfig/ServiceConfigTrace.h"
 #include "serviceconfig/ServiceMountGroupSm.h"
 
 namespace Controller {
@@ -12,13 +11,7 @@ ServiceMountConfigSm::ServiceMountConfigSm(bool isProxyService,
                                            Kiv::PtrConst<ServiceMountConfig> const& serviceMountConfig,
                                            Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
                                            Kiv::Ptr<MountsRegistry> const& mountsRegistry, ServiceConfigDirSm* parent)
-    : isProxyService_(isProxyService),
-      controllerdbStatus_(controllerdbStatus),
-      serviceMountConfig_(serviceMountConfig),
-      serviceMountStatus_(serviceMountStatus),
-      mountsRegistry_(mountsRegistry),
-      parent_(parent),
-      kivServiceMountConfig_(new KivServiceMountConfig(serviceMountConfig, this)) {
+    : ServiceMountConfigSmBase(isProxyService, controllerdbStatus, serviceMountConfig, serviceMountStatus, mountsRegistry, parent) {
   // A name the service set before this machine existed reaches its status too.
   if (!serviceMountConfig_->serviceName().empty()) serviceMountStatus_->serviceNameIs(serviceMountConfig_->serviceName());
   handleInitialized();
@@ -29,26 +22,26 @@ ServiceMountConfigSm::~ServiceMountConfigSm() = default;
 // Withdraws what the groups wrote (their mounters and path prefixes), for a service whose
 // configuration or status entity was replaced by one of another type.
 void ServiceMountConfigSm::doCleanup() {
-  SCD_TRACE(8, "doCleanup", "ServiceMountConfigSm::" << "doCleanup");
+  KIV_SM_TRACE(8, "doCleanup", "");
   mountGroupSm_.clear();
 }
 
 void ServiceMountConfigSm::handleInitialized() {
-  SCD_TRACE(8, "handleInitialized", "ServiceMountConfigSm::" << "handleInitialized");
+  KIV_SM_TRACE(8, "handleInitialized", "");
   if (initialized_ || serviceMountConfig_->serviceName().empty()) return;
   initialized_ = true;
   handleMountGroupConfig();
 }
 
 void ServiceMountConfigSm::handleServiceName() {
-  SCD_DUALLOG("void Controller::ServiceMountConfigSm::handleServiceName()", " serviceName:%s",
+  KIV_SM_DUALLOG(5, kivSigHandleServiceName, " serviceName:%s",
               serviceMountConfig_->serviceName());
   serviceMountStatus_->serviceNameIs(serviceMountConfig_->serviceName());
   handleInitialized();
 }
 
 void ServiceMountConfigSm::handleMountGroupConfig() {
-  SCD_TRACE(8, "handleMountGroupConfig", "ServiceMountConfigSm::" << "handleMountGroupConfig");
+  KIV_SM_TRACE(8, "handleMountGroupConfig", "");
   if (!initialized_) return;
   std::vector<Kiv::Name> groups;
   for (auto it = serviceMountConfig_->mountGroupConfigIter(); it; ++it) groups.push_back(it.key());
@@ -56,7 +49,7 @@ void ServiceMountConfigSm::handleMountGroupConfig() {
 }
 
 void ServiceMountConfigSm::handleMountGroupConfig(Kiv::Name const& group) {
-  SCD_TRACE(8, "handleMountGroupConfig", "ServiceMountConfigSm::" << "handleMountGroupConfig" << ": " << group);
+  KIV_SM_TRACE(8, "handleMountGroupConfig", ": " << group);
   if (!initialized_) return;
   if (Kiv::PtrConst<ServiceMountGroupConfig> config = serviceMountConfig_->mountGroupConfig(group)) {
     mountGroupSmIs(controllerdbStatus_, config, serviceMountConfig_, serviceMountStatus_, mountsRegistry_);
@@ -65,22 +58,5 @@ void ServiceMountConfigSm::handleMountGroupConfig(Kiv::Name const& group) {
     mountGroupSmDel(group);
   }
 }
-
-Kiv::Ptr<ServiceMountGroupSm> ServiceMountConfigSm::mountGroupSmIs(
-    Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
-    Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig,
-    Kiv::PtrConst<ServiceMountConfig> const& serviceMountConfig, Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
-    Kiv::Ptr<MountsRegistry> const& mountsRegistry) {
-  Kiv::nullCheck(mountGroupConfig, "mountGroupConfig", "Controller::ServiceMountConfigSm::mountGroupSm");
-  return mountGroupSm_.instantiate(
-      mountGroupConfig->name(),
-      std::make_tuple(controllerdbStatus, mountGroupConfig, serviceMountConfig, serviceMountStatus, mountsRegistry),
-      [&] {
-        return Kiv::Ptr<ServiceMountGroupSm>(new ServiceMountGroupSm(
-            controllerdbStatus, mountGroupConfig, serviceMountConfig, serviceMountStatus, mountsRegistry, this));
-      });
-}
-
-void ServiceMountConfigSm::mountGroupSmDel(Kiv::Name const& group) { mountGroupSm_.erase(group); }
 
 }  // namespace Controller

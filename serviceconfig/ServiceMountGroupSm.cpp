@@ -3,36 +3,21 @@
 #include <vector>
 
 #include "serviceconfig/DirPath.h"
-#include "serviceconfig/ServiceConfigTrace.h"
 #include "serviceconfig/ServiceMountConfigSm.h"
 
 namespace Controller {
-
-namespace {
-constexpr char const* kAddMountConfig = "void Controller::ServiceMountGroupSm::addMountConfig(Kiv::Name)";
-constexpr char const* kRemoveMountConfig = "void Controller::ServiceMountGroupSm::removeMountConfig(Kiv::Name)";
-}  // namespace
 
 ServiceMountGroupSm::ServiceMountGroupSm(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
                                          Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig,
                                          Kiv::PtrConst<ServiceMountConfig> const& serviceMountConfig,
                                          Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
                                          Kiv::Ptr<MountsRegistry> const& mountsRegistry, ServiceMountConfigSm* parent)
-    : controllerdbStatus_(controllerdbStatus),
-      mountGroupConfig_(mountGroupConfig),
-      serviceMountConfig_(serviceMountConfig),
-      serviceMountStatus_(serviceMountStatus),
-      mountsRegistry_(mountsRegistry),
-      parent_(parent),
-      kivControllerdbStatus_(new KivControllerdbStatus(controllerdbStatus, this)),
-      kivMountGroupConfig_(new KivMountGroupConfig(mountGroupConfig, this)),
-      kivServiceMountConfig_(new KivServiceMountConfig(serviceMountConfig, this)) {
+    : ServiceMountGroupSmBase(controllerdbStatus, mountGroupConfig, serviceMountConfig, serviceMountStatus, mountsRegistry, parent) {
   handleInitialized();
 }
 
 void ServiceMountGroupSm::handleInitialized() {
-  SCD_TRACE(8, "handleInitialized",
-            "ServiceMountGroupSm::" << "handleInitialized" << " mountConfig genId:" << serviceMountConfig_->leaderGenId()
+  KIV_SM_TRACE(8, "handleInitialized", " mountConfig genId:" << serviceMountConfig_->leaderGenId()
                                     << " controller genId:" << controllerdbStatus_->leaderGenId());
   if (initialized_) return;
   initialized_ = true;
@@ -40,8 +25,7 @@ void ServiceMountGroupSm::handleInitialized() {
 }
 
 bool ServiceMountGroupSm::canMount() const {
-  SCD_TRACE(8, "canMount",
-            "ServiceMountGroupSm::" << "canMount" << " mountConfig genId:" << serviceMountConfig_->leaderGenId()
+  KIV_SM_TRACE(8, "canMount", " mountConfig genId:" << serviceMountConfig_->leaderGenId()
                                     << " controller genId:" << controllerdbStatus_->leaderGenId());
   Kiv::String const& controller = controllerdbStatus_->leaderGenId();
   if (controller.empty()) return parent_->isProxyService();
@@ -49,8 +33,7 @@ bool ServiceMountGroupSm::canMount() const {
 }
 
 void ServiceMountGroupSm::handleLeaderGenId() {
-  SCD_TRACE(8, "handleLeaderGenId",
-            "ServiceMountGroupSm::" << "handleLeaderGenId" << " " << serviceMountConfig_->leaderGenId());
+  KIV_SM_TRACE(8, "handleLeaderGenId", " " << serviceMountConfig_->leaderGenId());
   if (canMount()) {
     handleMountConfig();
   } else if (!parent_->isProxyService()) {
@@ -60,14 +43,14 @@ void ServiceMountGroupSm::handleLeaderGenId() {
 
 void ServiceMountGroupSm::handleMountConfig() {
   if (!initialized_) return;
-  SCD_TRACE(8, "handleMountConfig", "ServiceMountGroupSm::" << "handleMountConfig");
+  KIV_SM_TRACE(8, "handleMountConfig", "");
   std::vector<Kiv::Name> paths;
   for (auto it = mountGroupConfig_->mountConfigIter(); it; ++it) paths.push_back(it.key());
   for (Kiv::Name const& path : paths) handleMountConfig(path);
 }
 
 void ServiceMountGroupSm::handleMountConfig(Kiv::Name const& remotePath) {
-  SCD_TRACE(8, "handleMountConfig", "ServiceMountGroupSm::" << "handleMountConfig" << ": " << remotePath);
+  KIV_SM_TRACE(8, "handleMountConfig", ": " << remotePath);
   if (!initialized_ || !canMount()) return;
   if (mountGroupConfig_->mountConfig(remotePath)) {
     addMountConfig(remotePath);
@@ -81,14 +64,14 @@ MounterName ServiceMountGroupSm::mounterName() const {
 }
 
 void ServiceMountGroupSm::addMountConfig(Kiv::Name const& remotePath) {
-  SCD_TRACE(8, "addMountConfig", "ServiceMountGroupSm::" << "addMountConfig" << ": " << remotePath);
+  KIV_SM_TRACE(8, "addMountConfig", ": " << remotePath);
   Kiv::String const serviceName = serviceMountConfig_->serviceName();
   Kiv::String const groupName = mountGroupConfig_->name();
   Kiv::PtrConst<MountConfig> mountConfig = mountGroupConfig_->mountConfig(remotePath);
   Kiv::Ptr<MountsRegistryEntry> mre = mountsRegistry_->mountEntry(remotePath);
   Kiv::String pathPrefix;
   if (mre) {
-    SCD_DUALLOG(kAddMountConfig, " dup registry entry service:%s group:%s rpath:%s", serviceName, groupName,
+    KIV_SM_DUALLOG(5, kivSigAddMountConfig, " dup registry entry service:%s group:%s rpath:%s", serviceName, groupName,
                 remotePath);
     KIV_ASSERT(mre->kivType() == mountConfig->kivcType());
     KIV_ASSERT(mre->mountFlags() == mountConfig->mountFlags());
@@ -102,7 +85,7 @@ void ServiceMountGroupSm::addMountConfig(Kiv::Name const& remotePath) {
       targetPath = mountsRegistry_->registryDirPath() + "/" + remotePath;
       doCreateDirPath(mountsRegistry_->registryDir(), remotePath);
     }
-    SCD_DUALLOG(kAddMountConfig, " add registry entry service:%s group:%s rpath:%s tpath:%s", serviceName, groupName,
+    KIV_SM_DUALLOG(5, kivSigAddMountConfig, " add registry entry service:%s group:%s rpath:%s tpath:%s", serviceName, groupName,
                 remotePath, targetPath);
     mre = mountsRegistry_->mountEntryIs(remotePath, targetPath, mountConfig->kivcType(), mountConfig->mountFlags());
     KIV_ASSERT(mre);
@@ -111,12 +94,11 @@ void ServiceMountGroupSm::addMountConfig(Kiv::Name const& remotePath) {
   MounterName const name = mounterName();
   if (mre->mounter(name.serviceName())) {
     // The first request of a (service, group) for a path wins.
-    SCD_TRACE(8, "addMountConfig",
-              "ServiceMountGroupSm::" << "addMountConfig" << " Service:" << serviceName
+    KIV_SM_TRACE(8, "addMountConfig", " Service:" << serviceName
                                       << " has already requested a mount for " << remotePath);
     return;
   }
-  SCD_DUALLOG(kAddMountConfig, " add mounter service:%s group:%s rpath:%s path prefix:%s", serviceName, groupName,
+  KIV_SM_DUALLOG(5, kivSigAddMountConfig, " add mounter service:%s group:%s rpath:%s path prefix:%s", serviceName, groupName,
               remotePath, pathPrefix);
   // The prefix first: whoever reacts to the new mounter finds it in place.
   serviceMountStatus_->mountedPathPrefixIs(remotePath, pathPrefix);
@@ -124,11 +106,11 @@ void ServiceMountGroupSm::addMountConfig(Kiv::Name const& remotePath) {
 }
 
 void ServiceMountGroupSm::removeMountConfig(Kiv::Name const& remotePath) {
-  SCD_TRACE(8, "removeMountConfig", "ServiceMountGroupSm::" << "removeMountConfig" << ": " << remotePath);
+  KIV_SM_TRACE(8, "removeMountConfig", ": " << remotePath);
   Kiv::Ptr<MountsRegistryEntry> mre = mountsRegistry_->mountEntry(remotePath);
   if (!mre) return;
   MounterName const name = mounterName();
-  SCD_DUALLOG(kRemoveMountConfig, " del registry entry: service:%s group:%s path:%s", name.serviceName(),
+  KIV_SM_DUALLOG(5, kivSigRemoveMountConfig, " del registry entry: service:%s group:%s path:%s", name.serviceName(),
               name.groupName(), remotePath);
   // Mounters are keyed by service: when another group of this service requested the path first,
   // the mounter and the prefix are that group's and stay.
@@ -137,11 +119,11 @@ void ServiceMountGroupSm::removeMountConfig(Kiv::Name const& remotePath) {
     serviceMountStatus_->mountedPathPrefixDel(remotePath);
     mre->mounterDel(name.serviceName());
   }
-  if (mre->mounterSize() == 0) SCD_DUALLOG(kRemoveMountConfig, " all mounters gone path:%s", remotePath);
+  if (mre->mounterSize() == 0) KIV_SM_DUALLOG(5, kivSigRemoveMountConfig, " all mounters gone path:%s", remotePath);
 }
 
 void ServiceMountGroupSm::doCleanup() {
-  SCD_TRACE(8, "doCleanup", "ServiceMountGroupSm::" << "doCleanup");
+  KIV_SM_TRACE(8, "doCleanup", "");
   std::vector<Kiv::Name> paths;
   for (auto it = mountGroupConfig_->mountConfigIter(); it; ++it) paths.push_back(it.key());
   for (Kiv::Name const& path : paths) removeMountConfig(path);

@@ -6,6 +6,7 @@
 #include "ControllerdbTypes.h"
 #include "MountInterface.h"
 #include "MountsRegistry.h"
+#include "ServiceConfigMachines.h"
 
 namespace Controller {
 
@@ -15,7 +16,7 @@ class ServiceMountConfigSm;
 // or it is a proxy), every remote path of the group has a registry entry with this service's
 // mounter and a mounted path prefix in the service's status. Owned by ServiceMountConfigSm, which
 // runs doCleanup() before it deletes the machine.
-class ServiceMountGroupSm : public Kiv::PtrInterface {
+class ServiceMountGroupSm : public ServiceMountGroupSmBase {
  public:
   ServiceMountGroupSm(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
                       Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig,
@@ -23,14 +24,6 @@ class ServiceMountGroupSm : public Kiv::PtrInterface {
                       Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
                       Kiv::Ptr<MountsRegistry> const& mountsRegistry, ServiceMountConfigSm* parent);
 
-  static constexpr std::array kivParamNames{"controllerdbStatus", "mountGroupConfig", "serviceMountConfig",
-                                            "serviceMountStatus", "mountsRegistry"};
-  auto kivParams() const {
-    return std::tie(controllerdbStatus_, mountGroupConfig_, serviceMountConfig_, serviceMountStatus_, mountsRegistry_);
-  }
-
-  Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig() const { return mountGroupConfig_; }
-  ServiceMountConfigSm* parent() const { return parent_; }
   bool initialized() const { return initialized_; }
 
   void handleLeaderGenId();
@@ -43,46 +36,8 @@ class ServiceMountGroupSm : public Kiv::PtrInterface {
   void doCleanup();
 
  private:
-  class KivControllerdbStatus : public Controllerdb::Status::NotifieeConst {
-   public:
-    KivControllerdbStatus(Kiv::PtrConst<Controllerdb::Status> const& s, ServiceMountGroupSm* owner)
-        : NotifieeConst(s), owner_(owner) {}
-    void onLeaderGenId() override { owner_->handleLeaderGenId(); }
-
-   private:
-    ServiceMountGroupSm* owner_;
-  };
-  class KivMountGroupConfig : public ServiceMountGroupConfig::NotifieeConst {
-   public:
-    KivMountGroupConfig(Kiv::PtrConst<ServiceMountGroupConfig> const& c, ServiceMountGroupSm* owner)
-        : NotifieeConst(c), owner_(owner) {}
-    void onMountConfig(Kiv::Name const& remotePath) override { owner_->handleMountConfig(remotePath); }
-    void onMountConfigkivImmediate() override { owner_->handleMountConfig(); }
-
-   private:
-    ServiceMountGroupSm* owner_;
-  };
-  class KivServiceMountConfig : public ServiceMountConfig::NotifieeConst {
-   public:
-    KivServiceMountConfig(Kiv::PtrConst<ServiceMountConfig> const& c, ServiceMountGroupSm* owner)
-        : NotifieeConst(c), owner_(owner) {}
-    void onLeaderGenId() override { owner_->handleLeaderGenId(); }
-
-   private:
-    ServiceMountGroupSm* owner_;
-  };
-
   MounterName mounterName() const;
 
-  Kiv::PtrConst<Controllerdb::Status> controllerdbStatus_;
-  Kiv::PtrConst<ServiceMountGroupConfig> mountGroupConfig_;
-  Kiv::PtrConst<ServiceMountConfig> serviceMountConfig_;
-  Kiv::Ptr<ServiceMountStatus> serviceMountStatus_;
-  Kiv::Ptr<MountsRegistry> mountsRegistry_;
-  ServiceMountConfigSm* parent_;
-  Kiv::Ptr<KivControllerdbStatus> kivControllerdbStatus_;
-  Kiv::Ptr<KivMountGroupConfig> kivMountGroupConfig_;
-  Kiv::Ptr<KivServiceMountConfig> kivServiceMountConfig_;
   bool initialized_ = false;
 };
 

@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "serviceconfig/ServiceConfigTrace.h"
 #include "serviceconfig/ServicePublishGroupSm.h"
 
 namespace Controller {
@@ -13,14 +12,8 @@ ServicePublishConfigSm::ServicePublishConfigSm(Kiv::PtrConst<Controllerdb::Statu
                                                Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
                                                Kiv::Ptr<MountsRegistry> const& mountsRegistry,
                                                ServiceConfigDirSm* parent)
-    : controllerdbStatus_(controllerdbStatus),
-      servicePublishConfig_(servicePublishConfig),
-      servicePublishStatus_(servicePublishStatus),
-      controllerdbPublishStatus_(controllerdbPublishStatus),
-      mountsRegistry_(mountsRegistry),
-      parent_(parent),
-      kivControllerdbStatus_(new KivControllerdbStatus(controllerdbStatus, this)),
-      kivServicePublishConfig_(new KivServicePublishConfig(servicePublishConfig, this)) {
+    : ServicePublishConfigSmBase(controllerdbStatus, servicePublishConfig, servicePublishStatus, controllerdbPublishStatus, mountsRegistry,
+                                 parent) {
   handleInitialized();
 }
 
@@ -29,7 +22,7 @@ ServicePublishConfigSm::~ServicePublishConfigSm() = default;
 // Withdraws what the machine and its groups wrote: the entries, the group statuses and the
 // service's readiness.
 void ServicePublishConfigSm::doCleanup() {
-  SCD_TRACE(8, "doCleanup", "ServicePublishConfigSm::" << "doCleanup");
+  KIV_SM_TRACE(8, "doCleanup", "");
   std::vector<Kiv::Name> groups;
   for (auto it = publishGroupSm_.begin(); it; ++it) groups.push_back(it.key());
   for (Kiv::Name const& group : groups) {
@@ -43,14 +36,13 @@ void ServicePublishConfigSm::doCleanup() {
 bool ServicePublishConfigSm::canPublish() const {
   Kiv::String const& controller = controllerdbStatus_->leaderGenId();
   bool can = !controller.empty() && servicePublishConfig_->leaderGenId() == controller;
-  SCD_TRACE(8, "canPublish",
-            "ServicePublishConfigSm::" << "canPublish" << " can:" << can << " publishConfig genId:"
+  KIV_SM_TRACE(8, "canPublish", " can:" << can << " publishConfig genId:"
                                        << servicePublishConfig_->leaderGenId() << " controller genId:" << controller);
   return can;
 }
 
 void ServicePublishConfigSm::handleInitialized() {
-  SCD_TRACE(8, "handleInitialized", "ServicePublishConfigSm::" << "handleInitialized");
+  KIV_SM_TRACE(8, "handleInitialized", "");
   if (initialized_ || servicePublishConfig_->serviceName().empty()) return;
   initialized_ = true;
   handlePublishGroupConfig();
@@ -58,15 +50,14 @@ void ServicePublishConfigSm::handleInitialized() {
 }
 
 void ServicePublishConfigSm::handleServiceName() {
-  SCD_DUALLOG("void Controller::ServicePublishConfigSm::handleServiceName()", " serviceName:%s",
+  KIV_SM_DUALLOG(5, kivSigHandleServiceName, " serviceName:%s",
               servicePublishConfig_->serviceName());
   handleInitialized();
 }
 
 void ServicePublishConfigSm::handleLeaderGenId() {
   if (!initialized_) return;
-  SCD_TRACE(8, "handleLeaderGenId",
-            "ServicePublishConfigSm::" << "handleLeaderGenId" << " " << servicePublishConfig_->leaderGenId());
+  KIV_SM_TRACE(8, "handleLeaderGenId", " " << servicePublishConfig_->leaderGenId());
   if (canPublish()) {
     // The entries come back before the readiness, so that the registry has them to wait for;
     // the groups' own reactors then find them in place.
@@ -76,20 +67,19 @@ void ServicePublishConfigSm::handleLeaderGenId() {
     handlePublishReady();
     return;
   }
-  SCD_DUALLOG("void Controller::ServicePublishConfigSm::handleLeaderGenId()",
+  KIV_SM_DUALLOG(5, kivSigHandleLeaderGenId,
               "Stale leaderGenId, cleanup publishReady flag for %s", servicePublishConfig_->serviceName());
   mountsRegistry_->servicePublishReadyDel(servicePublishConfig_->serviceName());
 }
 
 void ServicePublishConfigSm::handlePublishReady() {
-  SCD_TRACE(8, "handlePublishReady",
-            "ServicePublishConfigSm::" << "handlePublishReady" << ": " << servicePublishConfig_->serviceName());
+  KIV_SM_TRACE(8, "handlePublishReady", ": " << servicePublishConfig_->serviceName());
   if (!initialized_ || !canPublish()) return;
   mountsRegistry_->servicePublishReadyIs(servicePublishConfig_->serviceName(), servicePublishConfig_->ready());
 }
 
 void ServicePublishConfigSm::handlePublishGroupConfig() {
-  SCD_TRACE(8, "handlePublishGroupConfig", "ServicePublishConfigSm::" << "handlePublishGroupConfig");
+  KIV_SM_TRACE(8, "handlePublishGroupConfig", "");
   if (!initialized_) return;
   std::vector<Kiv::Name> groups;
   for (auto it = servicePublishConfig_->publishGroupConfigIter(); it; ++it) groups.push_back(it.key());
@@ -97,8 +87,7 @@ void ServicePublishConfigSm::handlePublishGroupConfig() {
 }
 
 void ServicePublishConfigSm::handlePublishGroupConfig(Kiv::Name const& group) {
-  SCD_TRACE(8, "handlePublishGroupConfig",
-            "ServicePublishConfigSm::" << "handlePublishGroupConfig" << ": " << servicePublishConfig_->serviceName()
+  KIV_SM_TRACE(8, "handlePublishGroupConfig", ": " << servicePublishConfig_->serviceName()
                                        << ", " << group);
   if (!initialized_) return;
   if (Kiv::PtrConst<ServicePublishGroupConfig> config = servicePublishConfig_->publishGroupConfig(group)) {
@@ -111,22 +100,5 @@ void ServicePublishConfigSm::handlePublishGroupConfig(Kiv::Name const& group) {
     servicePublishStatus_->servicePublishGroupStatusDel(group);
   }
 }
-
-Kiv::Ptr<ServicePublishGroupSm> ServicePublishConfigSm::publishGroupSmIs(
-    Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
-    Kiv::PtrConst<ServicePublishConfig> const& servicePublishConfig,
-    Kiv::PtrConst<ServicePublishGroupConfig> const& publishGroupConfig,
-    Kiv::Ptr<ServicePublishGroupStatus> const& publishGroupStatus, Kiv::Ptr<MountsRegistry> const& mountsRegistry) {
-  Kiv::nullCheck(publishGroupConfig, "publishGroupConfig", "Controller::ServicePublishConfigSm::publishGroupSm");
-  return publishGroupSm_.instantiate(
-      publishGroupConfig->name(),
-      std::make_tuple(controllerdbStatus, servicePublishConfig, publishGroupConfig, publishGroupStatus, mountsRegistry),
-      [&] {
-        return Kiv::Ptr<ServicePublishGroupSm>(new ServicePublishGroupSm(
-            controllerdbStatus, servicePublishConfig, publishGroupConfig, publishGroupStatus, mountsRegistry, this));
-      });
-}
-
-void ServicePublishConfigSm::publishGroupSmDel(Kiv::Name const& group) { publishGroupSm_.erase(group); }
 
 }  // namespace Controller

@@ -3,18 +3,9 @@
 #include <vector>
 
 #include "serviceconfig/PublishDirSm.h"
-#include "serviceconfig/ServiceConfigTrace.h"
 #include "serviceconfig/ServicePublishConfigSm.h"
 
 namespace Controller {
-
-namespace {
-constexpr char const* kAddPublishDirOrConfig =
-    "void Controller::ServicePublishGroupSm::addPublishDirOrConfig(Kiv::String, Kiv::String, Kiv::String, bool, "
-    "bool, Kiv::PtrConst<Controller::ServicePublishGroupConfig>)";
-constexpr char const* kRemovePublishDirOrConfig =
-    "void Controller::ServicePublishGroupSm::removePublishDirOrConfig(Kiv::String)";
-}  // namespace
 
 ServicePublishGroupSm::ServicePublishGroupSm(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
                                              Kiv::PtrConst<ServicePublishConfig> const& servicePublishConfig,
@@ -22,30 +13,21 @@ ServicePublishGroupSm::ServicePublishGroupSm(Kiv::PtrConst<Controllerdb::Status>
                                              Kiv::Ptr<ServicePublishGroupStatus> const& publishGroupStatus,
                                              Kiv::Ptr<MountsRegistry> const& mountsRegistry,
                                              ServicePublishConfigSm* parent)
-    : controllerdbStatus_(controllerdbStatus),
-      servicePublishConfig_(servicePublishConfig),
-      publishGroupConfig_(publishGroupConfig),
-      publishGroupStatus_(publishGroupStatus),
-      mountsRegistry_(mountsRegistry),
-      parent_(parent),
-      kivControllerdbStatus_(new KivControllerdbStatus(controllerdbStatus, this)),
-      kivServicePublishConfig_(new KivServicePublishConfig(servicePublishConfig, this)),
-      kivPublishGroupConfig_(new KivPublishGroupConfig(publishGroupConfig, this)) {
+    : ServicePublishGroupSmBase(controllerdbStatus, servicePublishConfig, publishGroupConfig, publishGroupStatus, mountsRegistry, parent) {
   handleInitialized();
 }
 
 ServicePublishGroupSm::~ServicePublishGroupSm() = default;
 
 void ServicePublishGroupSm::handleInitialized() {
-  SCD_TRACE(8, "handleInitialized", "ServicePublishGroupSm::" << "handleInitialized");
+  KIV_SM_TRACE(8, "handleInitialized", "");
   if (initialized_) return;
   initialized_ = true;
   handleLeaderGenId();
 }
 
 void ServicePublishGroupSm::handleLeaderGenId() {
-  SCD_TRACE(8, "handleLeaderGenId",
-            "ServicePublishGroupSm::" << "handleLeaderGenId" << " " << servicePublishConfig_->leaderGenId());
+  KIV_SM_TRACE(8, "handleLeaderGenId", " " << servicePublishConfig_->leaderGenId());
   if (parent_->canPublish()) {
     handleSystemFilter();
     handleVersionFilter();
@@ -70,16 +52,14 @@ std::vector<Kiv::Ptr<PublishRegistryEntry>> ServicePublishGroupSm::ownEntries() 
 void ServicePublishGroupSm::handleSystemFilter() {
   if (!initialized_) return;
   Kiv::Ptr<MountFilterSystem> const& filter = publishGroupConfig_->systemFilter();
-  SCD_TRACE(8, "handleSystemFilter",
-            "ServicePublishGroupSm::" << "handleSystemFilter" << " " << (filter ? filter->filterName() : "None"));
+  KIV_SM_TRACE(8, "handleSystemFilter", " " << (filter ? filter->filterName() : "None"));
   for (auto const& entry : ownEntries()) entry->systemFilterIs(filter);
 }
 
 void ServicePublishGroupSm::handleVersionFilter() {
   if (!initialized_) return;
   Kiv::Ptr<MountFilterServiceVersion> const& filter = publishGroupConfig_->versionFilter();
-  SCD_TRACE(8, "handleVersionFilter",
-            "ServicePublishGroupSm::" << "handleVersionFilter" << " " << (filter ? filter->filterName() : "None"));
+  KIV_SM_TRACE(8, "handleVersionFilter", " " << (filter ? filter->filterName() : "None"));
   for (auto const& entry : ownEntries()) entry->versionFilterIs(filter);
 }
 
@@ -90,7 +70,7 @@ void ServicePublishGroupSm::handlePublishConfig() {
 }
 
 void ServicePublishGroupSm::handlePublishConfig(Kiv::Name const& path) {
-  SCD_TRACE(8, "handlePublishConfig", "ServicePublishGroupSm::" << "handlePublishConfig" << ": " << path);
+  KIV_SM_TRACE(8, "handlePublishConfig", ": " << path);
   if (!parent_->canPublish()) return;
   if (Kiv::PtrConst<PublishConfig> config = publishGroupConfig_->publishConfig(path)) {
     publishGroupStatus_->publishStatusIs(path)->publishStateIs(publishStateComplete);
@@ -108,13 +88,12 @@ void ServicePublishGroupSm::handlePublishDir() {
 }
 
 void ServicePublishGroupSm::handlePublishDir(Kiv::Name const& dir) {
-  SCD_TRACE(8, "handlePublishDir", "ServicePublishGroupSm::" << "handlePublishDir" << ": " << dir);
+  KIV_SM_TRACE(8, "handlePublishDir", ": " << dir);
   if (!parent_->canPublish()) return;
   if (Kiv::PtrConst<PublishDir> publishDir = publishGroupConfig_->publishDir(dir)) {
-    publishDirSm_.instantiate(dir, std::make_tuple(publishDir),
-                              [&] { return Kiv::Ptr<PublishDirSm>(new PublishDirSm(publishDir, this)); });
+    publishDirSmIs(dir, publishDir);
   } else {
-    publishDirSm_.erase(dir);
+    publishDirSmDel(dir);
   }
 }
 
@@ -125,7 +104,7 @@ void ServicePublishGroupSm::addPublishConfig(Kiv::PtrConst<PublishConfig> const&
   Kiv::Name const& cpath = publishConfig->name();
   if (published_.contains(cpath)) return;
   if (mountsRegistry_->publishEntry(cpath)) {
-    SCD_TRACE(1, "addPublishConfig",
+    KIV_SM_TRACE_TEXT(1, "addPublishConfig",
               "addPublishConfig" << cpath << " already published. Ignoring publish from:" << serviceName());
     return;
   }
@@ -135,10 +114,10 @@ void ServicePublishGroupSm::addPublishConfig(Kiv::PtrConst<PublishConfig> const&
 void ServicePublishGroupSm::addPublishDir(Kiv::PtrConst<PublishDir> const& publishDir,
                                           Kiv::PtrConst<ServicePublishGroupConfig> const& groupConfig) {
   Kiv::Name const& cpath = publishDir->name();
-  SCD_TRACE(8, "addPublishDir", "ServicePublishGroupSm::" << "addPublishDir" << " " << cpath);
+  KIV_SM_TRACE(8, "addPublishDir", " " << cpath);
   if (published_.contains(cpath)) return;
   if (mountsRegistry_->publishEntry(cpath)) {
-    SCD_TRACE(1, "addPublishDir",
+    KIV_SM_TRACE_TEXT(1, "addPublishDir",
               "addPublishDir" << cpath << " already published. Ignoring publishDir from: " << serviceName());
     return;
   }
@@ -149,7 +128,7 @@ void ServicePublishGroupSm::addPublishDir(Kiv::PtrConst<PublishDir> const& publi
 void ServicePublishGroupSm::addPublishDirOrConfig(Kiv::String cpath, Kiv::String rpath, Kiv::String type, bool isDir,
                                                   bool ready,
                                                   Kiv::PtrConst<ServicePublishGroupConfig> const& groupConfig) {
-  SCD_DUALLOG(kAddPublishDirOrConfig, " adding: service:%s cpath:%s rpath:%s type:%s", serviceName(), cpath, rpath,
+  KIV_SM_DUALLOG(5, kivSigAddPublishDirOrConfig, " adding: service:%s cpath:%s rpath:%s type:%s", serviceName(), cpath, rpath,
               type);
   Kiv::Ptr<PublishRegistryEntry> entry = mountsRegistry_->publishEntryIs(
       cpath, rpath, type, isDir, serviceName(), groupConfig->versionFilter(), groupConfig->systemFilter());
@@ -164,12 +143,12 @@ void ServicePublishGroupSm::removePublishConfig(Kiv::String const& cpath) { remo
 void ServicePublishGroupSm::removePublishDirOrConfig(Kiv::String const& cpath) {
   // Another publisher's entry for the same path is that publisher's to remove.
   if (!published_.erase(Kiv::Name(cpath))) return;
-  SCD_DUALLOG(kRemovePublishDirOrConfig, " removing cpath:%s", cpath);
+  KIV_SM_DUALLOG(5, kivSigRemovePublishDirOrConfig, " removing cpath:%s", cpath);
   mountsRegistry_->publishEntryDel(cpath);
 }
 
 void ServicePublishGroupSm::doCleanup() {
-  SCD_TRACE(8, "doCleanup", "ServicePublishGroupSm::" << "doCleanup");
+  KIV_SM_TRACE(8, "doCleanup", "");
   std::vector<Kiv::Name> paths;
   for (auto it = published_.begin(); it; ++it) paths.push_back(it.key());
   for (Kiv::Name const& path : paths) removePublishDirOrConfig(path);

@@ -1152,6 +1152,7 @@ Output emit(Unit const& u) {
   out.testing = banner + "#pragma once\n\n#include <string>\n#include <vector>\n\n#include \"" + u.stem +
                 ".h\"\n\nnamespace " + u.ns + "::kivtesting {\n\ntemplate <class T>\nstruct Traits;\n\n" + body.testing +
                 "}  // namespace " + u.ns + "::kivtesting\n";
+  emitMachines(u, banner, out.machinesHeader, out.machinesSource);
   for (std::string const* text : {&out.header, &out.source, &out.testing}) {
     if (std::size_t at = text->find('$'); at != std::string::npos)
       throw std::logic_error("unfilled template variable in output: " + text->substr(at, 40));

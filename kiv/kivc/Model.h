@@ -19,7 +19,7 @@ struct Error {
   std::string message;
 };
 
-enum class TypeKind { builtin, enumeration, value, entity };
+enum class TypeKind { builtin, enumeration, value, entity, machine };
 
 // A type as written in an attribute: a builtin, a declared enumeration or value, an entity, or a
 // pointer to an entity (Ptr<T> or PtrConst<T>).
@@ -86,6 +86,91 @@ struct ExternType {
   std::string qualifiedName;  // "Controller::SystemId"
 };
 
+// --- state machines ---
+
+// One notification of a watched object and the handler it calls: `on a -> h` (onA() calls h()),
+// `on a(K) -> h` (onA(k) calls h(k)) and `on a(*) -> h` (the whole-collection onAkivImmediate()
+// calls h()). In a keyed watch the handler gets the watch's key first.
+struct On {
+  Location at;
+  std::string notification;
+  enum Form { plain, keyed, whole } form = plain;
+  TypeRef key;  // keyed only
+  std::string handler;
+};
+
+// A reactor on a constructor parameter (`param x : T { on ...; }`), on a retargetable member
+// (`watch x : T [-> h] { ... }`), or one reactor per key (`watches x : K -> T { ... }`).
+struct Watch {
+  Location at;
+  std::string name;
+  TypeRef target;               // Ptr<T> or PtrConst<T>
+  std::optional<TypeRef> key;   // watches only
+  std::string retargetHandler;  // watch only: called after xIs() changed the target
+  std::vector<On> ons;
+  struct State {
+    std::string name;
+    TypeRef type;
+    std::string initial;  // C++ expression; empty means value-initialised
+  };
+  std::vector<State> states;  // watches only: per-reactor fields
+};
+
+struct Param {
+  Location at;
+  std::string name;
+  TypeRef type;
+  bool valid = false;      // null refused with "null ValidPtr"
+  bool compared = true;    // part of the re-instantiation check
+  std::optional<Watch> watch;
+};
+
+// Owned child machines, keyed; created by xIs(params...) with the child's parameters.
+struct Children {
+  Location at;
+  std::string name;
+  TypeRef key;
+  std::string machine;
+  std::string keyExpression;         // over the parameters; empty means a key argument
+  std::vector<std::string> checked;  // parameters refused when null, with the mutator's text
+  unsigned sizeHint = 0;
+};
+
+struct Timer {
+  Location at;
+  std::string name;
+  std::string handler;
+};
+
+// A function's full signature, for the traces that begin with it.
+struct Signature {
+  Location at;
+  std::string returns;
+  std::string function;  // may be qualified by a nested class: "KivX::handleY"
+  std::vector<TypeRef> params;
+  std::string constant;  // filled by the parser: kivSig<Function>[<arity>]
+};
+
+struct Machine {
+  Location at;
+  std::string name;
+  std::string header;  // the hand-written class's header, for the generated source
+  std::vector<Param> params;
+  std::string ownerName, ownerType;  // the parent machine, a raw pointer; empty when none
+  std::vector<Watch> watches;        // `watch` and `watches`, in declaration order
+  std::vector<Children> children;
+  std::vector<Timer> timers;
+  std::vector<Signature> signatures;
+  std::string tracePrefix;  // "ServiceMountConfigSm::" unless given
+};
+
+// The source unit machines trace under: `unit "X.tin" trace variable "HandleName";`
+struct TraceUnit {
+  std::string file;
+  std::string variable;
+  std::string handle;
+};
+
 struct Unit {
   std::string file;
   std::string stem;  // output file name without extension
@@ -96,6 +181,8 @@ struct Unit {
   std::vector<Enum> enums;
   std::vector<Value> values;
   std::vector<Entity> entities;
+  std::optional<TraceUnit> trace;
+  std::vector<Machine> machines;
 };
 
 inline constexpr unsigned kFirstAttributeId = 258;

@@ -123,7 +123,7 @@ class Parser {
       } else if (c == '-' && i + 1 < text_.size() && text_[i + 1] == '>') {
         tokens_.push_back({Token::punct, "->", at});
         advance(2);
-      } else if (std::string("{};:=<>,()").find(c) != std::string::npos) {
+      } else if (std::string("{};:=<>,()*").find(c) != std::string::npos) {
         tokens_.push_back({Token::punct, std::string(1, c), at});
         advance(1);
       } else {
@@ -221,10 +221,199 @@ class Parser {
       value(t.at);
     } else if (accept("entity")) {
       entity(t.at);
+    } else if (accept("unit")) {
+      traceUnit(t.at);
+    } else if (accept("machine")) {
+      machine(t.at);
     } else {
-      error(t.at, "expected 'namespace', 'replicate', 'include', 'extern', 'enum', 'value' or 'entity' but found " +
-                      describe(t));
+      error(t.at,
+            "expected 'namespace', 'replicate', 'include', 'extern', 'enum', 'value', 'entity', 'unit' or 'machine' "
+            "but found " +
+                describe(t));
     }
+  }
+
+  std::string quoted(char const* what) {
+    if (peek().kind != Token::string || peek().text.empty()) {
+      if (errors_.empty()) error(peek().at, std::string("expected ") + what + " but found " + describe(peek()));
+      return {};
+    }
+    return next().text;
+  }
+
+  // unit "File.tin" trace variable "HandleName";
+  void traceUnit(Location const& at) {
+    if (unit_.trace && errors_.empty()) return error(at, "the unit is declared twice");
+    if (!unit_.machines.empty() && errors_.empty()) return error(at, "the unit must be declared before any machine");
+    TraceUnit u;
+    u.file = quoted("the unit's file name in quotes");
+    expect("trace");
+    u.variable = identifier("the trace handle's variable name");
+    u.handle = quoted("the trace handle's name in quotes");
+    expect(";");
+    unit_.trace = u;
+  }
+
+  void machine(Location const& at) {
+    if (!unit_.trace && errors_.empty()) return error(at, "declare the unit (unit \"X.tin\" trace ...) before a machine");
+    Machine m;
+    m.at = at;
+    m.name = identifier("a machine name");
+    declareName(m.name, at, TypeKind::machine);
+    m.header = quoted("the machine's header path in quotes");
+    m.tracePrefix = m.name + "::";
+    expect("{");
+    std::set<std::string> names;
+    auto member = [&](std::string const& name, Location const& where) {
+      if (!names.insert(name).second && errors_.empty()) error(where, "member " + name + " of " + m.name + " is declared twice");
+    };
+    while (errors_.empty() && !accept("}")) {
+      Token const& k = next();
+      if (k.text == "param") {
+        Param p;
+        p.at = k.at;
+        p.name = identifier("a parameter name");
+        member(p.name, k.at);
+        expect(":");
+        p.type = typeRef();
+        while (peek().kind == Token::ident && (peek().text == "valid" || peek().text == "uncompared")) {
+          if (next().text == "valid") {
+            p.valid = true;
+          } else {
+            p.compared = false;
+          }
+        }
+        if (peek().text == "{" && peek().kind == Token::punct) {
+          Watch w;
+          w.at = k.at;
+          w.name = p.name;
+          w.target = p.type;
+          watchBody(w, false);
+          p.watch = std::move(w);
+        } else {
+          expect(";");
+        }
+        m.params.push_back(std::move(p));
+      } else if (k.text == "owner") {
+        if (!m.ownerName.empty() && errors_.empty()) return error(k.at, "machine " + m.name + " has one owner");
+        m.ownerName = identifier("the owner's accessor name");
+        member(m.ownerName, k.at);
+        expect(":");
+        m.ownerType = identifier("the owner's machine type");
+        expect(";");
+      } else if (k.text == "watch" || k.text == "watches") {
+        Watch w;
+        w.at = k.at;
+        w.name = identifier("a watch name");
+        member(w.name, k.at);
+        expect(":");
+        if (k.text == "watches") {
+          w.key = typeRef();
+          expect("->");
+        }
+        w.target = typeRef();
+        if (k.text == "watch" && accept("->")) w.retargetHandler = identifier("a handler name");
+        watchBody(w, k.text == "watches");
+        m.watches.push_back(std::move(w));
+      } else if (k.text == "children") {
+        Children c;
+        c.at = k.at;
+        c.name = identifier("a collection name");
+        member(c.name, k.at);
+        expect(":");
+        c.key = typeRef();
+        expect("->");
+        c.machine = identifier("a machine name");
+        std::set<std::string> given;
+        while (errors_.empty() && peek().kind == Token::ident &&
+               (peek().text == "key" || peek().text == "check" || peek().text == "hint")) {
+          Token const& o = next();
+          if (!given.insert(o.text).second) return error(o.at, "option " + o.text + " is given twice");
+          if (o.text == "key") {
+            c.keyExpression = quoted("a quoted C++ expression after 'key'");
+          } else if (o.text == "check") {
+            expect("(");
+            do {
+              c.checked.push_back(identifier("a parameter name"));
+            } while (errors_.empty() && accept(","));
+            expect(")");
+          } else {
+            if (peek().kind != Token::number)
+              return error(peek().at, "expected a number after 'hint' but found " + describe(peek()));
+            c.sizeHint = static_cast<unsigned>(std::stoul(next().text));
+          }
+        }
+        expect(";");
+        m.children.push_back(std::move(c));
+      } else if (k.text == "timer") {
+        Timer t;
+        t.at = k.at;
+        t.name = identifier("a timer name");
+        member(t.name, k.at);
+        expect("->");
+        t.handler = identifier("a handler name");
+        expect(";");
+        m.timers.push_back(std::move(t));
+      } else if (k.text == "signature") {
+        Signature s;
+        s.at = k.at;
+        s.returns = identifier("a return type");
+        s.function = identifier("a function name");
+        expect("(");
+        if (!accept(")")) {
+          do {
+            s.params.push_back(typeRef());
+          } while (errors_.empty() && accept(","));
+          expect(")");
+        }
+        expect(";");
+        m.signatures.push_back(std::move(s));
+      } else if (k.text == "trace") {
+        m.tracePrefix = quoted("the trace prefix in quotes");
+        expect(";");
+      } else {
+        return error(k.at, "expected a machine member (param, owner, watch, watches, children, timer, signature, trace) "
+                           "but found " + describe(k));
+      }
+    }
+    unit_.machines.push_back(std::move(m));
+  }
+
+  // { on a -> h; on a(K) -> h; on a(*) -> h; state s : T [= "init"]; }
+  void watchBody(Watch& w, bool keyed) {
+    expect("{");
+    while (errors_.empty() && !accept("}")) {
+      Token const& k = next();
+      if (k.text == "on") {
+        On on;
+        on.at = k.at;
+        on.notification = identifier("a notification (an attribute name)");
+        if (accept("(")) {
+          if (accept("*")) {
+            on.form = On::whole;
+          } else {
+            on.form = On::keyed;
+            on.key = typeRef();
+          }
+          expect(")");
+        }
+        expect("->");
+        on.handler = identifier("a handler name");
+        expect(";");
+        w.ons.push_back(std::move(on));
+      } else if (k.text == "state" && keyed) {
+        Watch::State st;
+        st.name = identifier("a state name");
+        expect(":");
+        st.type = typeRef();
+        if (accept("=")) st.initial = quoted("a quoted C++ expression after '='");
+        expect(";");
+        w.states.push_back(std::move(st));
+      } else {
+        return error(k.at, std::string("expected 'on'") + (keyed ? " or 'state'" : "") + " but found " + describe(k));
+      }
+    }
+    if (w.ons.empty() && errors_.empty()) error(w.at, w.name + " watches no notification");
   }
 
   void declareName(std::string const& name, Location const& at, TypeKind kind) {
@@ -401,14 +590,20 @@ class Parser {
   std::optional<TypeKind> kindOf(std::string const& name) const {
     if (auto it = declared_.find(name); it != declared_.end()) return it->second;
     for (ExternType const& x : unit_.externs)
-      if (x.qualifiedName == name || x.qualifiedName.substr(x.qualifiedName.rfind("::") + 2) == name) return x.kind;
+      if (externMatches(x, name)) return x.kind;
     return std::nullopt;
   }
   std::string cppOf(std::string const& name) const {
     for (ExternType const& x : unit_.externs)
-      if (x.qualifiedName.substr(x.qualifiedName.rfind("::") + 2) == name && !declared_.count(name))
-        return x.qualifiedName;
+      if (externMatches(x, name) && !declared_.count(name)) return x.qualifiedName;
     return name;
+  }
+  // An extern type is named in full or by a trailing part of its qualified name
+  // ("Controllerdb::Status" or "Status" for Controller::Controllerdb::Status).
+  static bool externMatches(ExternType const& x, std::string const& name) {
+    std::string const& q = x.qualifiedName;
+    return q == name || (q.size() > name.size() + 2 && q.compare(q.size() - name.size(), name.size(), name) == 0 &&
+                         q.compare(q.size() - name.size() - 2, 2, "::") == 0);
   }
   bool resolveType(TypeRef& t, Location const& at) {
     if (t.pointer) {
@@ -438,6 +633,10 @@ class Parser {
     return true;
   }
   void resolve() {
+    resolveTypes();
+    if (errors_.empty()) resolveMachines();
+  }
+  void resolveTypes() {
     std::size_t fieldIndex = 0;
     for (Value& v : unit_.values) {
       for (ValueField& f : v.fields) {
@@ -490,6 +689,70 @@ class Parser {
         }
       }
     }
+  }
+
+  Machine const* machineNamed(std::string const& name) const {
+    for (Machine const& m : unit_.machines)
+      if (m.name == name) return &m;
+    return nullptr;
+  }
+
+  bool resolveWatch(Watch& w, std::string const& where) {
+    if (!resolveType(w.target, w.at)) return false;
+    if (!w.target.pointer) return error(w.at, where + " must be a Ptr<T> or PtrConst<T> of an entity"), false;
+    if (w.key && !resolveType(*w.key, w.at)) return false;
+    for (On& on : w.ons)
+      if (on.form == On::keyed && !resolveType(on.key, on.at)) return false;
+    for (Watch::State& st : w.states)
+      if (!resolveType(st.type, w.at)) return false;
+    return true;
+  }
+
+  void resolveMachines() {
+    for (Machine& m : unit_.machines) {
+      for (Param& p : m.params) {
+        if (!resolveType(p.type, p.at)) return;
+        std::string const where = "parameter " + p.name + " of " + m.name;
+        if (p.valid && !p.type.pointer) return error(p.at, where + " is not a pointer, so it cannot be 'valid'");
+        if (p.watch && !resolveWatch(*p.watch, where)) return;
+      }
+      if (!m.ownerType.empty() && !machineNamed(m.ownerType))
+        return error(m.at, "the owner of " + m.name + ", " + m.ownerType + ", is not a machine of this file");
+      for (Watch& w : m.watches)
+        if (!resolveWatch(w, "watch " + w.name + " of " + m.name)) return;
+      for (Children& c : m.children) {
+        std::string const where = "children " + c.name + " of " + m.name;
+        if (!resolveType(c.key, c.at)) return;
+        Machine const* child = machineNamed(c.machine);
+        if (!child) return error(c.at, where + " holds " + c.machine + ", which is not a machine of this file");
+        if (child->ownerType != m.name)
+          return error(c.at, where + " holds " + c.machine + ", whose owner is not " + m.name);
+        for (std::string const& name : c.checked) {
+          auto it = std::find_if(child->params.begin(), child->params.end(), [&](Param const& p) { return p.name == name; });
+          if (it == child->params.end() || !it->type.pointer)
+            return error(c.at, where + " checks " + name + ", which is not a pointer parameter of " + c.machine);
+        }
+      }
+      std::map<std::string, int> uses;
+      for (Signature& s : m.signatures) {
+        for (TypeRef& t : s.params)
+          if (!resolveType(t, s.at)) return;
+        ++uses[shortName(s.function)];
+      }
+      std::set<std::string> constants;
+      for (Signature& s : m.signatures) {
+        std::string f = shortName(s.function);
+        f[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(f[0])));
+        s.constant = "kivSig" + f + (uses[shortName(s.function)] > 1 ? std::to_string(s.params.size()) : "");
+        if (!constants.insert(s.constant).second)
+          return error(s.at, "signature " + s.function + " of " + m.name + " is declared twice");
+      }
+    }
+  }
+
+  static std::string shortName(std::string const& qualified) {
+    std::size_t at = qualified.rfind("::");
+    return at == std::string::npos ? qualified : qualified.substr(at + 2);
   }
 
   // Every const parameter of the member exactly once, and nothing else.

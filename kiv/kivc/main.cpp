@@ -2,7 +2,8 @@
 //
 //   kivc --out-dir DIR FILE.kiv...
 //
-// Writes DIR/<stem>.h, DIR/<stem>.cpp and DIR/<stem>Testing.h for each file; an output whose text
+// Writes DIR/<stem>.h, DIR/<stem>.cpp, DIR/<stem>Testing.h and the machine bases
+// DIR/<stem>Machines.{h,cpp} for each file; an output whose text
 // is unchanged is not rewritten, so builds stay incremental. Diagnostics go to stderr as
 // "file:line:column: error: sentence" and make the exit status 1.
 
@@ -75,7 +76,9 @@ int main(int argc, char** argv) {
     kivc::Output out = kivc::emit(unit);
     bool ok = writeIfChanged(outDir / (unit.stem + ".h"), out.header) &&
               writeIfChanged(outDir / (unit.stem + ".cpp"), out.source) &&
-              writeIfChanged(outDir / (unit.stem + "Testing.h"), out.testing);
+              writeIfChanged(outDir / (unit.stem + "Testing.h"), out.testing) &&
+              writeIfChanged(outDir / (unit.stem + "Machines.h"), out.machinesHeader) &&
+              writeIfChanged(outDir / (unit.stem + "Machines.cpp"), out.machinesSource);
     if (!ok) {
       std::cerr << file << ":1:1: error: cannot write the output in " << outDir.string() << '\n';
       status = 1;

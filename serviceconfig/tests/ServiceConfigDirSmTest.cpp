@@ -14,7 +14,7 @@ class ServiceConfigDir : public ::testing::Test, public ServiceConfigWorld {};
 TEST_F(ServiceConfigDir, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
   mountConfig->entryIs<ServiceMountConfig>("svc");  // no status yet
   start();
-  EXPECT_EQ(sm->serviceMountConfigSms(), 0u);
+  EXPECT_EQ(sm->serviceMountConfigSmSize(), 0u);
   mountStatus->entryIs<ServiceMountStatus>("svc");
   auto machine = sm->serviceMountConfigSm("svc");
   ASSERT_TRUE(machine);
@@ -54,7 +54,7 @@ TEST_F(ServiceConfigDir, WhatIsPresentAtConstructionIsTakenUpOnce) {
   EXPECT_THAT(mountersOf("/p"), ElementsAre("p-proxy/g"));
   EXPECT_TRUE(registry->publishEntry("/l"));
   mountConfig->entityPtrNotify();  // the whole-directory notification re-evaluates, creating nothing new
-  EXPECT_EQ(sm->serviceMountConfigSms(), 2u);
+  EXPECT_EQ(sm->serviceMountConfigSmSize(), 2u);
 }
 
 // What the machines wrote is withdrawn by their clean-up; what the design keeps stays.

@@ -12,7 +12,7 @@
 #include "MountsRegistry.h"
 #include "kiv/Clock.h"
 #include "serviceconfig/ServiceConfigDirSm.h"
-#include "serviceconfig/ServiceConfigTrace.h"
+#include "ServiceConfigMachines.h"
 
 namespace Controller::testing {
 

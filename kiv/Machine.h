@@ -1,0 +1,26 @@
+#pragma once
+// What the state machine bases that kivc generates build on, and the trace macros for the
+// machines' own member functions. A generated base gives every machine kivTrace(),
+// kivTraceFile and kivTracePrefix, so a trace names its unit, file and class without the
+// machine spelling them out.
+
+#include "kiv/Clock.h"
+#include "kiv/HashMap.h"
+#include "kiv/Ptr.h"
+#include "kiv/Reactor.h"
+#include "kiv/Trace.h"
+
+// The class prefix, the function's name, then the pieces given; the line is this source line.
+#define KIV_SM_TRACE(level, function, stream) KIV_SM_TRACE_AT(level, __LINE__, function, stream)
+// The same at a fixed line, for messages whose line is part of their identity.
+#define KIV_SM_TRACE_AT(level, line, function, stream) \
+  KIV_TRACE(kivTrace(), level, kivTraceFile, line, function, kivTracePrefix << function << stream)
+// Only the pieces given, for the few messages that do not begin with the class prefix.
+#define KIV_SM_TRACE_TEXT(level, function, stream) KIV_SM_TRACE_TEXT_AT(level, __LINE__, function, stream)
+#define KIV_SM_TRACE_TEXT_AT(level, line, function, stream) \
+  KIV_TRACE(kivTrace(), level, kivTraceFile, line, function, stream)
+// A Duallog message: the signature, ": " and the format with one "%s" per value.
+#define KIV_SM_DUALLOG(level, signature, format, ...) \
+  KIV_SM_DUALLOG_AT(level, __LINE__, signature, format __VA_OPT__(, ) __VA_ARGS__)
+#define KIV_SM_DUALLOG_AT(level, line, signature, format, ...) \
+  KIV_DUALLOG(kivTrace(), level, kivTraceFile, line, signature, format __VA_OPT__(, ) __VA_ARGS__)
