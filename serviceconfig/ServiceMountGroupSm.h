@@ -31,11 +31,12 @@ class ServiceMountGroupSm : public ServiceMountGroupSmBase {
   void handleMountConfig();
   void handleInitialized();
   bool canMount() const;
-  void addMountConfig(Kiv::Name const& remotePath);
-  void removeMountConfig(Kiv::Name const& remotePath);
   void doCleanup();
 
  private:
+  // The steps the handlers take for one remote path; not API.
+  void addMountConfig(Kiv::Name const& remotePath);
+  void removeMountConfig(Kiv::Name const& remotePath);
   MounterName mounterName() const;
 
   bool initialized_ = false;

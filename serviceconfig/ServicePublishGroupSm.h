@@ -37,6 +37,11 @@ class ServicePublishGroupSm : public ServicePublishGroupSmBase {
   void handlePublishConfig();
   void handleInitialized();
   void doCleanup();
+
+ private:
+  // The steps of publishing, not API: the group's handlers and, for directories, its
+  // PublishDirSms take them.
+  friend class PublishDirSm;
   void addPublishDir(Kiv::PtrConst<PublishDir> const& publishDir,
                      Kiv::PtrConst<ServicePublishGroupConfig> const& groupConfig);
   void addPublishConfig(Kiv::PtrConst<PublishConfig> const& publishConfig,
@@ -48,8 +53,6 @@ class ServicePublishGroupSm : public ServicePublishGroupSmBase {
   void removePublishDirOrConfig(Kiv::String const& cpath);
   // The registry's entry for a local path, when this group published it.
   Kiv::Ptr<PublishRegistryEntry> ownEntry(Kiv::Name const& cpath) const;
-
- private:
   Kiv::String serviceName() const { return servicePublishConfig_->serviceName(); }
   // The registry entries this group published.
   std::vector<Kiv::Ptr<PublishRegistryEntry>> ownEntries() const;
