@@ -112,36 +112,29 @@ TEST_F(MountSmTest, RetriesReachASwitchThatComesBackAndNotOneThatLeftMidAttempt)
   EXPECT_EQ(log->text, "Mounting@0 Failed@5");
 }
 
-TEST_F(MountSmTest, UnmountIsARequestActedOnAtTheNextTurn) {
-  auto sm = mount();
-  loop.advanceTo(2);
-  sm->doUnmount();
-  EXPECT_TRUE(sm->pendingRequest());
-  EXPECT_EQ(data->mountState(), mountStateMounted);
-  loop.runUntilIdle();
-  EXPECT_FALSE(sm->pendingRequest());
-  loop.advanceTo(10);
-  EXPECT_EQ(log->text, "Mounting@0 Mounted@2 Unmounting@2 Unmounted@5");
-  EXPECT_EQ(local->entityAtPath("mounts/s1/ports"), nullptr);
-  EXPECT_EQ(data->mountedPath(), "");
-}
-
-TEST_F(MountSmTest, StatePreservingUnmountKeepsTheCopyUntilAFreshOneReplacesIt) {
-  auto sm = mount();
-  loop.advanceTo(2);
-  sm->doStatePreservingUnmount();
-  loop.advanceTo(10);
-  EXPECT_EQ(log->text, "Mounting@0 Mounted@2 Unmounting@2 Unmounted@5");
-  Kiv::Ptr<Sim::Record> kept = copied("eth1");
-  ASSERT_NE(kept, nullptr);
-  EXPECT_TRUE(kept->kivReadOnly());
-  EXPECT_EQ(data->mountedPath(), "mounts/s1/ports");
+TEST_F(MountSmTest, UnmountsAreRequestsActedOnAtTheNextTurnAndOnlyTheOrdinaryOneDropsTheCopy) {
+  for (bool preserving : {false, true}) {
+    SCOPED_TRACE(preserving);
+    auto sm = mount();
+    loop.advanceBy(2);
+    preserving ? sm->doStatePreservingUnmount() : sm->doUnmount();
+    EXPECT_TRUE(sm->pendingRequest());
+    EXPECT_EQ(data->mountState(), mountStateMounted);
+    loop.runUntilIdle();
+    EXPECT_FALSE(sm->pendingRequest());
+    loop.advanceBy(8);
+    EXPECT_EQ(log->text, "Mounting@0 Mounted@2 Unmounting@2 Unmounted@5");
+    EXPECT_EQ(data->mountedPath(), preserving ? "mounts/s1/ports" : "");
+    EXPECT_EQ(copied("eth1") != nullptr, preserving);
+    sm->doCleanup();
+  }
 
   // The next machine for the switch, as after a reconnect, replaces the kept copy.
-  sm->doCleanup();
+  Kiv::Ptr<Sim::Record> kept = copied("eth1");
+  ASSERT_TRUE(kept && kept->kivReadOnly());
   sw.entityIs("state/ports/eth1")->attrIs("speed", "400G");
-  sm = mount();
-  loop.advanceTo(20);
+  mount();
+  loop.advanceBy(10);
   EXPECT_NE(copied("eth1"), kept);
   EXPECT_EQ(copied("eth1")->attr("speed"), "400G");
 }
