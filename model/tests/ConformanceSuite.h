@@ -1,25 +1,22 @@
 #pragma once
 // What every kivc-generated entity type must do, checked through the Traits<T> that kivc writes
-// into <Unit>Testing.h. Include this header in one source file per test executable and
-// instantiate it with one Case per type:
+// into <Unit>Testing.h. One source file per test executable instantiates it, one Case per type:
 //
 //   KIV_CONFORMANCE_SUITE(MountInterface,
-//       kivconformance::Case<Controller::kivtesting::Traits, Controller::MountConfig>,
-//       ...)
+//       kivconformance::Case<Controller::kivtesting::Traits, Controller::MountConfig>, ...)
 //
 // Samples: BuiltinSamples covers the builtin types; a unit with enumerations or value types gives
 // Case its own samples type that handles those and defers the rest to BuiltinSamples. Needed:
 // get<P>(1) != P{}, get<P>(0) != get<P>(1), and distinct non-empty keys for variants 1 and 2.
 // A key computed from the parameters must differ between all of them at variant 0 and all at
 // variant 1.
-// Entity pointers are sampled by the suite: null for variant 0, else one instance per variant.
-// Instances, those of reference checks too, are made through the same Traits template, unless
-// the samples type makes them itself: an overload
+// Entity pointers are sampled by the suite: null for variant 0, else one instance per variant,
+// made through the same Traits template unless the samples type makes them itself with
 //
 //   Kiv::Ptr<T> entity(std::type_identity<T>, Kiv::Name const& name, auto& samples);
 //
-// is used where it applies (for a type of another namespace, or hand-written like Kiv::Dir);
-// `samples` are the suite's, to hand on to another unit's Traits<T>::make.
+// (for a type of another namespace, or hand-written like Kiv::Dir); `samples` are the suite's, to
+// hand on to another unit's Traits<T>::make.
 // A derived attribute without an expression is expected to be the entity's name.
 
 #include <gtest/gtest.h>
@@ -111,6 +108,12 @@ struct Samples : C::Samples {
 
 inline std::string on(char const* attr, auto const& key) { return std::string(attr) + "(" + Kiv::strep(key) + ")"; }
 
+template <class V>
+V sorted(V v) {
+  std::sort(v.begin(), v.end());
+  return v;
+}
+
 template <class E, class F>
 std::string thrownText(F&& f) {
   try {
@@ -149,36 +152,30 @@ struct Listing {
   std::vector<Attr> attrs;
   std::vector<int> paramIndexes;
 
-  void derived(char const* n, std::uint32_t id, bool, auto) { attrs.push_back({n, id, Kiv::AttrKind::derived}); }
-  void constant(char const* n, std::uint32_t id, int index, auto) {
-    attrs.push_back({n, id, Kiv::AttrKind::constant});
-    paramIndexes.push_back(index);
+  void add(char const* n, std::uint32_t id, Kiv::AttrKind kind, int index = -1) {
+    attrs.push_back({n, id, kind});
+    if (index >= 0) paramIndexes.push_back(index);
   }
+  void derived(char const* n, std::uint32_t id, bool, auto) { add(n, id, Kiv::AttrKind::derived); }
+  void constant(char const* n, std::uint32_t id, int index, auto) { add(n, id, Kiv::AttrKind::constant, index); }
   template <class P>
   void initial(char const* n, std::uint32_t id, int index, auto, auto) {
-    attrs.push_back({n, id, kEntityPointer<P> ? Kiv::AttrKind::reference : Kiv::AttrKind::value});
-    paramIndexes.push_back(index);
+    add(n, id, kEntityPointer<P> ? Kiv::AttrKind::reference : Kiv::AttrKind::value, index);
   }
   template <class P>
-  void value(char const* n, std::uint32_t id, auto, auto) {
-    attrs.push_back({n, id, Kiv::AttrKind::value});
-  }
+  void value(char const* n, std::uint32_t id, auto, auto) { add(n, id, Kiv::AttrKind::value); }
   template <class Target, bool isConst>
-  void reference(char const* n, std::uint32_t id, auto, auto) {
-    attrs.push_back({n, id, Kiv::AttrKind::reference});
-  }
+  void reference(char const* n, std::uint32_t id, auto, auto) { add(n, id, Kiv::AttrKind::reference); }
   template <class Target>
-  void owner(char const* n, std::uint32_t id, auto, auto) {
-    attrs.push_back({n, id, Kiv::AttrKind::owner});
-  }
+  void owner(char const* n, std::uint32_t id, auto, auto) { add(n, id, Kiv::AttrKind::owner); }
   template <class K, class M>
   void collection(char const* n, std::uint32_t id, std::vector<std::string> const&, std::vector<std::string> const&,
                   auto, auto, auto, auto, auto, auto, auto, auto) {
-    attrs.push_back({n, id, Kiv::AttrKind::collection});
+    add(n, id, Kiv::AttrKind::collection);
   }
   template <class K, class V>
   void valueCollection(char const* n, std::uint32_t id, auto, auto, auto, auto, auto, auto, auto, auto) {
-    attrs.push_back({n, id, Kiv::AttrKind::valueCollection});
+    add(n, id, Kiv::AttrKind::valueCollection);
   }
 };
 
@@ -244,46 +241,11 @@ struct ReadsSources : Ignore {
 template <class F>
 struct NotifiesOnChange : Ignore {
   F& f;
-  template <class P>
-  void value(char const* n, std::uint32_t, auto read, auto write) {
+  // From `first`: a change is told once and read back, the same value again is told to nobody.
+  void changes(char const* n, auto read, auto write, auto const& first, auto const& changed) {
     SCOPED_TRACE(n);
     auto& e = *f.entity;
-    P const changed = f.samples.template get<P>(1);
-    EXPECT_EQ(read(e), P{});
-    write(e, changed);
-    EXPECT_EQ(f.calls(), Calls{n});
-    EXPECT_EQ(read(e), changed);
-    write(e, changed);
-    EXPECT_EQ(f.calls(), Calls{});
-    write(e, P{});
-    EXPECT_EQ(f.calls(), Calls{n});
-  }
-  template <class Target, bool isConst>
-  void reference(char const* n, std::uint32_t, auto read, auto write) {
-    SCOPED_TRACE(n);
-    auto& e = *f.entity;
-    static_assert(std::is_const_v<typename decltype(read(e))::element_type> == isConst);
-    Kiv::Ptr<Target> a = f.template make<Target>("a"), b = f.template make<Target>("b");
-    EXPECT_FALSE(read(e));
-    write(e, a);
-    EXPECT_EQ(f.calls(), Calls{n});
-    EXPECT_TRUE(read(e) == a);
-    write(e, a);
-    EXPECT_EQ(f.calls(), Calls{});
-    write(e, b);
-    EXPECT_EQ(f.calls(), Calls{n});
-    write(e, nullptr);
-    EXPECT_EQ(f.calls(), Calls{n});
-    EXPECT_FALSE(read(e));
-    write(e, nullptr);
-    EXPECT_EQ(f.calls(), Calls{});
-    EXPECT_EQ(a->parent(), nullptr) << "a reference does not adopt its target";
-  }
-  template <class P>
-  void initial(char const* n, std::uint32_t, int, auto read, auto write) {
-    SCOPED_TRACE(n);
-    auto& e = *f.entity;
-    P const first = f.samples.template get<P>(0), changed = f.samples.template get<P>(1);
+    EXPECT_TRUE(read(e) == first);
     write(e, changed);
     EXPECT_EQ(f.calls(), Calls{n});
     EXPECT_TRUE(read(e) == changed);
@@ -292,6 +254,26 @@ struct NotifiesOnChange : Ignore {
     write(e, first);
     EXPECT_EQ(f.calls(), Calls{n});
     EXPECT_TRUE(read(e) == first);
+    write(e, first);
+    EXPECT_EQ(f.calls(), Calls{});
+  }
+  template <class P>
+  void value(char const* n, std::uint32_t, auto read, auto write) {
+    changes(n, read, write, P{}, f.samples.template get<P>(1));
+  }
+  template <class P>
+  void initial(char const* n, std::uint32_t, int, auto read, auto write) {
+    changes(n, read, write, f.samples.template get<P>(0), f.samples.template get<P>(1));
+  }
+  template <class Target, bool isConst>
+  void reference(char const* n, std::uint32_t, auto read, auto write) {
+    static_assert(std::is_const_v<typename decltype(read(*f.entity))::element_type> == isConst);
+    Kiv::Ptr<Target> a = f.template make<Target>("a"), b = f.template make<Target>("b");
+    changes(n, read, write, Kiv::Ptr<Target>(), a);
+    write(*f.entity, a);
+    write(*f.entity, b);
+    EXPECT_EQ(f.calls(), (Calls{n, n})) << n;
+    EXPECT_EQ(a->parent(), nullptr) << n << ": a reference does not adopt its target";
   }
 };
 
@@ -333,10 +315,7 @@ struct CollectionsBehave : Ignore {
 
     Params<decltype(s), M> params{{}, s, *m, {}, {}, {}, {}};
     MemberTraits::visit(params);
-    std::vector<std::string> listed = compared, declared = params.names;
-    std::sort(listed.begin(), listed.end());
-    std::sort(declared.begin(), declared.end());
-    EXPECT_EQ(listed, declared);
+    EXPECT_EQ(sorted(compared), sorted(params.names));
     EXPECT_EQ(params.inits, initial);
 
     // A parameter that feeds the key makes another member, so it is left out of what follows.
@@ -398,14 +377,9 @@ struct CollectionsBehave : Ignore {
     f.calls();
     std::vector<std::pair<std::string, M const*>> seen, want{{Kiv::strep(k1), m1.ptr()}, {Kiv::strep(k2), m2.ptr()}};
     iterate(e, [&](K const& k, Kiv::Ptr<M> const& member) { seen.emplace_back(Kiv::strep(k), member.ptr()); });
-    std::sort(seen.begin(), seen.end());
-    std::sort(want.begin(), want.end());
-    EXPECT_EQ(seen, want) << "iteration visits every member once, under its key";
+    EXPECT_EQ(sorted(seen), sorted(want)) << "iteration visits every member once, under its key";
     delAll(e);
-    Calls got = f.calls(), deleted{on(n, k1), on(n, k2)};
-    std::sort(got.begin(), got.end());
-    std::sort(deleted.begin(), deleted.end());
-    EXPECT_EQ(got, deleted);
+    EXPECT_EQ(sorted(f.calls()), sorted(Calls{on(n, k1), on(n, k2)}));
     EXPECT_EQ(size(e), 0u);
     owners(*m1, nullptr);
     owners(*m2, nullptr);
@@ -455,14 +429,9 @@ struct CollectionsBehave : Ignore {
     std::vector<std::pair<std::string, std::string>> seen,
         entries{{Kiv::strep(k1), Kiv::strep(v1)}, {Kiv::strep(k2), Kiv::strep(v2)}};
     iterate(e, [&](K const& k, V const& v) { seen.emplace_back(Kiv::strep(k), Kiv::strep(v)); });
-    std::sort(seen.begin(), seen.end());
-    std::sort(entries.begin(), entries.end());
-    EXPECT_EQ(seen, entries) << "iteration visits every entry once, under its key";
+    EXPECT_EQ(sorted(seen), sorted(entries)) << "iteration visits every entry once, under its key";
     delAll(e);
-    Calls got = f.calls(), want{on(n, k1), on(n, k2)};
-    std::sort(got.begin(), got.end());
-    std::sort(want.begin(), want.end());
-    EXPECT_EQ(got, want);
+    EXPECT_EQ(sorted(f.calls()), sorted(Calls{on(n, k1), on(n, k2)}));
     EXPECT_EQ(size(e), 0u);
   }
 };

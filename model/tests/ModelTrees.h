@@ -187,7 +187,8 @@ inline void churn(Kiv::Dir& dir, Kiv::NboAttrLog::Demuxer& demuxer, int i) {
 inline std::string pathFrom(Kiv::Entity const& root, Kiv::Entity const& e) {
   std::vector<std::string> names;
   Kiv::Entity const* at = &e;
-  for (; at && at != &root; at = at->parent()) names.push_back(at->parentAttrName().stdString() + ":" + at->name().stdString());
+  for (; at && at != &root; at = at->parent())
+    names.push_back(at->parentAttrName().stdString() + ":" + at->name().stdString());
   if (!at) return "outside " + e.fullName().stdString();
   std::string path = ".";
   for (auto it = names.rbegin(); it != names.rend(); ++it) path += "/" + *it;
@@ -208,17 +209,12 @@ struct DumpVisitor {
   void derived(char const* n, std::uint32_t, bool, auto read) { line(n, Kiv::strep(read(e))); }
   void constant(char const* n, std::uint32_t, int, auto read) { line(n, Kiv::strep(read(e))); }
   template <class P>
-  void initial(char const* n, std::uint32_t, int, auto read, auto) {
-    line(n, Kiv::strep(read(e)));
-  }
+  void initial(char const* n, std::uint32_t, int, auto read, auto) { line(n, Kiv::strep(read(e))); }
   template <class P>
-  void value(char const* n, std::uint32_t, auto read, auto) {
-    line(n, Kiv::strep(read(e)));
-  }
+  void value(char const* n, std::uint32_t, auto read, auto) { line(n, Kiv::strep(read(e))); }
   template <class Target, bool isConst>
   void reference(char const* n, std::uint32_t, auto read, auto) {
-    auto const p = read(e);
-    line(n, p ? pathFrom(root, *p) : "null");
+    line(n, read(e) ? pathFrom(root, *read(e)) : "null");
   }
   template <class Target>
   void owner(char const*, std::uint32_t, auto, auto) {}
@@ -246,6 +242,7 @@ void dumpEntity(T const& e, Kiv::Entity const& root, std::string const& indent, 
   kivtesting::Traits<T>::visit(v);
 }
 
+// Every mount interface type; the conformance suite runs on the same list.
 template <class... T>
 struct TypeList {};
 using AllTypes = TypeList<MountConfig, MountFilterSystem, MountFilterServiceVersion, ServiceMountGroupConfig,

@@ -1,8 +1,8 @@
-#include <string>
 #include <type_traits>
 
 #include "MountInterfaceTesting.h"
 #include "model/tests/ConformanceSuite.h"
+#include "model/tests/ModelTrees.h"
 
 namespace {
 
@@ -21,26 +21,13 @@ struct MountInterfaceSamples : kivconformance::BuiltinSamples {
   }
 };
 
-template <class T>
-using MountCase = kivconformance::Case<Controller::kivtesting::Traits, T, MountInterfaceSamples>;
+// Every type the replication tests carry.
+template <class... T>
+::testing::Types<kivconformance::Case<Controller::kivtesting::Traits, T, MountInterfaceSamples>...> casesOf(
+    modeltrees::TypeList<T...>);
 
 }  // namespace
 
-KIV_CONFORMANCE_SUITE(MountInterface,
-                      MountCase<Controller::MountConfig>,
-                      MountCase<Controller::MountFilterSystem>,
-                      MountCase<Controller::MountFilterServiceVersion>,
-                      MountCase<Controller::ServiceMountGroupConfig>,
-                      MountCase<Controller::ServiceMountConfig>,
-                      MountCase<Controller::MountStatus>,
-                      MountCase<Controller::ServiceMountGroupStatus>,
-                      MountCase<Controller::SystemStatus>,
-                      MountCase<Controller::MountedPathPrefix>,
-                      MountCase<Controller::ServiceMountStatus>,
-                      MountCase<Controller::PublishConfig>,
-                      MountCase<Controller::PublishDir>,
-                      MountCase<Controller::ServicePublishGroupConfig>,
-                      MountCase<Controller::ServicePublishConfig>,
-                      MountCase<Controller::PublishStatus>,
-                      MountCase<Controller::ServicePublishGroupStatus>,
-                      MountCase<Controller::ServicePublishStatus>)
+namespace kivconformance {
+INSTANTIATE_TYPED_TEST_SUITE_P(MountInterface, KivConformance, decltype(casesOf(modeltrees::AllTypes{})), CaseNames);
+}
