@@ -21,18 +21,6 @@
 
 namespace Host {
 
-struct MountRow {
-  std::string service, sw, group, path, state, mountedPath;
-};
-struct GroupRow {
-  std::string service, group;
-  bool complete = false;
-  double at = -1;
-};
-struct PublishedRow {
-  std::string sw, path, remotePath, type, service;
-};
-
 // Members in the order a host builds them; destroyed in reverse.
 struct World {
   Kiv::EventLoop loop;
@@ -75,11 +63,6 @@ struct World {
   // Creates the local entity at `path` with the directories on the way.
   void localIs(std::string const& path);
 
-  std::vector<GroupRow> groupRows() const;
-  std::vector<MountRow> mountRows() const;
-  std::vector<PublishedRow> publishedRows() const;
-  std::vector<std::string> publishers() const;
-
  private:
   Kiv::Ptr<Controller::ServiceMountConfig> mountService(ServiceDecl const& d);
   Kiv::Ptr<Controller::ServicePublishConfig> publishService(ServiceDecl const& d);
@@ -87,11 +70,5 @@ struct World {
   void filters(Kiv::Ptr<Config> const& svc, std::string const& group, std::vector<std::string> const& systems,
                std::vector<unsigned> const& versions, GroupConfig const& groupConfig);
 };
-
-// `t` with `precision` digits after the point, as the reports print times.
-std::string fixed(double t, int precision = 3);
-
-// The state name without its prefix ("mounted" for mountStateMounted).
-std::string stateName(Controller::MountState s);
 
 }  // namespace Host
