@@ -3,32 +3,12 @@
 #include <cstdint>
 #include <sstream>
 
-#include "kiv/AttrLog.h"
-#include "platform/MountSm.h"
-
 namespace Host {
 
-World::World(Scenario const& scenario, Kiv::EventLoop::Mode mode) : loop(mode), s(scenario) {
-  Kiv::globalNboAttrLogDemuxerManager()->clear();
-  Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-  Controller::MountSm::localRootDirIs(root);
-  registry = Controller::MountsRegistry::MountsRegistryIs(root->subdirIs("mounts"), "mounts", root, "", s.retries,
-                                                          s.timeout);
-  net = std::make_unique<Sim::Network>(oob, heartbeat);
-  oobConfig->heartbeatConfigIs(heartbeat);
-  net->heartbeatIntervalIs(s.heartbeat);
-  net->establish();
-  db->leaderGenIdIs(s.leader);
-}
-World::~World() {
-  initialMount = nullptr;
-  registrySm = nullptr;
-  serviceConfig = nullptr;
-  net.reset();
-  Controller::MountSm::localRootDirIs(nullptr);
-  Kiv::globalNboAttrLogDemuxerManager()->clear();
-  Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-}
+World::World(Scenario const& scenario, Kiv::EventLoop::Mode mode)
+    : Wiring({.mode = mode, .leader = scenario.leader, .retries = scenario.retries, .timeout = scenario.timeout,
+              .heartbeat = scenario.heartbeat}),
+      s(scenario) {}
 
 Kiv::Ptr<Controller::ServiceMountConfig> World::mountService(ServiceDecl const& d) {
   auto config = (d.proxy ? proxyMountConfig : mountConfig)->entryIs<Controller::ServiceMountConfig>(d.name);
@@ -101,13 +81,6 @@ void World::configure() {
   }
   for (auto const& d : s.switches)
     if (!d.down) switches[d.address]->connect();
-}
-
-void World::start() {
-  serviceConfig = new Controller::ServiceConfigDirSm(db, mountConfig, mountStatus, publishConfig, publishStatus,
-                                                     proxyMountConfig, proxyMountStatus, dbPublish, registry);
-  registrySm = new Controller::MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
-  initialMount = new Controller::InitialMountSm(mountConfig, mountStatus, oobConfig, oob, db);
 }
 
 void World::apply(Event const& e) {
