@@ -12,12 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "kiv/Clock.h"
-#include "kiv/AttrLog.h"
-#include "platform/MountSm.h"
-#include "platform/SimNetwork.h"
-#include "registry/MountsRegistrySm.h"
-#include "serviceconfig/ServiceConfigDirSm.h"
+#include "MountInterface.h"
+#include "host/Wiring.h"
 
 namespace {
 
@@ -29,31 +25,14 @@ std::string hexAddress(int i) {
   return buf;
 }
 
-// The whole world, members in construction order so that it goes in reverse.
-struct World {
-  Kiv::EventLoop loop;
-  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
-  Kiv::Ptr<Controllerdb::Status> db = Controllerdb::Status::StatusIs("controllerdb");
-  Kiv::Ptr<Kiv::Dir> mountConfig = root->subdirIs("mountConfig");
-  Kiv::Ptr<Kiv::Dir> mountStatus = root->subdirIs("mountStatus");
-  Kiv::Ptr<Kiv::Dir> publishConfig = root->subdirIs("publishConfig");
-  Kiv::Ptr<Kiv::Dir> publishStatus = root->subdirIs("publishStatus");
-  Kiv::Ptr<Kiv::Dir> proxyConfig = root->subdirIs("proxyMountConfig");
-  Kiv::Ptr<Kiv::Dir> proxyStatus = root->subdirIs("proxyMountStatus");
-  Kiv::Ptr<Controllerdb::PublishStatus> dbPublish = Controllerdb::PublishStatus::PublishStatusIs("publish");
-  Kiv::Ptr<Controller::MountsRegistry> registry =
-      Controller::MountsRegistry::MountsRegistryIs(root->subdirIs("mounts"), "mounts", root, "", 2, 5.0);
-  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
-  Kiv::Ptr<Controller::Heartbeat::Config> heartbeat = Controller::Heartbeat::Config::ConfigIs("heartbeat");
-  Sim::Network network{oob, heartbeat};
-  Kiv::Ptr<Controller::ServiceConfigDirSm> configSm;
-  Kiv::Ptr<Controller::MountsRegistrySm> registrySm;
-
-  World(int switches, int paths, int services) {
-    db->leaderGenIdIs("gen1");
-    Controller::MountSm::localRootDirIs(root);
+// The host's world without the initial mount machine, its switches and services declared. The
+// out-of-band connection comes up in the timed start; the process's exit forgets the
+// attribute-log registries, outside the timed teardown.
+struct World : Host::Wiring {
+  World(int switches, int paths, int services)
+      : Wiring({.retries = 2, .timeout = 5.0, .establish = false, .initialMount = false, .clearAttrLogAtEnd = false}) {
     for (int s = 0; s < switches; ++s) {
-      Sim::Switch& sw = network.switchIs(hexAddress(s + 1));
+      Sim::Switch& sw = net->switchIs(hexAddress(s + 1));
       for (int p = 0; p < paths; ++p) sw.entityIs("data/path" + std::to_string(p));
       for (int v = 0; v < services; ++v) sw.serviceVersionIs(Kiv::Name("svc" + std::to_string(v)), 1);
     }
@@ -67,15 +46,12 @@ struct World {
       for (int p = 0; p < paths; ++p) group->mountConfigIs("/data/path" + std::to_string(p), "Sim::Record", "r", "");
     }
   }
-  ~World() { Controller::MountSm::localRootDirIs(nullptr); }
 
   // Timed: the machines start, every switch connects, a minute of virtual time passes.
   void start(int switches) {
-    configSm = new Controller::ServiceConfigDirSm(db, mountConfig, mountStatus, publishConfig, publishStatus,
-                                                  proxyConfig, proxyStatus, dbPublish, registry);
-    registrySm = new Controller::MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
-    network.establish();
-    for (int s = 0; s < switches; ++s) network.switchIs(hexAddress(s + 1)).connect();
+    Wiring::start();
+    net->establish();
+    for (int s = 0; s < switches; ++s) net->switchIs(hexAddress(s + 1)).connect();
     loop.advanceBy(60);
   }
 

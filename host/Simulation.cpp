@@ -15,6 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "host/Report.h"
 #include "host/Scenario.h"
 #include "host/World.h"
 #include "kiv/AttrLog.h"

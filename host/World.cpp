@@ -1,51 +1,14 @@
 #include "host/World.h"
 
-#include <algorithm>
-#include <cctype>
-#include <iomanip>
+#include <cstdint>
 #include <sstream>
-
-#include "kiv/AttrLog.h"
-#include "platform/MountSm.h"
 
 namespace Host {
 
-std::string fixed(double t, int precision) {
-  std::ostringstream os;
-  os << std::fixed << std::setprecision(precision) << t;
-  return os.str();
-}
-
-std::string stateName(Controller::MountState s) {
-  std::string n = Controller::valueToStrep(s);
-  if (n.starts_with("mountState") && n.size() > 10) {
-    n = n.substr(10);
-    n[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(n[0])));
-  }
-  return n;
-}
-
-World::World(Scenario const& scenario, Kiv::EventLoop::Mode mode) : loop(mode), s(scenario) {
-  Kiv::globalNboAttrLogDemuxerManager()->clear();
-  Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-  Controller::MountSm::localRootDirIs(root);
-  registry = Controller::MountsRegistry::MountsRegistryIs(root->subdirIs("mounts"), "mounts", root, "", s.retries,
-                                                          s.timeout);
-  net = std::make_unique<Sim::Network>(oob, heartbeat);
-  oobConfig->heartbeatConfigIs(heartbeat);
-  net->heartbeatIntervalIs(s.heartbeat);
-  net->establish();
-  db->leaderGenIdIs(s.leader);
-}
-World::~World() {
-  initialMount = nullptr;
-  registrySm = nullptr;
-  serviceConfig = nullptr;
-  net.reset();
-  Controller::MountSm::localRootDirIs(nullptr);
-  Kiv::globalNboAttrLogDemuxerManager()->clear();
-  Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-}
+World::World(Scenario const& scenario, Kiv::EventLoop::Mode mode)
+    : Wiring({.mode = mode, .leader = scenario.leader, .retries = scenario.retries, .timeout = scenario.timeout,
+              .heartbeat = scenario.heartbeat}),
+      s(scenario) {}
 
 Kiv::Ptr<Controller::ServiceMountConfig> World::mountService(ServiceDecl const& d) {
   auto config = (d.proxy ? proxyMountConfig : mountConfig)->entryIs<Controller::ServiceMountConfig>(d.name);
@@ -120,13 +83,6 @@ void World::configure() {
     if (!d.down) switches[d.address]->connect();
 }
 
-void World::start() {
-  serviceConfig = new Controller::ServiceConfigDirSm(db, mountConfig, mountStatus, publishConfig, publishStatus,
-                                                     proxyMountConfig, proxyMountStatus, dbPublish, registry);
-  registrySm = new Controller::MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
-  initialMount = new Controller::InitialMountSm(mountConfig, mountStatus, oobConfig, oob, db);
-}
-
 void World::apply(Event const& e) {
   auto const& w = e.words;
   auto sw = [&]() -> Sim::Switch& { return *switches.at(w[1]); };
@@ -174,58 +130,6 @@ void World::checkCompletion() {
       completedAt[key] = loop.now();
     }
   }
-}
-
-std::vector<GroupRow> World::groupRows() const {
-  std::vector<GroupRow> rows;
-  for (auto const& m : s.mounts) {
-    if (s.service(m.service)->proxy) continue;  // initial mounts are tracked for ordinary services only
-    if (std::any_of(rows.begin(), rows.end(),
-                    [&](GroupRow const& r) { return r.service == m.service && r.group == m.group; }))
-      continue;
-    GroupRow r{m.service, m.group};
-    auto st = mountStatusOf(*s.service(m.service));
-    r.complete = st && st->initialMountsComplete(m.group);
-    if (auto it = completedAt.find({m.service, m.group}); it != completedAt.end()) r.at = it->second;
-    rows.push_back(r);
-  }
-  return rows;
-}
-std::vector<MountRow> World::mountRows() const {
-  std::vector<MountRow> rows;
-  for (auto const& d : s.services) {
-    auto st = mountStatusOf(d);
-    if (!st) continue;
-    for (auto sys = st->systemStatusIter(); sys; ++sys)
-      for (auto g = sys.value()->serviceMountGroupStatusIter(); g; ++g)
-        for (auto m = g.value()->mountStatusIter(); m; ++m)
-          rows.push_back({d.name, std::string(sys.key().view()), std::string(g.key().view()),
-                          std::string(m.key().view()), stateName(m.value()->mountState()),
-                          m.value()->mountedPath().stdString()});
-  }
-  std::sort(rows.begin(), rows.end(), [](MountRow const& a, MountRow const& b) {
-    return std::tie(a.sw, a.service, a.group, a.path) < std::tie(b.sw, b.service, b.group, b.path);
-  });
-  return rows;
-}
-std::vector<PublishedRow> World::publishedRows() const {
-  std::vector<PublishedRow> rows;
-  for (auto sys = dbPublish->systemIter(); sys; ++sys)
-    for (auto m = sys.value()->publishedMountIter(); m; ++m) {
-      auto const& desc = m.value();
-      rows.push_back({Controller::valueToStrep(sys.key()), desc.path().stdString(), desc.remotePath().stdString(),
-                      desc.kivType().stdString(), desc.serviceName().stdString()});
-    }
-  std::sort(rows.begin(), rows.end(), [](PublishedRow const& a, PublishedRow const& b) {
-    return std::tie(a.sw, a.path) < std::tie(b.sw, b.path);
-  });
-  return rows;
-}
-std::vector<std::string> World::publishers() const {
-  std::vector<std::string> out;
-  for (auto const& p : s.publishes)
-    if (std::find(out.begin(), out.end(), p.service) == out.end()) out.push_back(p.service);
-  return out;
 }
 
 }  // namespace Host

@@ -1,6 +1,6 @@
 #include <iostream>
 
-#include "host/Host.h"
+#include "host/CommandLine.h"
 
 int main(int argc, char** argv) {
   return Host::hostMain(std::vector<std::string>(argv + 1, argv + argc), std::cout, std::cerr);

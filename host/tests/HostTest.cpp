@@ -3,7 +3,8 @@
 #include <set>
 #include <sstream>
 
-#include "host/Host.h"
+#include "host/CommandLine.h"
+#include "host/Run.h"
 #include "host/World.h"
 
 namespace Host {

@@ -4,7 +4,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "host/Host.h"
+#include "host/CommandLine.h"
+#include "host/Run.h"
 #include "host/Scenario.h"
 
 namespace Host {

@@ -1,51 +1,26 @@
 #include <gtest/gtest.h>
 
-#include "ControllerdbTypes.h"
-#include "MountsRegistry.h"
-#include "initialmount/InitialMountSm.h"
-#include "kiv/Clock.h"
-#include "kiv/AttrLog.h"
-#include "platform/MountSm.h"
+#include "MountInterface.h"
+#include "host/Wiring.h"
 #include "platform/SimNetwork.h"
-#include "registry/MountsRegistrySm.h"
-#include "serviceconfig/ServiceConfigDirSm.h"
 
 namespace Controller {
 namespace {
 
 // The three top-level machines as a host runs them, against simulated switches: a service
 // declares one mount group, and the registry mounts it from every switch.
-class InitialMountEndToEndTest : public ::testing::Test {
+class InitialMountEndToEndTest : public ::testing::Test, public Host::Wiring {
  protected:
-  InitialMountEndToEndTest() {
-    Kiv::globalNboAttrLogDemuxerManager()->clear();
-    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-    MountSm::localRootDirIs(root);
-    oobConfig->heartbeatConfigIs(heartbeat);
-    net.heartbeatIntervalIs(2);
-    net.establish();
-    db->leaderGenIdIs("gen1");
-  }
-  ~InitialMountEndToEndTest() override {
-    initialMount = nullptr;
-    registrySm = nullptr;
-    serviceConfig = nullptr;
-    MountSm::localRootDirIs(nullptr);
-    Kiv::globalNboAttrLogDemuxerManager()->clear();
-    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-  }
+  // Retries and a timeout long enough that a slow mount is still in progress after the window.
+  InitialMountEndToEndTest() : Wiring({.retries = 0, .timeout = 1000.0, .heartbeat = 2}) {}
 
   Sim::Switch& offering(char const* addr, Kiv::Seconds mountLatency) {
-    Sim::Switch& s = net.switchIs(addr).mountLatencyIs(mountLatency).serviceVersionIs("svc", 1);
+    Sim::Switch& s = net->switchIs(addr).mountLatencyIs(mountLatency).serviceVersionIs("svc", 1);
     s.entityIs("sys/a");
     return s;
   }
   void start() {
-    serviceConfig = new ServiceConfigDirSm(db, mountConfig, mountStatus, root->subdirIs("publishConfig"),
-                                           root->subdirIs("publishStatus"), root->subdirIs("proxyMountConfig"),
-                                           root->subdirIs("proxyMountStatus"), dbPublish, registry);
-    registrySm = new MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish);
-    initialMount = new InitialMountSm(mountConfig, mountStatus, oobConfig, oob, db);
+    Wiring::start();
     auto config = mountConfig->entryIs<ServiceMountConfig>("svc");
     config->serviceNameIs("svc");
     config->leaderGenIdIs("gen1");
@@ -55,23 +30,6 @@ class InitialMountEndToEndTest : public ::testing::Test {
   bool complete() {
     return Kiv::entityCast<ServiceMountStatus>(mountStatus->entityPtr("svc"))->initialMountsComplete("g");
   }
-
-  Kiv::EventLoop loop;
-  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
-  Kiv::Ptr<Kiv::Dir> mountConfig = root->subdirIs("mountConfig");
-  Kiv::Ptr<Kiv::Dir> mountStatus = root->subdirIs("mountStatus");
-  Kiv::Ptr<Heartbeat::Config> heartbeat = Heartbeat::Config::ConfigIs("heartbeat");
-  Kiv::Ptr<ControllerOob::Config> oobConfig = ControllerOob::Config::ConfigIs("oobConfig");
-  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
-  Kiv::Ptr<Controllerdb::Status> db = Controllerdb::Status::StatusIs("controllerdb");
-  Kiv::Ptr<Controllerdb::PublishStatus> dbPublish = Controllerdb::PublishStatus::PublishStatusIs("publish");
-  // Retries and a timeout long enough that a slow mount is still in progress after the window.
-  Kiv::Ptr<MountsRegistry> registry =
-      MountsRegistry::MountsRegistryIs(root->subdirIs("mounts"), "mounts", root, "", 0, 1000.0);
-  Sim::Network net{oob, heartbeat};
-  Kiv::Ptr<ServiceConfigDirSm> serviceConfig;
-  Kiv::Ptr<MountsRegistrySm> registrySm;
-  Kiv::Ptr<InitialMountSm> initialMount;
 };
 
 TEST_F(InitialMountEndToEndTest, ASlowSwitchDelaysCompletionToTheEndOfTheMountWindowAndNoFurther) {

@@ -9,43 +9,27 @@
 
 #include <string>
 
+#include "host/Wiring.h"
 #include "initialmount/InitialMountSm.h"
 #include "initialmount/InitialMountTrace.h"
 #include "kiv/Trace.h"
-#include "kiv/AttrLog.h"
 #include "platform/SimNetwork.h"
 
 namespace Controller::testing {
 
-// Forgets what an earlier test left in the process-wide attribute-log singletons; a base, so that
-// it runs before any member is built.
-struct FreshAttrLog {
-  FreshAttrLog() { clear(); }
-  static void clear() {
-    Kiv::globalNboAttrLogDemuxerManager()->clear();
-    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-  }
-};
-
-class InitialMountTest : public ::testing::Test, FreshAttrLog {
+// The host's world with the initial mount machine alone.
+class InitialMountTest : public ::testing::Test, public Host::Wiring {
  protected:
-  InitialMountTest() {
-    oobConfig->heartbeatConfigIs(heartbeat);
-    net.heartbeatIntervalIs(2);
-    net.establish();
-    db->leaderGenIdIs("gen1");
-  }
+  InitialMountTest() : Wiring({.heartbeat = 2, .serviceConfig = false, .registrySm = false}) {}
   ~InitialMountTest() override {
     sm = nullptr;
     initialMountSmTrace.levelsIs(0);
-    FreshAttrLog::clear();
   }
 
-  void start() { sm = new InitialMountSm(mountConfig, mountStatus, oobConfig, oob, db); }
   // Traces of levels 5 and 8 from here on, into `capture`.
   void traceEvents() { initialMountSmTrace.levelsIs((1u << 5) | (1u << 8)); }
 
-  Sim::Switch& sw(int n) { return net.switchIs("00:00:00:00:00:0" + std::to_string(n)); }
+  Sim::Switch& sw(int n) { return net->switchIs("00:00:00:00:00:0" + std::to_string(n)); }
   std::string name(int n) { return sw(n).name().stdString(); }
 
   // A service of the current generation with mount groups `g` and `h`.
@@ -72,17 +56,8 @@ class InitialMountTest : public ::testing::Test, FreshAttrLog {
   }
   bool complete(std::string const& g = "g") { return status()->initialMountsComplete(g); }
 
-  Kiv::EventLoop loop;
   Kiv::TraceCapture capture;
-  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
-  Kiv::Ptr<Kiv::Dir> mountConfig = root->subdirIs("mountConfig");
-  Kiv::Ptr<Kiv::Dir> mountStatus = root->subdirIs("mountStatus");
-  Kiv::Ptr<Heartbeat::Config> heartbeat = Heartbeat::Config::ConfigIs("heartbeat");
-  Kiv::Ptr<ControllerOob::Config> oobConfig = ControllerOob::Config::ConfigIs("oobConfig");
-  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
-  Kiv::Ptr<Controllerdb::Status> db = Controllerdb::Status::StatusIs("controllerdb");
-  Sim::Network net{oob, heartbeat};
-  Kiv::Ptr<InitialMountSm> sm;
+  Kiv::Ptr<InitialMountSm>& sm = initialMount;
 };
 
 }  // namespace Controller::testing

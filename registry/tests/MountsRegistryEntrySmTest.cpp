@@ -27,8 +27,6 @@ constexpr Kiv::Seconds kFirstMount = 7;
 
 // A registry world with services that declare mount groups, and the entries they mount.
 struct EntryWorld : RegistryWorld {
-  Kiv::Ptr<Kiv::Dir> mountConfig = root->subdirIs("mountConfig");
-
   Kiv::Ptr<ServiceMountConfig> service(std::string const& name) {
     mountStatus->entryIs<ServiceMountStatus>(name);
     auto config = mountConfig->entryIs<ServiceMountConfig>(name);

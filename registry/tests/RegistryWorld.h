@@ -4,35 +4,18 @@
 
 #include <string>
 
-#include "MountsRegistry.h"
-#include "kiv/Clock.h"
-#include "kiv/AttrLog.h"
-#include "platform/MountSm.h"
+#include "host/Wiring.h"
 #include "platform/SimNetwork.h"
 #include "registry/MountsRegistrySm.h"
 
 namespace Controller::testing {
 
-struct RegistryWorld {
-  Kiv::EventLoop loop;
-  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
-  Kiv::Ptr<Kiv::Dir> mountStatus = root->subdirIs("mountStatus");
-  Kiv::Ptr<ControllerOob::Status> oob = ControllerOob::Status::StatusIs("oob");
-  Kiv::Ptr<Heartbeat::Config> heartbeat = Heartbeat::Config::ConfigIs("heartbeat");
-  Kiv::Ptr<Controllerdb::PublishStatus> dbPublish = Controllerdb::PublishStatus::PublishStatusIs("publish");
-  Kiv::Ptr<MountsRegistry> registry =
-      MountsRegistry::MountsRegistryIs(root->subdirIs("mounts"), "mounts", root, "", 2, 5.0);
-  Sim::Network network{oob, heartbeat};
-  Kiv::Ptr<MountsRegistrySm> sm;
+// The host's world with the registry machine alone.
+struct RegistryWorld : Host::Wiring {
+  RegistryWorld() : Wiring({.retries = 2, .timeout = 5.0, .serviceConfig = false, .initialMount = false}) {}
 
-  RegistryWorld() {
-    Kiv::globalNboAttrLogDemuxerManager()->clear();
-    Kiv::NboAttrLog::ConnectionDir::instance()->clear();
-    MountSm::localRootDirIs(root);
-    network.establish();
-  }
-  ~RegistryWorld() { MountSm::localRootDirIs(nullptr); }
-  void start() { sm = new MountsRegistrySm(registry, oob, heartbeat, mountStatus, dbPublish); }
+  Sim::Network& network = *net;
+  Kiv::Ptr<MountsRegistrySm>& sm = registrySm;
 
   // A switch that offers `service` at `version`, connected.
   Sim::Switch& switchWith(std::string const& addr, std::string const& service, std::uint32_t version = 1) {

@@ -7,35 +7,19 @@
 #include <string>
 #include <vector>
 
-#include "ControllerdbTypes.h"
 #include "MountInterface.h"
-#include "MountsRegistry.h"
-#include "kiv/Clock.h"
+#include "host/Wiring.h"
 #include "serviceconfig/ServiceConfigDirSm.h"
 #include "ServiceConfigMachines.h"
 
 namespace Controller::testing {
 
-struct ServiceConfigWorld {
-  Kiv::EventLoop loop;
-  Kiv::Ptr<Kiv::Dir> root = Kiv::Dir::DirIs("root");
-  Kiv::Ptr<Controllerdb::Status> db = Controllerdb::Status::StatusIs("controllerdb");
-  Kiv::Ptr<Kiv::Dir> mountConfig = root->subdirIs("mountConfig");
-  Kiv::Ptr<Kiv::Dir> mountStatus = root->subdirIs("mountStatus");
-  Kiv::Ptr<Kiv::Dir> publishConfig = root->subdirIs("publishConfig");
-  Kiv::Ptr<Kiv::Dir> publishStatus = root->subdirIs("publishStatus");
-  Kiv::Ptr<Kiv::Dir> proxyMountConfig = root->subdirIs("proxyMountConfig");
-  Kiv::Ptr<Kiv::Dir> proxyMountStatus = root->subdirIs("proxyMountStatus");
-  Kiv::Ptr<Controllerdb::PublishStatus> dbPublish = Controllerdb::PublishStatus::PublishStatusIs("publish");
-  Kiv::Ptr<MountsRegistry> registry =
-      MountsRegistry::MountsRegistryIs(root->subdirIs("mounts"), "mounts", root, "", 3, 10.0);
-  Kiv::Ptr<ServiceConfigDirSm> sm;
+// The host's world with the service configuration machine alone and no switches.
+struct ServiceConfigWorld : Host::Wiring {
+  ServiceConfigWorld() : ServiceConfigWorld({.network = false, .registrySm = false, .initialMount = false}) {}
+  explicit ServiceConfigWorld(Host::WiringOptions const& options) : Wiring(options) {}
 
-  ServiceConfigWorld() { db->leaderGenIdIs("gen1"); }
-  void start() {
-    sm = new ServiceConfigDirSm(db, mountConfig, mountStatus, publishConfig, publishStatus, proxyMountConfig,
-                                proxyMountStatus, dbPublish, registry);
-  }
+  Kiv::Ptr<ServiceConfigDirSm>& sm = serviceConfig;
 
   // A service's mount configuration and status; proxy services go to the proxy directories.
   Kiv::Ptr<ServiceMountConfig> mountService(std::string const& name, std::string const& genId = "gen1",

@@ -1,11 +1,10 @@
 #pragma once
-// The host program as a library: builds the controller's directories and the three top-level
-// machines over simulated switches, plays a scenario and reports the status it ends with.
+// One run of a scenario: its world in virtual or wall-clock time, the events applied when due,
+// the log and progress as it goes and the report it ends with.
 
 #include <iosfwd>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "host/Scenario.h"
 
@@ -27,10 +26,5 @@ int runScenario(Scenario const& scenario, Options const& options, std::ostream& 
 // Parses then runs; a bad text prints "file:line: reason" to `err`, runs nothing and returns 2.
 int runScenarioText(std::string const& text, std::string const& fileName, Options const& options,
                     std::ostream& out, std::ostream& err);
-
-// The command line, without the program name.
-int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostream& err);
-
-inline constexpr char const* kVersion = "0.1.0";
 
 }  // namespace Host

@@ -1,0 +1,124 @@
+#include "host/CommandLine.h"
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "host/Run.h"
+#include "host/Scenario.h"
+#include "kiv/Trace.h"
+
+namespace Host {
+
+namespace {
+
+constexpr char const* kUsage =
+    "usage: mounthost [options] [scenario-file]\n"
+    "Runs a scenario (see README.md) against simulated switches; without a file, the built-in one.\n"
+    "  --json            print the final status as JSON (the log goes to stderr)\n"
+    "  --trace SETTING   extra trace levels, e.g. 'ControllerMountsRegistrySm/0-9'\n"
+    "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"
+    "  --ringlog         dump the in-memory ring log at the end\n"
+    "  --realtime        timers follow the wall clock; run until --until or Ctrl-C\n"
+    "  --help            this text\n"
+    "  --version         the version\n";
+
+// Whether `text` holds a statement: something other than blanks and comments.
+bool hasStatement(std::string_view text) {
+  std::istringstream in{std::string(text)};
+  for (std::string line; std::getline(in, line);)
+    if (line.substr(0, line.find('#')).find_first_not_of(" \t\r\v\f") != std::string::npos) return true;
+  return false;
+}
+
+int commandLine(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
+  Options o;
+  std::string file;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    std::string const& a = args[i];
+    auto value = [&]() -> std::optional<std::string> {
+      if (i + 1 >= args.size()) return std::nullopt;
+      return args[++i];
+    };
+    if (a == "--help" || a == "-h") {
+      out << kUsage;
+      return 0;
+    } else if (a == "--version") {
+      out << "mounthost " << kVersion << '\n';
+      return 0;
+    } else if (a == "--json") {
+      o.json = true;
+    } else if (a == "--ringlog") {
+      o.ringlog = true;
+    } else if (a == "--realtime") {
+      o.realtime = true;
+    } else if (a == "--trace") {
+      auto v = value();
+      if (!v) {
+        err << "mounthost: --trace needs a setting\n" << kUsage;
+        return 2;
+      }
+      o.trace = *v;
+    } else if (a == "--until") {
+      auto v = value();
+      std::optional<double> const d = v ? parseSeconds(*v) : std::nullopt;
+      if (!d || *d == 0) {
+        err << "mounthost: --until needs a number of seconds from 1e-6 to 1e9\n" << kUsage;
+        return 2;
+      }
+      o.until = d;
+    } else if (a.starts_with("-")) {
+      err << "mounthost: unknown option '" << a << "'\n" << kUsage;
+      return 2;
+    } else if (!file.empty()) {
+      err << "mounthost: more than one scenario file\n" << kUsage;
+      return 2;
+    } else {
+      file = a;
+    }
+  }
+  if (!o.trace.empty()) {
+    try {
+      Kiv::TraceHandle::configure(o.trace);
+      Kiv::TraceHandle::resetAll();
+    } catch (std::exception const& e) {
+      err << "mounthost: bad --trace setting: " << e.what() << '\n';
+      return 2;
+    }
+  }
+  if (file.empty()) return runScenarioText(std::string(defaultScenarioText()), "<default>", o, out, err);
+  // A directory opens as a stream that reads nothing; it must not pass for an empty scenario.
+  std::error_code ec;
+  if (std::filesystem::is_directory(file, ec)) {
+    err << "mounthost: '" << file << "' is a directory, not a scenario file\n";
+    return 2;
+  }
+  std::ifstream in(file, std::ios::binary);
+  if (!in) {
+    err << "mounthost: cannot read '" << file << "'\n";
+    return 2;
+  }
+  std::stringstream text;
+  text << in.rdbuf();
+  if (!hasStatement(text.str())) {
+    err << "mounthost: '" << file << "' has no statements (it is empty or only blanks and comments)\n";
+    return 2;
+  }
+  return runScenarioText(text.str(), file, o, out, err);
+}
+
+}  // namespace
+
+int hostMain(std::vector<std::string> const& args, std::ostream& out, std::ostream& err) {
+  try {
+    return commandLine(args, out, err);
+  } catch (std::exception const& e) {
+    err << "mounthost: internal error: " << e.what() << '\n';
+  } catch (...) {
+    err << "mounthost: internal error: an exception of unknown type\n";
+  }
+  return 3;
+}
+
+}  // namespace Host

@@ -1,0 +1,39 @@
+#pragma once
+// What the host reports of a world: the rows of its status, as tables or as JSON.
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "host/World.h"
+
+namespace Host {
+
+struct MountRow {
+  std::string service, sw, group, path, state, mountedPath;
+};
+struct GroupRow {
+  std::string service, group;
+  bool complete = false;
+  double at = -1;
+};
+struct PublishedRow {
+  std::string sw, path, remotePath, type, service;
+};
+
+std::vector<GroupRow> groupRows(World const& w);
+std::vector<MountRow> mountRows(World const& w);
+std::vector<PublishedRow> publishedRows(World const& w);
+// The services that publish, in the scenario's order.
+std::vector<std::string> publishers(World const& w);
+
+void printTables(World const& w, std::ostream& os);
+void printJson(World const& w, std::ostream& os);
+
+// `t` with `precision` digits after the point, as the reports print times.
+std::string fixed(double t, int precision = 3);
+
+// The state name without its prefix ("mounted" for mountStateMounted).
+std::string stateName(Controller::MountState s);
+
+}  // namespace Host

@@ -1,0 +1,126 @@
+#include "host/Run.h"
+
+#include <algorithm>
+#include <csignal>
+#include <functional>
+#include <iomanip>
+#include <ostream>
+
+#include "host/Report.h"
+#include "host/World.h"
+#include "kiv/Clock.h"
+#include "kiv/Trace.h"
+
+namespace Host {
+
+namespace {
+
+volatile std::sig_atomic_t interrupted = 0;
+void onInterrupt(int) { interrupted = 1; }
+
+// Level-1 and level-5 lines (or whatever --trace enables) with their simulated time.
+class LogSink : public Kiv::TraceSink {
+ public:
+  explicit LogSink(std::ostream& os) : os_(os), previous_(Kiv::traceSinkIs(this)) {}
+  ~LogSink() override { Kiv::traceSinkIs(previous_); }
+  void write(Kiv::TraceRecord const& r) override {
+    os_ << std::setw(9) << fixed(r.time) << "  " << (r.level == 1 ? "PROBLEM " : "") << r.handle << ": "
+        << r.message << '\n';
+  }
+
+ private:
+  std::ostream& os_;
+  Kiv::TraceSink* previous_;
+};
+
+class Ticker : public Kiv::Clock::NotifieeConst {
+ public:
+  Ticker(Kiv::Ptr<Kiv::Clock const> const& clock, std::function<void()> f)
+      : NotifieeConst(clock), f_(std::move(f)) {}
+  void onTime() override { f_(); }
+
+ private:
+  std::function<void()> f_;
+};
+
+}  // namespace
+
+int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ostream& err) {
+  double const until = o.until ? *o.until : s.until;
+  std::ostream& log = o.json ? err : out;
+  Kiv::TraceHandle::configure(
+      "ControllerMountsRegistrySm/1,5;ControllerServiceConfigDirSm/1,5;ControllerInitialMountSm/1,5");
+  if (!o.trace.empty()) Kiv::TraceHandle::configure(o.trace);
+  Kiv::Ringlog::defaultHandle().clear();
+  int status = 0;
+  {
+    LogSink sink(log);
+    World w(s, o.realtime ? Kiv::EventLoop::Mode::wallClock : Kiv::EventLoop::Mode::virtualTime);
+    w.configure();
+    w.start();
+    std::size_t next = 0;
+    double nextProgress = o.progressEvery > 0 ? o.progressEvery : Kiv::kInfinity;
+    auto due = [&](double t) {
+      while (next < s.events.size() && s.events[next].time <= t) w.apply(s.events[next++]);
+      w.checkCompletion();
+      while (t >= nextProgress) {
+        err << "[progress] t=" << fixed(nextProgress, 0) << "s of " << fixed(until, 0) << "s\n";
+        nextProgress += o.progressEvery;
+      }
+    };
+    if (o.realtime) {
+      interrupted = 0;
+      auto previous = std::signal(SIGINT, onInterrupt);
+      Kiv::Ptr<Ticker> ticker;
+      ticker = new Ticker(w.loop.clock(), [&] {
+        double const now = w.loop.now();
+        due(now);
+        if (interrupted || now >= until) {
+          w.loop.stop();
+        } else {
+          ticker->timeMinIs(now + 0.1);
+        }
+      });
+      ticker->timeMinIs(0);
+      w.loop.run();
+      std::signal(SIGINT, previous);
+      ticker = nullptr;
+    } else {
+      due(0);
+      // Stepping timer by timer dates each completion exactly.
+      while (w.loop.now() < until) {
+        double t = std::min({w.loop.nextTimerTime(), until, nextProgress});
+        if (next < s.events.size()) t = std::min(t, s.events[next].time);
+        w.loop.advanceTo(std::max(t, w.loop.now()));
+        due(w.loop.now());
+      }
+    }
+    if (o.json) {
+      printJson(w, out);
+    } else {
+      printTables(w, out);
+    }
+    // The shutdown withdraws everything; the report ends with the tables.
+    Kiv::TraceHandle::resetAll();
+  }
+  if (o.ringlog) {
+    out << "\nRing log\n";
+    Kiv::Ringlog::defaultHandle().dump(out);
+  }
+  Kiv::TraceHandle::resetAll();
+  return status;
+}
+
+int runScenarioText(std::string const& text, std::string const& fileName, Options const& options,
+                    std::ostream& out, std::ostream& err) {
+  Scenario s;
+  try {
+    s = parseScenario(text, fileName, options.until);
+  } catch (ScenarioError const& e) {
+    err << e.what() << '\n';
+    return 2;
+  }
+  return runScenario(s, options, out, err);
+}
+
+}  // namespace Host
