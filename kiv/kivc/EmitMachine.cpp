@@ -218,11 +218,13 @@ void emitMachine(Unit const& u, Machine const& m, std::string& h, std::string& s
          base + "::" + c.name + "DelAll() { " + c.name + "_.clear(); }\n\n";
     members += "  Kiv::ChildMap<" + c.key.cpp + ", " + c.machine + "> " + c.name + "_;\n";
     if (c.sizeHint) inits += "      " + c.name + "_(" + std::to_string(c.sizeHint) + "),\n";
+    // The mutator's own checks first, then the child constructor's, as a mutator that checks and
+    // then constructs would refuse them.
     std::string body;
-    for (Param const& p : child.params)
-      if (p.valid) body += "  if (!" + p.name + ") Kiv::throwNullValidPtr();\n";
     for (std::string const& name : c.checked)
       body += "  Kiv::nullCheck(" + name + ", \"" + name + "\", \"" + qualified + "::" + c.name + "\");\n";
+    for (Param const& p : child.params)
+      if (p.valid) body += "  if (!" + p.name + ") Kiv::throwNullValidPtr();\n";
     std::string const key = c.keyExpression.empty() ? "key" : c.keyExpression;
     s += "Kiv::Ptr<" + c.machine + "> " + base + "::" + c.name + "Is(" + keyed + params + ") {\n" + body +
          "  return " + c.name + "_.instantiate(" + key + ", std::make_tuple(" + tuple + "), [&] {\n"
