@@ -289,7 +289,7 @@ class Checker {
     }
     if (w_.serviceConfig->serviceMountConfigSmSize() != mounting.size() ||
         w_.serviceConfig->servicePublishConfigSmSize() != publishing.size() ||
-        w_.initialMount->serviceInitialMountSms() != ordinary.size())
+        w_.initialMount->serviceInitialMountSmSize() != ordinary.size())
       fail("one machine per configured service", "");
     for (auto e = w_.registry->mountEntryIter(); e; ++e) {
       auto sm = rsm.mountsRegistryEntrySm(e.key());

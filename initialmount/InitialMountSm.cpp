@@ -2,47 +2,22 @@
 
 #include <vector>
 
-#include "initialmount/InitialMountTrace.h"
-
 namespace Controller {
-
-Kiv::TraceHandle initialMountSmTrace("ControllerInitialMountSm");
-
-namespace {
-constexpr char const* kHandlePeer = "void Controller::InitialMountSm::handlePeer(Controller::SystemId)";
-constexpr char const* kHandleConnectionTimeout = "void Controller::InitialMountSm::handleConnectionTimeout()";
-}  // namespace
 
 InitialMountSm::InitialMountSm(Kiv::PtrConst<Kiv::Dir> const& mountConfigDir, Kiv::Ptr<Kiv::Dir> const& mountStatusDir,
                                Kiv::PtrConst<ControllerOob::Config> const& oobConfig,
                                Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
                                Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus)
-    : mountConfigDir_(Kiv::ValidPtr<Kiv::Dir const>(mountConfigDir)),
-      mountStatusDir_(Kiv::ValidPtr<Kiv::Dir>(mountStatusDir)),
-      oobConfig_(oobConfig),
-      oobStatus_(oobStatus),
-      controllerdbStatus_(controllerdbStatus),
-      kivMountConfigDir_(new KivDir(mountConfigDir, this)),
-      kivMountStatusDir_(new KivDir(mountStatusDir, this)),
-      kivOobStatus_(new KivOobStatus(oobStatus, this)),
-      kivPeerTable_(new KivPeerTable(this)) {
+    : InitialMountSmBase(mountConfigDir, mountStatusDir, oobConfig, oobStatus, controllerdbStatus) {
   if (oobStatus_) peerTableIs(oobStatus_->peerTable());
   handleInitialized();
 }
 
 InitialMountSm::~InitialMountSm() { doCleanup(); }
 
-Kiv::PtrConst<Kiv::Clock> InitialMountSm::connectionClock() const {
-  return connectionClock_ ? connectionClock_->notifier() : nullptr;
-}
-
-Kiv::Seconds InitialMountSm::connectionTimeMin() const {
-  return connectionClock_ ? connectionClock_->timeMin() : Kiv::kInfinity;
-}
-
-void InitialMountSm::connectionTimeMinIs(Kiv::Seconds t) {
+void InitialMountSm::connectionDeadlineIs(Kiv::Seconds t) {
   connectionDeadline_ = t;
-  connectionClock_->timeMinIs(t);
+  connectionClockTimeMinIs(t);
 }
 
 Kiv::PtrConst<Heartbeat::Config> InitialMountSm::heartbeatConfig() const {
@@ -54,28 +29,22 @@ Kiv::Seconds InitialMountSm::heartbeatInterval() const {
   return config ? config->heartbeatInterval() : 0.0;
 }
 
-void InitialMountSm::peerTableIs(Kiv::PtrConst<PeerTable> const& peerTable) {
-  if (peerTable == peerTable_) return;
-  peerTable_ = peerTable;
-  kivPeerTable_->notifierIs(peerTable);
-  handlePeer();
-}
+void InitialMountSm::handleOobPeerTable() { peerTableIs(oobStatus_->peerTable()); }
 
 void InitialMountSm::handleInitialized() {
-  IM_TRACE(8, "handleInitialized", "InitialMountSm::" << "handleInitialized");
+  KIV_SM_TRACE(8, "handleInitialized", "");
   if (initialized_) return;
   initialized_ = true;
   initialSwitchSet_ = InitialSwitchSet::InitialSwitchSetIs(kInitialSwitchSetName);
   connectionPeriod_ = ConnectionPeriod::ConnectionPeriodIs(kConnectionPeriodName);
   // No deadline until the first peer turns up.
-  connectionClock_ = new KivConnectionClock(Kiv::ActivityManagerConfig::instance()->clock(), this);
-  connectionTimeMinIs(Kiv::kInfinity);
+  connectionDeadlineIs(Kiv::kInfinity);
   handlePeer();
   handleServiceMount();
 }
 
 void InitialMountSm::handlePeer() {
-  IM_TRACE(8, "handlePeer", "InitialMountSm::" << "handlePeer");
+  KIV_SM_TRACE(8, "handlePeer", "");
   if (!peerTable_) return;
   std::vector<SystemId> ids;
   for (auto it = peerTable_->peerIter(); it; ++it) ids.push_back(it.key());
@@ -84,31 +53,30 @@ void InitialMountSm::handlePeer() {
 
 void InitialMountSm::handlePeer(SystemId const& id) {
   if (!initialized_) return;
-  IM_TRACE(8, "handlePeer", "InitialMountSm::" << "handlePeer " << id);
+  KIV_SM_TRACE(8, "handlePeer", " " << id);
   // A peer that left stays in the set; one that returns is no news.
   if (!peerTable_ || !peerTable_->peer(id)) return;
   if (initialSwitchSet_->initialSwitch(id)) {
-    IM_DUALLOG(kHandlePeer, ": already in initial switch set");
+    KIV_SM_DUALLOG(5, kivSigHandlePeer, ": already in initial switch set");
     return;
   }
   initialSwitchSet_->initialSwitchIs(id, true);
-  connectionTimeMinIs(Kiv::System::currentTime() + heartbeatInterval() * timeoutHeartbeatMultiple);
-  IM_DUALLOG(kHandlePeer, ": reset timeMin to %s", connectionDeadline_);
+  connectionDeadlineIs(Kiv::System::currentTime() + heartbeatInterval() * timeoutHeartbeatMultiple);
+  KIV_SM_DUALLOG(5, kivSigHandlePeer, ": reset timeMin to %s", connectionDeadline_);
 }
 
 void InitialMountSm::handleConnectionTimeout() {
-  IM_TRACE(8, "handleConnectionTimeout",
-           "InitialMountSm::" << "handleConnectionTimeout" << ": timeMin=" << connectionDeadline_
-                              << " connection period complete=" << connectionPeriod_->complete());
+  KIV_SM_TRACE(8, "handleConnectionTimeout",
+               ": timeMin=" << connectionDeadline_ << " connection period complete=" << connectionPeriod_->complete());
   // A deadline of exactly 0 comes from a clock whose time has not started; it ends nothing.
   if (connectionDeadline_ == 0) return;
   if (connectionPeriod_->complete()) return;
-  IM_DUALLOG(kHandleConnectionTimeout, "initial switch set complete");
+  KIV_SM_DUALLOG(5, kivSigHandleConnectionTimeout, "initial switch set complete");
   connectionPeriod_->completeIs(true);
 }
 
 void InitialMountSm::handleServiceMount() {
-  IM_TRACE(8, "handleServiceMount", "InitialMountSm::" << "handleServiceMount");
+  KIV_SM_TRACE(8, "handleServiceMount", "");
   if (!initialized_) return;
   std::vector<Kiv::Name> names;
   for (auto it = mountConfigDir_->entityPtrIter(); it; ++it) names.push_back(it.key());
@@ -116,42 +84,27 @@ void InitialMountSm::handleServiceMount() {
 }
 
 void InitialMountSm::handleServiceMount(Kiv::Name const& service) {
-  IM_TRACE(8, "handleServiceMount", "InitialMountSm::" << "handleServiceMount" << ": " << service);
+  KIV_SM_TRACE(8, "handleServiceMount", ": " << service);
   if (!initialized_) return;
   // An entry of another type counts as absent.
   Kiv::PtrConst<ServiceMountConfig> config = Kiv::entityCast<ServiceMountConfig const>(mountConfigDir_->entry(service));
   Kiv::Ptr<ServiceMountStatus> status = Kiv::entityCast<ServiceMountStatus>(mountStatusDir_->entityPtr(service));
   if (config && status) {
-    if (serviceInitialMountSm_.get(service)) return;
-    IM_TRACE(8, "handleServiceMount", "handleServiceMount(" << service << "): creating serviceInitialMountSm");
+    if (serviceInitialMountSm(service)) return;
+    KIV_SM_TRACE_TEXT(8, "handleServiceMount", "handleServiceMount(" << service << "): creating serviceInitialMountSm");
     serviceInitialMountSmIs(config, status, connectionPeriod_, oobStatus_, controllerdbStatus_);
-  } else if (serviceInitialMountSm_.get(service)) {
-    IM_TRACE(8, "handleServiceMount", "handleServiceMount(" << service << "): deleting serviceInitialMountSm");
+  } else if (serviceInitialMountSm(service)) {
+    KIV_SM_TRACE_TEXT(8, "handleServiceMount", "handleServiceMount(" << service << "): deleting serviceInitialMountSm");
     serviceInitialMountSmDel(service);
   }
 }
 
 void InitialMountSm::doCleanup() {
+  // In the collection's order, which serviceInitialMountSmDelAll() does not keep, so that the
+  // services' flags are withdrawn in that order.
   std::vector<Kiv::Name> names;
   for (auto it = serviceInitialMountSm_.begin(); it; ++it) names.push_back(it.key());
   for (Kiv::Name const& name : names) serviceInitialMountSmDel(name);
-}
-
-Kiv::Ptr<ServiceInitialMountSm> InitialMountSm::serviceInitialMountSmIs(
-    Kiv::PtrConst<ServiceMountConfig> const& serviceMountConfig, Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
-    Kiv::PtrConst<ConnectionPeriod> const& connectionPeriod, Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
-    Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus) {
-  Kiv::nullCheck(serviceMountConfig, "serviceMountConfig", "Controller::InitialMountSm::serviceInitialMountSm");
-  return serviceInitialMountSm_.instantiate(
-      serviceMountConfig->name(),
-      std::make_tuple(serviceMountConfig, serviceMountStatus, connectionPeriod, oobStatus, controllerdbStatus), [&] {
-        return Kiv::Ptr<ServiceInitialMountSm>(new ServiceInitialMountSm(
-            serviceMountConfig, serviceMountStatus, connectionPeriod, oobStatus, controllerdbStatus));
-      });
-}
-
-void InitialMountSm::serviceInitialMountSmDel(Kiv::Name const& service) {
-  serviceInitialMountSm_.erase(service);
 }
 
 }  // namespace Controller

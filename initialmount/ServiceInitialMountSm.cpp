@@ -2,45 +2,38 @@
 
 #include <vector>
 
-#include "initialmount/InitialMountTrace.h"
-
 namespace Controller {
 
 ServiceInitialMountSm::ServiceInitialMountSm(Kiv::PtrConst<ServiceMountConfig> const& serviceMountConfig,
                                              Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
                                              Kiv::PtrConst<ConnectionPeriod> const& connectionPeriod,
                                              Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
-                                             Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus)
-    : serviceMountConfig_(Kiv::ValidPtr<ServiceMountConfig const>(serviceMountConfig)),
-      serviceMountStatus_(Kiv::ValidPtr<ServiceMountStatus>(serviceMountStatus)),
-      connectionPeriod_(Kiv::ValidPtr<ConnectionPeriod const>(connectionPeriod)),
-      oobStatus_(oobStatus),
-      controllerdbStatus_(controllerdbStatus),
-      kivServiceMountConfig_(new KivServiceMountConfig(serviceMountConfig, this)),
-      kivControllerdbStatus_(new KivControllerdbStatus(controllerdbStatus, this)) {
+                                             Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
+                                             InitialMountSm* parent)
+    : ServiceInitialMountSmBase(serviceMountConfig, serviceMountStatus, connectionPeriod, oobStatus, controllerdbStatus,
+                                parent) {
   handleInitialized();
 }
 
 ServiceInitialMountSm::~ServiceInitialMountSm() = default;
 
 bool ServiceInitialMountSm::canHandleMountGroup() const {
-  IM_TRACE(8, "canHandleMountGroup",
-           "ServiceInitialMountSm::" << "canHandleMountGroup" << " mountConfig genId:"
-                                     << serviceMountConfig_->leaderGenId() << " controller genId:"
+  KIV_SM_TRACE(8, "canHandleMountGroup",
+               " mountConfig genId:" << serviceMountConfig_->leaderGenId() << " controller genId:"
                                      << (controllerdbStatus_ ? controllerdbStatus_->leaderGenId() : Kiv::String()));
   if (!controllerdbStatus_) return false;
   return serviceMountConfig_->leaderGenId() == controllerdbStatus_->leaderGenId();
 }
 
 void ServiceInitialMountSm::handleInitialized() {
-  IM_TRACE(8, "handleInitialized", "ServiceInitialMountSm::" << "handleInitialized");
+  KIV_SM_TRACE(8, "handleInitialized", "");
   if (initialized_) return;
   initialized_ = true;
   handleLeaderGenId();
 }
 
 void ServiceInitialMountSm::handleLeaderGenId() {
-  IM_TRACE(8, "handleLeaderGenId", "ServiceInitialMountSm::" << "handleLeaderGenId");
+  KIV_SM_TRACE(8, "handleLeaderGenId", "");
   if (canHandleMountGroup()) {
     handleMountGroupConfig();
   } else {
@@ -49,7 +42,7 @@ void ServiceInitialMountSm::handleLeaderGenId() {
 }
 
 void ServiceInitialMountSm::handleMountGroupConfig() {
-  IM_TRACE(8, "handleMountGroupConfig", "ServiceInitialMountSm::" << "handleMountGroupConfig");
+  KIV_SM_TRACE(8, "handleMountGroupConfig", "");
   std::vector<Kiv::Name> groups;
   for (auto it = serviceMountConfig_->mountGroupConfigIter(); it; ++it) groups.push_back(it.key());
   for (Kiv::Name const& group : groups) handleMountGroupConfig(group);
@@ -57,11 +50,10 @@ void ServiceInitialMountSm::handleMountGroupConfig() {
 
 void ServiceInitialMountSm::handleMountGroupConfig(Kiv::Name const& group) {
   if (!initialized_ || !canHandleMountGroup()) return;
-  IM_TRACE(8, "handleMountGroupConfig", "ServiceInitialMountSm::" << "handleMountGroupConfig" << " " << group);
+  KIV_SM_TRACE(8, "handleMountGroupConfig", " " << group);
   if (serviceMountConfig_->mountGroupConfig(group)) {
     if (mountGroupInitialMountSm_.get(group)) return;
-    IM_TRACE(8, "handleMountGroupConfig",
-             "ServiceInitialMountSm::" << "handleMountGroupConfig" << ": adding mountGroupInitialMountSm");
+    KIV_SM_TRACE(8, "handleMountGroupConfig", ": adding mountGroupInitialMountSm");
     mountGroupInitialMountSmIs(group, serviceMountStatus_, oobStatus_, connectionPeriod_);
   } else {
     mountGroupInitialMountSmDel(group);

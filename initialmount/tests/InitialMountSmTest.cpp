@@ -6,6 +6,8 @@ namespace Controller::testing {
 namespace {
 
 using ::testing::Contains;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 constexpr char const* kHandlePeer = "void Controller::InitialMountSm::handlePeer(Controller::SystemId): ";
 
@@ -19,18 +21,18 @@ TEST_F(ConnectionPeriodTest, EndsThreeHeartbeatsAfterTheLastNewPeerAndReturningP
   EXPECT_EQ(sm->initialSwitchSet()->name(), Kiv::Name("initialSwitchSet"));
   // Read-only outside the coordinator.
   static_assert(std::is_const_v<decltype(sm->initialSwitchSet())::element_type>);
-  EXPECT_EQ(sm->connectionTimeMin(), Kiv::kInfinity);
+  EXPECT_EQ(sm->connectionClockTimeMin(), Kiv::kInfinity);
 
   sw(1).connect();
-  EXPECT_EQ(sm->connectionTimeMin(), 6);
+  EXPECT_EQ(sm->connectionClockTimeMin(), 6);
   loop.advanceTo(5);
   sw(2).connect();
-  EXPECT_EQ(sm->connectionTimeMin(), 11);
+  EXPECT_EQ(sm->connectionClockTimeMin(), 11);
   loop.advanceTo(7);
   sw(1).flap(1);
   loop.advanceTo(10.999);
   EXPECT_TRUE(sw(1).connected());
-  EXPECT_EQ(sm->connectionTimeMin(), 11);
+  EXPECT_EQ(sm->connectionClockTimeMin(), 11);
   EXPECT_FALSE(sm->connectionPeriod()->complete());
   loop.advanceTo(11);
   EXPECT_TRUE(sm->connectionPeriod()->complete());
@@ -59,13 +61,13 @@ TEST_F(ConnectionPeriodTest, CountsPeersFromBeforeTheStartAndNeverEndsWithoutAny
   start();
   loop.advanceTo(1000);
   EXPECT_FALSE(sm->connectionPeriod()->complete());
-  EXPECT_EQ(sm->connectionTimeMin(), Kiv::kInfinity);
+  EXPECT_EQ(sm->connectionClockTimeMin(), Kiv::kInfinity);
 
   // Connected before the machine: its deadline runs from the start.
   sm = nullptr;
   sw(1).connect();
   start();
-  EXPECT_EQ(sm->connectionTimeMin(), 1006);
+  EXPECT_EQ(sm->connectionClockTimeMin(), 1006);
 
   // Without a heartbeat configuration the interval is 0: the deadline is the moment of the peer.
   sm = new InitialMountSm(mountConfig, mountStatus, nullptr, oob, db);
@@ -95,7 +97,19 @@ TEST_F(ServiceInitialMountTest, AServiceHasAMachineWhileItHasConfigurationAndSta
   EXPECT_NE(sm->serviceInitialMountSm("svc"), nullptr);
   mountStatus->entityPtrDel("svc");
   EXPECT_EQ(sm->serviceInitialMountSm("svc"), nullptr);
-  EXPECT_EQ(sm->serviceInitialMountSms(), 1u);
+  EXPECT_EQ(sm->serviceInitialMountSmSize(), 1u);
+}
+
+TEST_F(ServiceInitialMountTest, TheMutatorRefusesANullConfigurationBeforeTheMachineRefusesItsOtherNulls) {
+  start();
+  auto refused = [](char const* text) { return ThrowsMessage<Kiv::RangeException>(StrEq(text)); };
+  EXPECT_THAT([&] { sm->serviceInitialMountSmIs(nullptr, nullptr, nullptr, oob, db); },
+              refused("null _serviceMountConfig parameter to mutator for "
+                      "Controller::InitialMountSm::serviceInitialMountSm::serviceMountConfig not allowed"));
+  auto config = mountConfig->entryIs<ServiceMountConfig>("svc");
+  EXPECT_THAT([&] { sm->serviceInitialMountSmIs(config, nullptr, sm->connectionPeriod(), oob, db); },
+              refused("null ValidPtr"));
+  EXPECT_EQ(sm->serviceInitialMountSmSize(), 0u);
 }
 
 TEST_F(ServiceInitialMountTest, GroupMachinesExistOnlyWhileTheGenerationMatches) {
