@@ -2,8 +2,6 @@
 
 #include <vector>
 
-#include "initialmount/InitialMountTrace.h"
-
 namespace Controller {
 
 // --- GroupProcessedSm ---
@@ -11,11 +9,7 @@ namespace Controller {
 GroupProcessedSm::GroupProcessedSm(Kiv::Name const& systemName, Kiv::Name const& groupName,
                                    Kiv::PtrConst<ServiceMountGroupStatus> const& serviceMountGroupStatus,
                                    Kiv::Ptr<ProcessedSwitchSet> const& processedSwitchSet)
-    : systemName_(systemName),
-      groupName_(groupName),
-      serviceMountGroupStatus_(Kiv::ValidPtr<ServiceMountGroupStatus const>(serviceMountGroupStatus)),
-      processedSwitchSet_(Kiv::ValidPtr<ProcessedSwitchSet>(processedSwitchSet)),
-      kivServiceMountGroupStatus_(new KivServiceMountGroupStatus(serviceMountGroupStatus, this)) {
+    : GroupProcessedSmBase(systemName, groupName, serviceMountGroupStatus, processedSwitchSet) {
   handleInitialized();
 }
 
@@ -29,9 +23,8 @@ void GroupProcessedSm::handleInitialized() {
 
 void GroupProcessedSm::handleProcessed() {
   if (!serviceMountGroupStatus_->processed()) return;
-  IM_TRACE(8, "handleProcessed",
-           "void Controller::GroupProcessedSm::handleProcessed()" << ": " << "systemName: " << systemName_
-                                                                  << ", groupName: " << groupName_);
+  KIV_SM_TRACE_TEXT(8, "handleProcessed",
+                    kivSigHandleProcessed << ": systemName: " << systemName_ << ", groupName: " << groupName_);
   processedSwitchSet_->processedIs(systemName_, true);
 }
 
@@ -39,12 +32,9 @@ void GroupProcessedSm::handleProcessed() {
 
 SystemProcessedSm::SystemProcessedSm(Kiv::Name const& systemName, Kiv::Name const& groupName,
                                      Kiv::PtrConst<SystemStatus> const& systemStatus,
-                                     Kiv::Ptr<ProcessedSwitchSet> const& processedSwitchSet)
-    : systemName_(systemName),
-      groupName_(groupName),
-      systemStatus_(Kiv::ValidPtr<SystemStatus const>(systemStatus)),
-      processedSwitchSet_(Kiv::ValidPtr<ProcessedSwitchSet>(processedSwitchSet)),
-      kivSystemStatus_(new KivSystemStatus(systemStatus, this)) {
+                                     Kiv::Ptr<ProcessedSwitchSet> const& processedSwitchSet,
+                                     MountGroupInitialMountSm* parent)
+    : SystemProcessedSmBase(systemName, groupName, systemStatus, processedSwitchSet, parent) {
   handleInitialized();
 }
 
@@ -58,7 +48,7 @@ void SystemProcessedSm::doCleanup() {
 }
 
 void SystemProcessedSm::handleInitialized() {
-  IM_TRACE(8, "handleInitialized", "void Controller::SystemProcessedSm::handleInitialized()" << ": ");
+  KIV_SM_TRACE_TEXT(8, "handleInitialized", kivSigHandleInitialized << ": ");
   if (initialized_) return;
   initialized_ = true;
   handleServiceMountGroupStatus();

@@ -37,7 +37,7 @@ void ServiceInitialMountSm::handleLeaderGenId() {
   if (canHandleMountGroup()) {
     handleMountGroupConfig();
   } else {
-    mountGroupInitialMountSmDelAll();
+    withdrawMountGroups();
   }
 }
 
@@ -52,7 +52,7 @@ void ServiceInitialMountSm::handleMountGroupConfig(Kiv::Name const& group) {
   if (!initialized_ || !canHandleMountGroup()) return;
   KIV_SM_TRACE(8, "handleMountGroupConfig", " " << group);
   if (serviceMountConfig_->mountGroupConfig(group)) {
-    if (mountGroupInitialMountSm_.get(group)) return;
+    if (mountGroupInitialMountSm(group)) return;
     KIV_SM_TRACE(8, "handleMountGroupConfig", ": adding mountGroupInitialMountSm");
     mountGroupInitialMountSmIs(group, serviceMountStatus_, oobStatus_, connectionPeriod_);
   } else {
@@ -60,23 +60,11 @@ void ServiceInitialMountSm::handleMountGroupConfig(Kiv::Name const& group) {
   }
 }
 
-void ServiceInitialMountSm::doCleanup() { mountGroupInitialMountSmDelAll(); }
+void ServiceInitialMountSm::doCleanup() { withdrawMountGroups(); }
 
-Kiv::Ptr<MountGroupInitialMountSm> ServiceInitialMountSm::mountGroupInitialMountSmIs(
-    Kiv::Name const& groupName, Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
-    Kiv::PtrConst<ControllerOob::Status> const& oobStatus, Kiv::PtrConst<ConnectionPeriod> const& connectionPeriod) {
-  return mountGroupInitialMountSm_.instantiate(
-      groupName, std::make_tuple(groupName, serviceMountStatus, oobStatus, connectionPeriod), [&] {
-        return Kiv::Ptr<MountGroupInitialMountSm>(
-            new MountGroupInitialMountSm(groupName, serviceMountStatus, oobStatus, connectionPeriod));
-      });
-}
-
-void ServiceInitialMountSm::mountGroupInitialMountSmDel(Kiv::Name const& group) {
-  mountGroupInitialMountSm_.erase(group);
-}
-
-void ServiceInitialMountSm::mountGroupInitialMountSmDelAll() {
+// In the collection's order, which mountGroupInitialMountSmDelAll() does not keep, so that the
+// groups' flags are withdrawn in that order.
+void ServiceInitialMountSm::withdrawMountGroups() {
   std::vector<Kiv::Name> groups;
   for (auto it = mountGroupInitialMountSm_.begin(); it; ++it) groups.push_back(it.key());
   for (Kiv::Name const& group : groups) mountGroupInitialMountSmDel(group);

@@ -20,10 +20,6 @@ class ServiceInitialMountSm : public ServiceInitialMountSmBase {
   ~ServiceInitialMountSm() override;
 
   bool initialized() const { return initialized_; }
-  Kiv::Ptr<MountGroupInitialMountSm> mountGroupInitialMountSm(Kiv::Name const& group) const {
-    return mountGroupInitialMountSm_.get(group);
-  }
-  std::size_t mountGroupInitialMountSms() const { return mountGroupInitialMountSm_.size(); }
 
   // Whether the configuration was written under the controller database's current leader.
   bool canHandleMountGroup() const;
@@ -31,17 +27,12 @@ class ServiceInitialMountSm : public ServiceInitialMountSmBase {
   void handleMountGroupConfig(Kiv::Name const& group);
   void handleMountGroupConfig();
   void handleInitialized();
+  // Withdraws every group machine, and with it the group's completion flag.
   void doCleanup();
 
-  Kiv::Ptr<MountGroupInitialMountSm> mountGroupInitialMountSmIs(
-      Kiv::Name const& groupName, Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus,
-      Kiv::PtrConst<ControllerOob::Status> const& oobStatus, Kiv::PtrConst<ConnectionPeriod> const& connectionPeriod);
-  // Each runs the machine's doCleanup() first, which withdraws the group's completion flag.
-  void mountGroupInitialMountSmDel(Kiv::Name const& group);
-  void mountGroupInitialMountSmDelAll();
-
  private:
-  Kiv::ChildMap<Kiv::Name, MountGroupInitialMountSm> mountGroupInitialMountSm_;
+  void withdrawMountGroups();
+
   bool initialized_ = false;
 };
 

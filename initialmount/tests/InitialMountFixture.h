@@ -11,7 +11,6 @@
 
 #include "host/Wiring.h"
 #include "initialmount/InitialMountSm.h"
-#include "initialmount/InitialMountTrace.h"
 #include "kiv/Trace.h"
 #include "platform/SimNetwork.h"
 

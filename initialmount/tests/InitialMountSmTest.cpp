@@ -117,9 +117,9 @@ TEST_F(ServiceInitialMountTest, GroupMachinesExistOnlyWhileTheGenerationMatches)
   config->leaderGenIdIs("gen0");
   start();
   auto svc = sm->serviceInitialMountSm("svc");
-  EXPECT_EQ(svc->mountGroupInitialMountSms(), 0u);
+  EXPECT_EQ(svc->mountGroupInitialMountSmSize(), 0u);
   config->leaderGenIdIs("gen1");
-  EXPECT_EQ(svc->mountGroupInitialMountSms(), 2u);
+  EXPECT_EQ(svc->mountGroupInitialMountSmSize(), 2u);
   auto h = svc->mountGroupInitialMountSm("h");
 
   config->mountGroupConfigDel("g");
@@ -129,9 +129,9 @@ TEST_F(ServiceInitialMountTest, GroupMachinesExistOnlyWhileTheGenerationMatches)
   EXPECT_NE(svc->mountGroupInitialMountSm("g"), nullptr);
 
   db->leaderGenIdIs("gen2");
-  EXPECT_EQ(svc->mountGroupInitialMountSms(), 0u);
+  EXPECT_EQ(svc->mountGroupInitialMountSmSize(), 0u);
   config->leaderGenIdIs("gen2");
-  EXPECT_EQ(svc->mountGroupInitialMountSms(), 2u);
+  EXPECT_EQ(svc->mountGroupInitialMountSmSize(), 2u);
   EXPECT_NE(svc->mountGroupInitialMountSm("h"), h);
 }
 

@@ -60,23 +60,23 @@ TEST_F(MountGroupInitialMountTest, AnUnfinishedSwitchIsGivenUpExactly240sAfterTh
   groupStatusIs(1, mountStateMounted);
   groupStatusIs(2, mountStateMounting, false);
   loop.advanceTo(10);
-  EXPECT_EQ(group()->remainingSwitches(), 0u);
-  EXPECT_EQ(group()->mountTimeMin(), Kiv::kInfinity);
+  EXPECT_EQ(group()->remainingSwitchSize(), 0u);
+  EXPECT_EQ(group()->mountClockTimeMin(), Kiv::kInfinity);
 
   groupStatus(2)->processedIs(true);
   EXPECT_NE(group()->remainingSwitch(name(2)), nullptr);
-  EXPECT_EQ(group()->mountTimeMin(), 250);
+  EXPECT_EQ(group()->mountClockTimeMin(), 250);
   EXPECT_THAT(capture.messages(5),
               Contains(std::string(kGroupSm) + "doPopulateRemainingSwitch(): Adding remaining switch: 00:00:00:00:00:02"));
   // Neither an unfinished state nor another group's mount strikes it off.
   groupStatus(2)->mountStateIs(mountStateUnmounting);
   groupStatusIs(2, mountStateMounted, true, "h");
   loop.advanceTo(249.999);
-  EXPECT_EQ(group()->remainingSwitches(), 1u);
+  EXPECT_EQ(group()->remainingSwitchSize(), 1u);
   EXPECT_FALSE(group()->localInitialMountsComplete());
 
   loop.advanceTo(250);
-  EXPECT_EQ(group()->remainingSwitches(), 0u);
+  EXPECT_EQ(group()->remainingSwitchSize(), 0u);
   EXPECT_TRUE(group()->localInitialMountsComplete());
   EXPECT_THAT(capture.messages(5), Contains(std::string(kGroupSm) + "handleMountTimeout(): "));
   // A switch processed during the flush populates the remaining switches again (only completion
@@ -85,7 +85,7 @@ TEST_F(MountGroupInitialMountTest, AnUnfinishedSwitchIsGivenUpExactly240sAfterTh
   sw(3).connect();
   groupStatusIs(3, mountStateMounted);
   EXPECT_NE(group()->remainingSwitch(name(2)), nullptr);
-  EXPECT_EQ(group()->mountTimeMin(), 490.2);
+  EXPECT_EQ(group()->mountClockTimeMin(), 490.2);
   loop.advanceTo(251);
   EXPECT_TRUE(complete());
 }
@@ -95,18 +95,42 @@ TEST_F(MountGroupInitialMountTest, ARemainingSwitchThatFinishesEndsTheWindowEarl
   groupStatusIs(1, mountStateMounting);
   groupStatusIs(2, mountStateMounted);
   loop.advanceTo(6);
-  EXPECT_EQ(group()->remainingSwitches(), 1u);
-  EXPECT_EQ(group()->mountTimeMin(), 246);
+  EXPECT_EQ(group()->remainingSwitchSize(), 1u);
+  EXPECT_EQ(group()->mountClockTimeMin(), 246);
 
   loop.advanceTo(20);
   groupStatus(1)->mountStateIs(mountStateFailed);
-  EXPECT_EQ(group()->remainingSwitches(), 0u);
-  EXPECT_EQ(group()->mountTimeMin(), Kiv::kInfinity);
+  EXPECT_EQ(group()->remainingSwitchSize(), 0u);
+  EXPECT_EQ(group()->mountClockTimeMin(), Kiv::kInfinity);
   EXPECT_THAT(capture.messages(5), Contains(std::string(kGroupSm) +
                                             "handleMountState(Kiv::Name, Kiv::Name): : deleting remaining switch "
                                             "00:00:00:00:00:01"));
   loop.advanceTo(21);
   EXPECT_TRUE(complete());
+}
+
+TEST_F(MountGroupInitialMountTest, ARemainingSwitchFollowsAReplacedGroupStatusAndIsStruckOffFromItsCallbacks) {
+  startWith(2);
+  groupStatusIs(1, mountStateMounting);
+  groupStatusIs(2, mountStateMounting);
+  loop.advanceTo(6);
+  ASSERT_EQ(group()->remainingSwitchSize(), 2u);
+
+  // A status taken away is no longer followed; its replacement is, from when it appears.
+  auto gone = groupStatus(1);
+  status()->systemStatus(name(1))->serviceMountGroupStatusDel("g");
+  gone->mountStateIs(mountStateMounted);
+  EXPECT_NE(group()->remainingSwitch(name(1)), nullptr);
+  groupStatusIs(1, mountStateMounted);
+  EXPECT_EQ(group()->remainingSwitch(name(1)), nullptr);
+
+  // The whole collection announced at once changes nothing unfinished.
+  status()->systemStatus(name(2))->serviceMountGroupStatusNotify();
+  EXPECT_EQ(group()->remainingSwitchSize(), 1u);
+  groupStatus(2)->mountStateIs(mountStateFailed);
+  EXPECT_EQ(group()->remainingSwitchSize(), 0u);
+  EXPECT_TRUE(group()->localInitialMountsComplete());
+  EXPECT_EQ(group()->mountClockTimeMin(), Kiv::kInfinity);
 }
 
 TEST_F(MountGroupInitialMountTest, AConnectedDemuxerThatNeverCatchesUpTimesTheFlushOutAfter120Polls) {
@@ -119,7 +143,7 @@ TEST_F(MountGroupInitialMountTest, AConnectedDemuxerThatNeverCatchesUpTimesTheFl
   EXPECT_EQ(group()->attrlogFlushRemainingTime(), 0);
   loop.advanceTo(126);
   EXPECT_TRUE(complete());
-  EXPECT_EQ(group()->attrlogFlushTimeMin(), Kiv::kInfinity);
+  EXPECT_EQ(group()->attrlogFlushClockTimeMin(), Kiv::kInfinity);
   EXPECT_THAT(capture.messages(8),
               Contains("MountGroupInitialMountSm::handleAttrlogFlushTimer Attrlog flush timed out for svc:g"));
   EXPECT_THAT(capture.messages(5), Contains("isLocalPassiveCurrentRoundSyncComplete: Demuxer:00:00:00:00:00:01 "
@@ -182,7 +206,7 @@ TEST_F(MountGroupInitialMountTest, AnInitialSwitchThatLostItsSystemStatusIsSkipp
                                             "system status; group g does not wait for it"));
   // Only switch 1, which has one, is waited for.
   EXPECT_NE(group()->remainingSwitch(name(1)), nullptr);
-  EXPECT_EQ(group()->remainingSwitches(), 1u);
+  EXPECT_EQ(group()->remainingSwitchSize(), 1u);
   groupStatusIs(1, mountStateMounted);
   loop.advanceTo(7);
   EXPECT_TRUE(complete());

@@ -12,7 +12,7 @@ TEST(ProcessedSwitchTest, ASwitchIsRecordedOnceItsOwnGroupIsProcessedAndStaysRec
   // Processed before the tracker exists: recorded while it initialises; unprocessed: kept.
   auto early = serviceStatus->systemStatusIs("sw1");
   early->serviceMountGroupStatusIs("g")->processedIs(true);
-  Kiv::Ptr<SystemProcessedSm> first(new SystemProcessedSm("sw1", "g", early, set));
+  Kiv::Ptr<SystemProcessedSm> first(new SystemProcessedSm("sw1", "g", early, set, nullptr));
   EXPECT_TRUE(set->processed("sw1"));
   early->serviceMountGroupStatus("g")->processedIs(false);
   EXPECT_TRUE(set->processed("sw1"));
@@ -20,7 +20,7 @@ TEST(ProcessedSwitchTest, ASwitchIsRecordedOnceItsOwnGroupIsProcessedAndStaysRec
   // Another group's status is ignored; the own group's is tracked from when it appears.
   auto late = serviceStatus->systemStatusIs("sw2");
   late->serviceMountGroupStatusIs("h")->processedIs(true);
-  Kiv::Ptr<SystemProcessedSm> second(new SystemProcessedSm("sw2", "g", late, set));
+  Kiv::Ptr<SystemProcessedSm> second(new SystemProcessedSm("sw2", "g", late, set, nullptr));
   EXPECT_EQ(second->groupProcessedSm(), nullptr);
   late->serviceMountGroupStatusIs("g");
   ASSERT_NE(second->groupProcessedSm(), nullptr);
@@ -31,6 +31,13 @@ TEST(ProcessedSwitchTest, ASwitchIsRecordedOnceItsOwnGroupIsProcessedAndStaysRec
   late->serviceMountGroupStatusIs("g")->processedIs(true);
   EXPECT_TRUE(set->processed("sw2"));
   EXPECT_EQ(set->processedSize(), 2u);
+
+  // After its clean-up a tracker records nothing more.
+  auto third = serviceStatus->systemStatusIs("sw3");
+  Kiv::Ptr<SystemProcessedSm> cleaned(new SystemProcessedSm("sw3", "g", third, set, nullptr));
+  cleaned->doCleanup();
+  third->serviceMountGroupStatusIs("g")->processedIs(true);
+  EXPECT_FALSE(set->processed("sw3"));
 }
 
 }  // namespace
