@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "registry/RegistryTrace.h"
+#include "MountsRegistryMachines.h"
 #include "registry/tests/RegistryWorld.h"
 
 namespace Controller::testing {
@@ -39,7 +39,7 @@ TEST_F(RegistryPublish, PeersBringTheirConnectionMachinesAndPublishStatus) {
 
   s1.disconnect();
   EXPECT_FALSE(published(s1));
-  EXPECT_EQ(sm->connectionServiceStatusDirSms(), 0u);
+  EXPECT_EQ(sm->connectionServiceStatusDirSmSize(), 0u);
 }
 
 TEST_F(RegistryPublish, EntriesReachOnlyAdmittedSwitches) {
@@ -70,7 +70,7 @@ TEST_F(RegistryPublish, EntriesReachOnlyAdmittedSwitches) {
   EXPECT_EQ(published(s2)->publishedMountSize(), 1u);
 
   registry->publishEntryDel("/local/a");
-  EXPECT_EQ(sm->publishRegistryEntrySms(), 0u);
+  EXPECT_EQ(sm->publishRegistryEntrySmSize(), 0u);
   EXPECT_EQ(published(s2)->publishedMountSize(), 0u);
 }
 
@@ -83,7 +83,7 @@ TEST_F(RegistryPublish, AMissingEntityIsLookedForEverySecondAndReadinessWaitsFor
   registry->servicePublishReadyIs("pub", true);
   EXPECT_FALSE(dbPublish->servicePublishReady("pub"));  // the entry is not processed yet
   loop.advanceTo(2.5);
-  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTime(), 3.0);
+  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTimeMin(), 3.0);
   EXPECT_EQ(capture.messages(1).size(), 4u);  // at creation, on readiness, at 1 s and at 2 s
   EXPECT_EQ(capture.messages(1).front(),
             "void Controller::PublishRegistryEntrySm::handleSwitchConnection(): Entity at /local/late doesn't exist.");
@@ -92,7 +92,7 @@ TEST_F(RegistryPublish, AMissingEntityIsLookedForEverySecondAndReadinessWaitsFor
   loop.advanceTo(3.0);
   EXPECT_EQ(published(s1)->publishedMountSize(), 1u);
   EXPECT_TRUE(dbPublish->servicePublishReady("pub"));
-  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTime(), Kiv::kInfinity);
+  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTimeMin(), Kiv::kInfinity);
   registry->servicePublishReadyIs("pub", false);
   EXPECT_FALSE(dbPublish->servicePublishReady("pub"));
   mountsRegistrySmTrace.levelsIs(0);
