@@ -18,9 +18,10 @@ class ConnectionServiceStatusDirSm : public ConnectionServiceStatusDirSmBase {
   // Set by doCleanup().
   bool goingAway() const { return goingAway_; }
 
-  // Follows the service's status: a status followed already is kept, another replaces it (a
-  // replaced status is a new one to follow). The new machine starts once it is in the
-  // collection, where the version queries its handlers cause look for it.
+  // Follows the service's status. Unlike the generated mutator it hides, another status replaces
+  // the machine rather than being refused (a replaced status is a new one to follow), and a new
+  // machine starts once it is in the collection, where the version queries its handlers cause
+  // look for it.
   Kiv::Ptr<ServiceStatusSm> serviceStatusIs(Kiv::Name const& service, Kiv::PtrConst<ServiceStatusV1> const& status);
   void handleService(Kiv::Name const& service);
   // Follows the services already in the directory. The owner runs it once the machine is in its

@@ -43,8 +43,7 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   bool initialized() const { return initialized_; }
   bool wildCardMount() const { return wildCardMount_; }
 
-  // The merged filter tables, which the mounters' MounterConfigSm machines keep.
-  // How many mounters include the system; 0 when none.
+  // The merged filter tables. How many mounters include the system; 0 when none.
   std::uint32_t connectionFilter(Kiv::String const& systemName) const { return connectionFilter_.get(systemName); }
   bool connectionFilterContains(Kiv::String const& systemName) const { return connectionFilter_.contains(systemName); }
   std::size_t connectionFilters() const { return connectionFilter_.size(); }
@@ -85,19 +84,21 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   void updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus, MountState state);
   void updateSystemStatus(SystemId const& systemId);
   void doCleanup();
-  // The entry's clean-up in two steps, for an owner that ends the mounts of many entries switch
-  // by switch: mountsEndBegin() stops every evaluation, then mountEnd() takes down the mount from
-  // one switch at once (a no-op without one). doCleanup() still follows and ends what is left.
-  void mountsEndBegin();
-  void mountEnd(SystemId const& systemId);
 
   // The group's state from its rows' states, by the rule above.
   static MountState combinedMountState(ServiceMountGroupStatus const& groupStatus);
 
  private:
+  friend class MountsRegistrySm;
   friend class MounterConfigSm;
   friend struct testing::EntryTablesAccess;  // makes the tables inconsistent on purpose
 
+  // The entry's clean-up in two steps, for an owner that ends the mounts of many entries switch
+  // by switch: mountsEndBegin() stops every evaluation, then mountEnd() takes down the mount from
+  // one switch at once (a no-op without one). doCleanup() still follows and ends what is left.
+  void mountsEndBegin();
+  void mountEnd(SystemId const& systemId);
+  // The merged tables, written by the mounters' MounterConfigSm machines only.
   void connectionFilterIs(Kiv::String const& systemName, std::uint32_t count);
   void connectionFilterDel(Kiv::String const& systemName);
   // The service's filter, created empty when absent.

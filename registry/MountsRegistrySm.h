@@ -38,8 +38,6 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   void handlePeerConnected(SystemId const& systemId);
   void handleSwitchConnection(SystemId const& systemId);
   void handleSwitchConnection();
-  // Called by the connection machines when a service's version status on a connection changes.
-  void handleServiceVersion(Kiv::String const& serviceName, Kiv::String const& connectionName);
   // The version of the service negotiated on the connection (a proxy asks for the service it
   // stands for); 0 when there is none.
   std::uint32_t negotiatedServiceVersionForConnection(Kiv::String serviceName, Kiv::String connectionName) const;
@@ -48,6 +46,10 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   Kiv::Name switchName(SystemId const& systemId) const;
 
  private:
+  friend class ServiceStatusSm;
+
+  // Called by the connection machines when a service's version status on a connection changes.
+  void handleServiceVersion(Kiv::String const& serviceName, Kiv::String const& connectionName);
   // The connection of oobStatus whose address is the peer's, or null.
   Kiv::PtrConst<ControllerOob::Connection> connectionOf(Kiv::PtrConst<Peer> const& peer) const;
 
