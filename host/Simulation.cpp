@@ -268,14 +268,14 @@ class Checker {
     }
     // Machines: one per entity, no orphan, no missing one; filter counts match a recount.
     auto const& rsm = *w_.registrySm;
-    if (rsm.mountsRegistryEntrySms() != w_.registry->mountEntrySize())
-      fail("one entry machine per registry entry", std::to_string(rsm.mountsRegistryEntrySms()) + " machines for " +
+    if (rsm.mountsRegistryEntrySmSize() != w_.registry->mountEntrySize())
+      fail("one entry machine per registry entry", std::to_string(rsm.mountsRegistryEntrySmSize()) + " machines for " +
                                                        std::to_string(w_.registry->mountEntrySize()) + " entries");
-    if (rsm.publishRegistryEntrySms() != w_.registry->publishEntrySize())
-      fail("one machine per publish entry", std::to_string(rsm.publishRegistryEntrySms()));
+    if (rsm.publishRegistryEntrySmSize() != w_.registry->publishEntrySize())
+      fail("one machine per publish entry", std::to_string(rsm.publishRegistryEntrySmSize()));
     std::size_t const peerCount = peers ? peers->peerSize() : 0;
-    if (rsm.connectionServiceStatusDirSms() != peerCount)
-      fail("one connection machine per peer", std::to_string(rsm.connectionServiceStatusDirSms()));
+    if (rsm.connectionServiceStatusDirSmSize() != peerCount)
+      fail("one connection machine per peer", std::to_string(rsm.connectionServiceStatusDirSmSize()));
     std::set<std::string> mounting, ordinary, publishing;
     for (auto const& d : s_.services) {
       if (paired<Controller::ServiceMountConfig, Controller::ServiceMountStatus>(
@@ -294,7 +294,7 @@ class Checker {
     for (auto e = w_.registry->mountEntryIter(); e; ++e) {
       auto sm = rsm.mountsRegistryEntrySm(e.key());
       if (!sm) fail("one entry machine per registry entry", "none for " + std::string(e.key().view()));
-      if (sm->mounterConfigSms() != e.value()->mounterSize())
+      if (sm->mounterConfigSmSize() != e.value()->mounterSize())
         fail("one filter machine per mounter", std::string(e.key().view()));
       if (sm->mountSms() != sm->mountSmDatas()) fail("mount data per mount machine", std::string(e.key().view()));
       std::map<std::string, std::uint32_t> recount;
@@ -381,7 +381,7 @@ class Checker {
       std::string const path(e.key().view());
       if (e.value()->mounterSize() != 0) fail("nothing left after teardown", "a mounter of " + path);
       auto sm = w_.registrySm->mountsRegistryEntrySm(e.key());
-      if (sm && (sm->mountSms() != 0 || sm->mounterConfigSms() != 0))
+      if (sm && (sm->mountSms() != 0 || sm->mounterConfigSmSize() != 0))
         fail("nothing left after teardown", "a machine of " + path);
     }
     if (w_.registry->publishEntrySize() != 0) fail("nothing left after teardown", "publish entries");

@@ -4,49 +4,36 @@
 
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/MountsRegistrySm.h"
-#include "registry/RegistryTrace.h"
 
 namespace Controller {
 
-namespace {
-constexpr char const* kAddSystemToConnectionFilter =
-    "void Controller::MounterConfigSm::addSystemToConnectionFilter(Kiv::String)";
-constexpr char const* kRemoveSystemFromConnectionFilter =
-    "void Controller::MounterConfigSm::removeSystemFromConnectionFilter(Kiv::String)";
-}  // namespace
-
 MounterConfigSm::MounterConfigSm(Kiv::Ptr<Mounter> const& mounter, MountsRegistryEntrySm* mountsRegistryEntrySm)
-    : mounter_(Kiv::ValidPtr<Mounter>(mounter)), mountsRegistryEntrySm_(mountsRegistryEntrySm) {
-  if (Kiv::PtrConst<MountFilterSystem> systems = mounter_->systemFilter())
-    systemFilter_ = new KivSystemFilter(systems, this);
-  if (Kiv::PtrConst<MountFilterServiceVersion> versions = mounter_->versionFilter())
-    versionFilter_ = new KivVersionFilter(versions, this);
-  if (Kiv::PtrConst<ServiceMountGroupConfig> group = mounter_->mountGroupConfig())
-    kivMountGroupConfig_ = new KivMountGroupConfig(group, this);
+    : MounterConfigSmBase(mounter, mountsRegistryEntrySm) {
+  systemFilterIs(mounter_->systemFilter());
+  versionFilterIs(mounter_->versionFilter());
+  mountGroupConfigIs(mounter_->mountGroupConfig());
   handleInitialized();
 }
 
 MounterConfigSm::~MounterConfigSm() = default;
 
-// The reactor on the new filter (a bound-to-nothing one when there is none) reconciles what this
-// mounter counted with what the filter holds.
+// What this mounter counted is reconciled with what the new filter (or none) holds. Only a
+// filter followed already is no change: going from none to none still reconciles.
 void MounterConfigSm::handleSystemFilter() {
-  MR_TRACE(8, "handleSystemFilter", "MounterConfigSm::" << "handleSystemFilter" << " " << serviceName());
+  KIV_SM_TRACE(8, "handleSystemFilter", " " << serviceName());
   Kiv::PtrConst<MountFilterSystem> filter = mounter_->systemFilter();
-  if (systemFilter_ && systemFilter_->notifier() == filter) return;
-  Kiv::Ptr<KivSystemFilter> reactor(new KivSystemFilter(filter, this));
-  systemFilter_ = filter ? reactor : nullptr;
-  reactor->handleIncludedSystem();
+  if (systemFilter_ && systemFilter_ == filter) return;
+  systemFilterIs(filter);
+  handleIncludedSystem();
   filtersChanged();
 }
 
 void MounterConfigSm::handleVersionFilter() {
-  MR_TRACE(8, "handleVersionFilter", "MounterConfigSm::" << "handleVersionFilter" << " " << serviceName());
+  KIV_SM_TRACE(8, "handleVersionFilter", " " << serviceName());
   Kiv::PtrConst<MountFilterServiceVersion> filter = mounter_->versionFilter();
-  if (versionFilter_ && versionFilter_->notifier() == filter) return;
-  Kiv::Ptr<KivVersionFilter> reactor(new KivVersionFilter(filter, this));
-  versionFilter_ = filter ? reactor : nullptr;
-  reactor->handleIncludedServiceVersion();
+  if (versionFilter_ && versionFilter_ == filter) return;
+  versionFilterIs(filter);
+  handleIncludedServiceVersion();
   filtersChanged();
 }
 
@@ -59,96 +46,95 @@ void MounterConfigSm::filtersChanged() {
 Kiv::Name MounterConfigSm::remotePath() const { return mountsRegistryEntrySm_->registryEntry()->remotePath(); }
 
 void MounterConfigSm::handleInitialized() {
-  MR_TRACE(8, "handleInitialized", "MounterConfigSm::" << "handleInitialized" << " " << serviceName());
+  KIV_SM_TRACE(8, "handleInitialized", " " << serviceName());
   initialized_ = true;
-  if (systemFilter_) systemFilter_->handleIncludedSystem();
-  if (versionFilter_) versionFilter_->handleIncludedServiceVersion();
+  if (systemFilter_) handleIncludedSystem();
+  if (versionFilter_) handleIncludedServiceVersion();
 }
 
-void MounterConfigSm::KivSystemFilter::handleIncludedSystem() {
+void MounterConfigSm::handleIncludedSystem() {
   std::vector<Kiv::String> systems;
-  if (Kiv::PtrConst<MountFilterSystem> filter = notifier())
-    for (auto it = filter->includedSystemIter(); it; ++it) systems.push_back(it.key());
-  for (auto it = owner_->countedSystem_.begin(); it; ++it)
-    if (!notifier() || !notifier()->includedSystem(it.key())) systems.push_back(it.key());
+  if (systemFilter_)
+    for (auto it = systemFilter_->includedSystemIter(); it; ++it) systems.push_back(it.key());
+  for (auto it = countedSystem_.begin(); it; ++it)
+    if (!systemFilter_ || !systemFilter_->includedSystem(it.key())) systems.push_back(it.key());
   for (Kiv::String const& system : systems) handleIncludedSystem(system);
 }
 
-void MounterConfigSm::KivSystemFilter::handleIncludedSystem(Kiv::String const& systemName) {
-  MR_TRACE_AT(8, 925, "handleIncludedSystem",
-              "MounterConfigSm::KivSystemFilter::" << "handleIncludedSystem" << ": " << systemName);
-  Kiv::PtrConst<MountFilterSystem> filter = notifier();
-  bool const included = filter && filter->includedSystem(systemName);
-  bool const counted = owner_->countedSystem_.contains(systemName);
+void MounterConfigSm::handleIncludedSystem(Kiv::String const& systemName) {
+  // The text still names the filter's reactor, as it always has.
+  KIV_SM_TRACE_TEXT_AT(8, 925, "handleIncludedSystem",
+                       "MounterConfigSm::KivSystemFilter::" << "handleIncludedSystem" << ": " << systemName);
+  bool const included = systemFilter_ && systemFilter_->includedSystem(systemName);
+  bool const counted = countedSystem_.contains(systemName);
   if (included && !counted) {
-    owner_->addSystemToConnectionFilter(systemName);
+    addSystemToConnectionFilter(systemName);
   } else if (!included && counted) {
-    owner_->removeSystemFromConnectionFilter(systemName);
+    removeSystemFromConnectionFilter(systemName);
   }
 }
 
-void MounterConfigSm::KivVersionFilter::handleIncludedServiceVersion() {
+void MounterConfigSm::handleIncludedServiceVersion() {
   std::vector<std::uint32_t> versions;
-  if (Kiv::PtrConst<MountFilterServiceVersion> filter = notifier())
-    for (auto it = filter->includedServiceVersionIter(); it; ++it) versions.push_back(it.key());
-  for (auto it = owner_->countedVersion_.begin(); it; ++it)
-    if (!notifier() || !notifier()->includedServiceVersion(it.key())) versions.push_back(it.key());
+  if (versionFilter_)
+    for (auto it = versionFilter_->includedServiceVersionIter(); it; ++it) versions.push_back(it.key());
+  for (auto it = countedVersion_.begin(); it; ++it)
+    if (!versionFilter_ || !versionFilter_->includedServiceVersion(it.key())) versions.push_back(it.key());
   for (std::uint32_t version : versions) handleIncludedServiceVersion(version);
 }
 
-void MounterConfigSm::KivVersionFilter::handleIncludedServiceVersion(std::uint32_t version) {
-  MR_TRACE_AT(8, 937, "handleIncludedServiceVersion",
-              "MounterConfigSm::KivVersionFilter::" << "handleIncludedServiceVersion" << ": version=" << version);
-  Kiv::PtrConst<MountFilterServiceVersion> filter = notifier();
-  bool const included = filter && filter->includedServiceVersion(version);
-  bool const counted = owner_->countedVersion_.contains(version);
+void MounterConfigSm::handleIncludedServiceVersion(std::uint32_t version) {
+  // Likewise.
+  KIV_SM_TRACE_TEXT_AT(
+      8, 937, "handleIncludedServiceVersion",
+      "MounterConfigSm::KivVersionFilter::" << "handleIncludedServiceVersion" << ": version=" << version);
+  bool const included = versionFilter_ && versionFilter_->includedServiceVersion(version);
+  bool const counted = countedVersion_.contains(version);
   if (included && !counted) {
-    owner_->addVersionToVersionFilter(version);
+    addVersionToVersionFilter(version);
   } else if (!included && counted) {
-    owner_->removeVersionFromVersionFilter(version);
+    removeVersionFromVersionFilter(version);
   }
 }
 
 void MounterConfigSm::addSystemToConnectionFilter(Kiv::String systemName) {
-  MR_TRACE_AT(8, 821, "addSystemToConnectionFilter",
-              "MounterConfigSm::" << "addSystemToConnectionFilter" << " " << systemName);
+  KIV_SM_TRACE_AT(8, 821, "addSystemToConnectionFilter", " " << systemName);
   countedSystem_.insert(systemName, true);
   MountsRegistryEntrySm& entrySm = *mountsRegistryEntrySm_;
   if (entrySm.connectionFilterContains(systemName)) {
     std::uint32_t const count = entrySm.connectionFilter(systemName) + 1;
-    MR_DUALLOG_AT(5, 830, kAddSystemToConnectionFilter, " refcount:%s filter:%s path:%s", count, systemName,
-                  remotePath());
+    KIV_SM_DUALLOG_AT(5, 830, kivSigAddSystemToConnectionFilter, " refcount:%s filter:%s path:%s", count, systemName,
+                      remotePath());
     entrySm.connectionFilterIs(systemName, count);
   } else {
-    MR_DUALLOG_AT(5, 836, kAddSystemToConnectionFilter, " new filter:%s path:%s", systemName, remotePath());
+    KIV_SM_DUALLOG_AT(5, 836, kivSigAddSystemToConnectionFilter, " new filter:%s path:%s", systemName, remotePath());
     entrySm.connectionFilterIs(systemName, 1);
   }
   entrySm.handleSwitchConnection();
 }
 
 void MounterConfigSm::removeSystemFromConnectionFilter(Kiv::String systemName) {
-  MR_TRACE_AT(8, 844, "removeSystemFromConnectionFilter",
-              "MounterConfigSm::" << "removeSystemFromConnectionFilter" << " " << systemName);
+  KIV_SM_TRACE_AT(8, 844, "removeSystemFromConnectionFilter", " " << systemName);
   countedSystem_.erase(systemName);
   MountsRegistryEntrySm& entrySm = *mountsRegistryEntrySm_;
   if (!entrySm.connectionFilterContains(systemName)) return;
   std::uint32_t const refCount = entrySm.connectionFilter(systemName);
   if (refCount == 1) {
-    MR_DUALLOG_AT(5, 852, kRemoveSystemFromConnectionFilter, " del filter:%s path:%s", systemName, remotePath());
+    KIV_SM_DUALLOG_AT(5, 852, kivSigRemoveSystemFromConnectionFilter, " del filter:%s path:%s", systemName,
+                      remotePath());
     entrySm.connectionFilterDel(systemName);
     entrySm.handleSwitchConnection();
     return;
   }
-  MR_DUALLOG_AT(5, 861, kRemoveSystemFromConnectionFilter, " refcount:%s filter:%s path:%s", refCount - 1,
-                systemName, remotePath());
+  KIV_SM_DUALLOG_AT(5, 861, kivSigRemoveSystemFromConnectionFilter, " refcount:%s filter:%s path:%s", refCount - 1,
+                    systemName, remotePath());
   KIV_ASSERT(refCount > 1);
   // Another mounter still includes the system, so no switch changes its verdict.
   entrySm.connectionFilterIs(systemName, refCount - 1);
 }
 
 void MounterConfigSm::addVersionToVersionFilter(std::uint32_t version) {
-  MR_TRACE_AT(8, 802, "addVersionToVersionFilter",
-              "MounterConfigSm::" << "addVersionToVersionFilter" << " " << version);
+  KIV_SM_TRACE_AT(8, 802, "addVersionToVersionFilter", " " << version);
   countedVersion_.insert(version, true);
   MountsRegistryEntrySm& entrySm = *mountsRegistryEntrySm_;
   entrySm.versionFilterIs(Kiv::Name(serviceName()))->versionIs(version, true);
@@ -156,8 +142,7 @@ void MounterConfigSm::addVersionToVersionFilter(std::uint32_t version) {
 }
 
 void MounterConfigSm::removeVersionFromVersionFilter(std::uint32_t version) {
-  MR_TRACE_AT(8, 810, "removeVersionFromVersionFilter",
-              "MounterConfigSm::" << "removeVersionFromVersionFilter" << " " << version);
+  KIV_SM_TRACE_AT(8, 810, "removeVersionFromVersionFilter", " " << version);
   countedVersion_.erase(version);
   MountsRegistryEntrySm& entrySm = *mountsRegistryEntrySm_;
   Kiv::Name const service(serviceName());
@@ -168,7 +153,7 @@ void MounterConfigSm::removeVersionFromVersionFilter(std::uint32_t version) {
 }
 
 void MounterConfigSm::doCleanup() {
-  MR_TRACE_AT(8, 870, "doCleanup", "MounterConfigSm::" << "doCleanup" << " " << serviceName());
+  KIV_SM_TRACE_AT(8, 870, "doCleanup", " " << serviceName());
   // What this mounter counted is exactly what its filters included.
   std::vector<Kiv::String> systems;
   for (auto it = countedSystem_.begin(); it; ++it) systems.push_back(it.key());
@@ -177,9 +162,9 @@ void MounterConfigSm::doCleanup() {
   for (auto it = countedVersion_.begin(); it; ++it) versions.push_back(it.key());
   for (std::uint32_t version : versions) removeVersionFromVersionFilter(version);
   // A machine that has cleaned up must not count again if someone still holds it.
-  systemFilter_ = nullptr;
-  versionFilter_ = nullptr;
-  kivMountGroupConfig_ = nullptr;
+  systemFilterIs(nullptr);
+  versionFilterIs(nullptr);
+  mountGroupConfigIs(nullptr);
   withdrawMountStatus();
 }
 
@@ -214,14 +199,14 @@ void MounterConfigSm::withdrawMountStatus() {
     Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group);
     if (!groupStatus) continue;
     if (groupStatus->mountStatus(path)) {
-      MR_TRACE_AT(8, 897, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting mount status for " << path);
+      KIV_SM_TRACE_AT(8, 897, "doCleanup", ": Deleting mount status for " << path);
       groupStatus->mountStatusDel(path);
     }
     if (groupStays || groupStatus->mountStatusSize() != 0) continue;
-    MR_TRACE_AT(8, 902, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting mount group status for " << group);
+    KIV_SM_TRACE_AT(8, 902, "doCleanup", ": Deleting mount group status for " << group);
     systemStatus->serviceMountGroupStatusDel(group);
     if (systemStatus->serviceMountGroupStatusSize() == 0) {
-      MR_TRACE_AT(8, 907, "doCleanup", "MounterConfigSm::" << "doCleanup" << ": Deleting system status for " << system);
+      KIV_SM_TRACE_AT(8, 907, "doCleanup", ": Deleting system status for " << system);
       status->systemStatusDel(system);
     }
   }

@@ -4,56 +4,21 @@
 #include <vector>
 
 #include "registry/MountsRegistrySm.h"
-#include "registry/RegistryTrace.h"
 
 namespace Controller {
-
-namespace {
-constexpr char const* kHandleMounter = "void Controller::MountsRegistryEntrySm::handleMounter(Kiv::String)";
-constexpr char const* kEvaluateMounters = "void Controller::MountsRegistryEntrySm::evaluateMounters()";
-constexpr char const* kCanMountFromConnection =
-    "bool Controller::MountsRegistryEntrySm::canMountFromConnection(Kiv::String)";
-constexpr char const* kMatchingServiceVersionFilter =
-    "bool Controller::MountsRegistryEntrySm::matchingServiceVersionFilter(Kiv::String, Kiv::String)";
-constexpr char const* kHandleSwitchConnection =
-    "void Controller::MountsRegistryEntrySm::handleSwitchConnection(Controller::SystemId)";
-constexpr char const* kDoConnectSwitch =
-    "void Controller::MountsRegistryEntrySm::doConnectSwitch(Controller::SystemId)";
-constexpr char const* kDoDisconnectSwitch =
-    "void Controller::MountsRegistryEntrySm::doDisconnectSwitch(Controller::SystemId)";
-constexpr char const* kHandleMountState =
-    "void Controller::MountsRegistryEntrySm::KivMountSmDataSm::handleMountState()";
-constexpr char const* kUpdateMountersStatus =
-    "void Controller::MountsRegistryEntrySm::updateMountersStatus(Controller::SystemId, Controller::MountState)";
-}  // namespace
 
 MountsRegistryEntrySm::MountsRegistryEntrySm(Kiv::Ptr<MountsRegistryEntry> const& registryEntry,
                                              Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
                                              Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir,
                                              MountsRegistrySm* mountsRegistrySm)
-    : registryEntry_(Kiv::ValidPtr<MountsRegistryEntry>(registryEntry)),
-      oobStatus_(Kiv::ValidPtr<ControllerOob::Status const>(oobStatus)),
-      serviceMountStatusDir_(serviceMountStatusDir),
-      mountsRegistrySm_(mountsRegistrySm),
-      kivRegistryEntry_(new KivRegistryEntry(registryEntry, this)) {
+    : MountsRegistryEntrySmBase(registryEntry, oobStatus, serviceMountStatusDir, mountsRegistrySm) {
   handleMounter();
   handleInitialized();
 }
 
 MountsRegistryEntrySm::~MountsRegistryEntrySm() = default;
 
-// --- collections ---
-
-Kiv::Ptr<MounterConfigSm> MountsRegistryEntrySm::mounterConfigSmIs(Kiv::ValidPtr<Mounter> mounter) {
-  Kiv::Ptr<Mounter> const m = mounter;
-  return mounterConfigSm_.instantiate(m->serviceName(), std::make_tuple(m),
-                                      [&] { return Kiv::Ptr<MounterConfigSm>(new MounterConfigSm(m, this)); });
-}
-
-void MountsRegistryEntrySm::mounterConfigSmDel(Kiv::String const& serviceName) {
-  Kiv::String const key = serviceName;
-  mounterConfigSm_.erase(key);
-}
+// --- tables ---
 
 void MountsRegistryEntrySm::connectionFilterIs(Kiv::String const& systemName, std::uint32_t count) {
   connectionFilter_.assign(systemName, count);
@@ -62,10 +27,6 @@ void MountsRegistryEntrySm::connectionFilterIs(Kiv::String const& systemName, st
 void MountsRegistryEntrySm::connectionFilterDel(Kiv::String const& systemName) {
   Kiv::String const key = systemName;
   connectionFilter_.erase(key);
-}
-
-Kiv::Ptr<ServiceVersionFilter> MountsRegistryEntrySm::versionFilter(Kiv::Name const& serviceName) const {
-  return versionFilter_.get(serviceName);
 }
 
 Kiv::Ptr<ServiceVersionFilter> MountsRegistryEntrySm::versionFilterIs(Kiv::Name const& serviceName) {
@@ -80,29 +41,17 @@ void MountsRegistryEntrySm::versionFilterDel(Kiv::Name const& serviceName) {
   versionFilter_.erase(key);
 }
 
-Kiv::Ptr<MountSmData> MountsRegistryEntrySm::mountSmData(SystemId const& systemId) const {
-  return mountSmData_.get(systemId);
-}
-
 void MountsRegistryEntrySm::mountSmDataIs(SystemId const& systemId, Kiv::ValidPtr<MountSmData> data) {
   SystemId const id = systemId;
   mountSmData_.assign(id, Kiv::Ptr<MountSmData>(data));
-  Kiv::Ptr<KivMountSmDataSm> watcher = mountSmDataSm(id);
-  if (!watcher || watcher->notifier() != data)
-    mountSmDataSm_.assign(id, Kiv::Ptr<KivMountSmDataSm>(new KivMountSmDataSm(data, id, this)));
+  mountSmDataSmIs(id, data);
 }
 
 void MountsRegistryEntrySm::mountSmDataDel(SystemId const& systemId) {
   SystemId const id = systemId;
-  mountSmDataSm_.erase(id);
+  mountSmDataSmDel(id);
   mountSmData_.erase(id);
 }
-
-Kiv::Ptr<MountsRegistryEntrySm::KivMountSmDataSm> MountsRegistryEntrySm::mountSmDataSm(SystemId const& systemId) const {
-  return mountSmDataSm_.get(systemId);
-}
-
-Kiv::Ptr<MountSm> MountsRegistryEntrySm::mountSm(SystemId const& systemId) const { return mountSm_.get(systemId); }
 
 void MountsRegistryEntrySm::mountSmIs(SystemId const& systemId, Kiv::ValidPtr<MountSm> sm) {
   mountSm_.assign(SystemId(systemId), Kiv::Ptr<MountSm>(sm));
@@ -116,7 +65,8 @@ void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
 // --- mounters ---
 
 void MountsRegistryEntrySm::handleInitialized() {
-  MR_TRACE(8, "handleInitialized", "MoutnsRegistryEntrySm::" << "handleInitialized" << " " << entryName());
+  // The misspelt class name is the message's established text.
+  KIV_SM_TRACE_TEXT(8, "handleInitialized", "MoutnsRegistryEntrySm::" << "handleInitialized" << " " << entryName());
   initialized_ = true;
   handleSwitchConnection();
 }
@@ -131,27 +81,27 @@ void MountsRegistryEntrySm::handleMounter() {
 }
 
 void MountsRegistryEntrySm::handleMounter(Kiv::String service) {
-  MR_TRACE(8, "handleMounter", "MountsRegistryEntrySm::" << "handleMounter" << " " << entryName());
+  KIV_SM_TRACE(8, "handleMounter", " " << entryName());
   evaluateMounters();
   if (Kiv::Ptr<Mounter> mounter = registryEntry_->mounter(service)) {
-    MR_DUALLOG(5, kHandleMounter, " new mounter: service:%s group:%s", service, mounter->groupName());
+    KIV_SM_DUALLOG(5, kivSigHandleMounter, " new mounter: service:%s group:%s", service, mounter->groupName());
     mounterConfigSmIs(mounter);
   } else {
-    MR_DUALLOG(5, kHandleMounter, " mounter gone: service:%s", service);
+    KIV_SM_DUALLOG(5, kivSigHandleMounter, " mounter gone: service:%s", service);
     mounterConfigSmDel(service);
   }
   handleSwitchConnection();
 }
 
 void MountsRegistryEntrySm::evaluateMounters() {
-  MR_TRACE(8, "evaluateMounters", "MountsRegistryEntrySm::" << "evaluateMounters" << " " << entryName());
+  KIV_SM_TRACE(8, "evaluateMounters", " " << entryName());
   wildCardMount_ = false;
   for (auto it = registryEntry_->mounterIter(); it; ++it) {
     Mounter const& mounter = *it.value();
     Kiv::PtrConst<ServiceMountGroupConfig> const& config = mounter.mountGroupConfig();
     if (!config || (!config->systemFilter() && !config->versionFilter())) {
-      MR_DUALLOG(5, kEvaluateMounters, " wildcard mount: service:%s group:%s", mounter.serviceName(),
-                 mounter.groupName());
+      KIV_SM_DUALLOG(5, kivSigEvaluateMounters, " wildcard mount: service:%s group:%s", mounter.serviceName(),
+                     mounter.groupName());
       wildCardMount_ = true;
       break;
     }
@@ -161,41 +111,40 @@ void MountsRegistryEntrySm::evaluateMounters() {
 // --- decisions ---
 
 bool MountsRegistryEntrySm::canMountFromConnection(Kiv::String connection) {
-  MR_TRACE(8, "canMountFromConnection", "MountsRegistryEntrySm::" << "canMountFromConnection" << " " << entryName());
+  KIV_SM_TRACE(8, "canMountFromConnection", " " << entryName());
   std::uint32_t version = 0;
   for (auto it = registryEntry_->mounterIter(); it && !version; ++it)
     version = mountsRegistrySm_->negotiatedServiceVersionForConnection(it.value()->serviceName(), connection);
   if (!version) {
-    MR_DUALLOG(5, kCanMountFromConnection, " no version negotiated:%s", connection);
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " no version negotiated:%s", connection);
     return false;
   }
   if (wildCardMount_) {
-    MR_DUALLOG(5, kCanMountFromConnection, " wildcard mount:%s", connection);
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " wildcard mount:%s", connection);
     return true;
   }
   if (versionFilter_.empty()) {
-    MR_DUALLOG(5, kCanMountFromConnection, " no versionfilter for %s", entryName());
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " no versionfilter for %s", entryName());
   } else if (!connectionMatchesVersionFilter(connection)) {
-    MR_DUALLOG(5, kCanMountFromConnection, " version filter not matched for %s", entryName());
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " version filter not matched for %s", entryName());
     return false;
   } else {
-    MR_DUALLOG(5, kCanMountFromConnection, " matched versionFilter:%s", connection);
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " matched versionFilter:%s", connection);
   }
   if (connectionFilter_.empty()) {
-    MR_DUALLOG(5, kCanMountFromConnection, " no connectionFilter for %s", entryName());
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " no connectionFilter for %s", entryName());
     return true;
   }
   if (connectionFilter(connection) != 0) {
-    MR_DUALLOG(5, kCanMountFromConnection, " matched connectionFilter:%s", connection);
+    KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " matched connectionFilter:%s", connection);
     return true;
   }
-  MR_DUALLOG(5, kCanMountFromConnection, " not in connectionFilter:%s", connection);
+  KIV_SM_DUALLOG(5, kivSigCanMountFromConnection, " not in connectionFilter:%s", connection);
   return false;
 }
 
 bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Kiv::String connection) {
-  MR_TRACE(8, "connectionMatchesVersionFilter",
-           "MountsRegistryEntrySm::" << "connectionMatchesVersionFilter" << " " << entryName());
+  KIV_SM_TRACE(8, "connectionMatchesVersionFilter", " " << entryName());
   std::vector<Kiv::Name> services;
   for (auto it = versionFilter_.begin(); it; ++it) services.push_back(it.key());
   return std::any_of(services.begin(), services.end(),
@@ -203,45 +152,45 @@ bool MountsRegistryEntrySm::connectionMatchesVersionFilter(Kiv::String connectio
 }
 
 bool MountsRegistryEntrySm::matchingServiceVersionFilter(Kiv::String service, Kiv::String connection) {
-  MR_TRACE(8, "matchingServiceVersionFilter", "MountsRegistryEntrySm::matchingServiceVersionFilter");
+  KIV_SM_TRACE(8, "matchingServiceVersionFilter", "");
   Kiv::Ptr<ServiceVersionFilter> filter = versionFilter(Kiv::Name(service));
   if (!filter) {
-    MR_TRACE(8, "matchingServiceVersionFilter", " no version filter for service " << service);
+    KIV_SM_TRACE_TEXT(8, "matchingServiceVersionFilter", " no version filter for service " << service);
     return true;
   }
   std::uint32_t const version = mountsRegistrySm_->negotiatedServiceVersionForConnection(service, connection);
-  MR_TRACE(8, "matchingServiceVersionFilter", "Supported version for " << service << " for " << connection);
+  KIV_SM_TRACE_TEXT(8, "matchingServiceVersionFilter", "Supported version for " << service << " for " << connection);
   if (version && filter->version(version)) {
-    MR_DUALLOG(5, kMatchingServiceVersionFilter, " matched version:%s service:%s connection:%s", version, service,
-               connection);
+    KIV_SM_DUALLOG(5, kivSigMatchingServiceVersionFilter, " matched version:%s service:%s connection:%s", version,
+                   service, connection);
     return true;
   }
   if (version) {
-    MR_DUALLOG(5, kMatchingServiceVersionFilter, " version:%s not in filter service:%s connection:%s", version,
-               service, connection);
+    KIV_SM_DUALLOG(5, kivSigMatchingServiceVersionFilter, " version:%s not in filter service:%s connection:%s", version,
+                   service, connection);
     return false;
   }
-  MR_DUALLOG(5, kMatchingServiceVersionFilter, " no version service:%s connection:%s", service, connection);
+  KIV_SM_DUALLOG(5, kivSigMatchingServiceVersionFilter, " no version service:%s connection:%s", service, connection);
   return false;
 }
 
 bool MountsRegistryEntrySm::mounterIsInterestedInConnection(Kiv::PtrConst<Mounter> const& mounter,
                                                             Kiv::String connection) {
-  MR_TRACE(8, "mounterIsInterestedInConnection",
-           "MountsRegistryEntrySm::" << "mounterIsInterestedInConnection" << " " << entryName());
+  KIV_SM_TRACE(8, "mounterIsInterestedInConnection", " " << entryName());
   Kiv::PtrConst<MountFilterSystem> systems = mounter->systemFilter();
   if (systems && !systems->includedSystem(connection)) return false;
   return matchingServiceVersionFilter(mounter->serviceName(), connection);
 }
 
 bool MountsRegistryEntrySm::preserveMountsOnDisconnect(Kiv::String connection) {
-  MR_TRACE(8, "preserveMountsOnDisconnect", "MountsRegistryEntrySm::preserveMountsOnDisconnect" << ": " << connection);
+  KIV_SM_TRACE(8, "preserveMountsOnDisconnect", ": " << connection);
   for (auto it = registryEntry_->mounterIter(); it; ++it) {
     Mounter const& mounter = *it.value();
     if (!mounter.preserveMountsOnDisconnect()) continue;
-    MR_TRACE(8, "preserveMountsOnDisconnect",
-             "preserveMountsOnDisconnect" << ": mounter for group " << mounter.groupName() << " and service "
-                                          << mounter.serviceName() << " has preserve=1");
+    KIV_SM_TRACE_TEXT(8, "preserveMountsOnDisconnect",
+                      "preserveMountsOnDisconnect"
+                          << ": mounter for group " << mounter.groupName() << " and service " << mounter.serviceName()
+                          << " has preserve=1");
     return true;
   }
   return false;
@@ -250,7 +199,7 @@ bool MountsRegistryEntrySm::preserveMountsOnDisconnect(Kiv::String connection) {
 // --- switches ---
 
 void MountsRegistryEntrySm::handleSwitchConnection() {
-  MR_TRACE(8, "handleSwitchConnection", "MountsRegistryEntrySm::" << "handleSwitchConnection" << " " << entryName());
+  KIV_SM_TRACE(8, "handleSwitchConnection", " " << entryName());
   std::vector<SystemId> ids;
   if (Kiv::PtrConst<PeerTable> table = peerTable())
     for (auto it = table->peerIter(); it; ++it) ids.push_back(it.key());
@@ -262,8 +211,7 @@ void MountsRegistryEntrySm::handleSwitchConnection() {
 
 void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   SystemId const id = systemId;
-  MR_TRACE(8, "handleSwitchConnection",
-           "MountsRegistryEntrySm::" << "handleSwitchConnection" << " " << entryName() << " Peer:" << id);
+  KIV_SM_TRACE(8, "handleSwitchConnection", " " << entryName() << " Peer:" << id);
   if (!initialized_) return;
   Kiv::PtrConst<PeerTable> table = peerTable();
   if (table && table->peer(id)) {
@@ -271,11 +219,11 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
     if (canMountFromConnection(id.stringValue())) {
       doConnectSwitch(id);
     } else {
-      MR_DUALLOG(5, kHandleSwitchConnection, " Cannot mount:%s from:%s", entryName(), id);
+      KIV_SM_DUALLOG(5, kivSigHandleSwitchConnection, " Cannot mount:%s from:%s", entryName(), id);
       doDisconnectSwitch(id);
     }
   } else {
-    MR_DUALLOG(5, kHandleSwitchConnection, " connection:%s registered:%s", id, "false");
+    KIV_SM_DUALLOG(5, kivSigHandleSwitchConnection, " connection:%s registered:%s", id, "false");
     doDisconnectSwitch(id);
     // Withdrawn only now, so that the unmount above still found the statuses it reports to.
     updateSystemStatus(id);
@@ -287,17 +235,17 @@ void MountsRegistryEntrySm::handleNamedSwitchConnection(Kiv::String connectionNa
 }
 
 void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
-  MR_TRACE(8, "doConnectSwitch", "MountsRegistryEntrySm::" << "doConnectSwitch" << " " << entryName());
+  KIV_SM_TRACE(8, "doConnectSwitch", " " << entryName());
   Kiv::PtrConst<PeerTable> table = peerTable();
   Kiv::PtrConst<Peer> peer = table ? table->peer(systemId) : nullptr;
   if (Kiv::Ptr<MountSm> sm = mountSm(systemId)) {
     Kiv::Ptr<MountSmData> data = mountSmData(systemId);
     if (data->mountState() == mountStateMounted && !sm->pendingRequest()) {
-      MR_DUALLOG(5, kDoConnectSwitch, " updating status:%s from:%s", entryName(), systemId);
+      KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " updating status:%s from:%s", entryName(), systemId);
       updateMountersStatus(systemId, mountStateMounted);
       return;
     }
-    MR_DUALLOG(5, kDoConnectSwitch, " remounting:%s from:%s", entryName(), systemId);
+    KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " remounting:%s from:%s", entryName(), systemId);
     KIV_ASSERT(peer);
     KIV_ASSERT(peer->connectionConfig());
     // The switch may have reconnected since: the attempt goes out on its current connection.
@@ -305,7 +253,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
     sm->doRemount();
     return;
   }
-  MR_DUALLOG(5, kDoConnectSwitch, " mounting:%s from:%s", entryName(), systemId);
+  KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " mounting:%s from:%s", entryName(), systemId);
   KIV_ASSERT(peer);
   KIV_ASSERT(peer->connectionConfig());
   MountsRegistry const& registry = *mountsRegistrySm_->mountsRegistry();
@@ -316,7 +264,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Kiv::Ptr<Kiv::Dir> connectionTargetDir = prefixDir->subdirIs(connTargetDirName);
   KIV_ASSERT(connectionTargetDir);
   Kiv::String const targetPath = registryEntry_->targetPath() + "/" + connTargetDirName;
-  MR_TRACE(8, "doConnectSwitch", "connTargetDirName=" << connTargetDirName << "  targetPath=" << targetPath);
+  KIV_SM_TRACE_TEXT(8, "doConnectSwitch", "connTargetDirName=" << connTargetDirName << "  targetPath=" << targetPath);
   mountSmDataIs(systemId, MountSmData::MountSmDataIs(connTargetDirName, systemId, ""));
   Kiv::Ptr<MountSm> sm = MountSm::MountSmIs(
       systemId, peer->connectionConfig(), mountsRegistrySm_->heartbeatConfig(), registry.remoteRootPath(),
@@ -326,51 +274,47 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
 }
 
 void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
-  MR_TRACE(8, "doDisconnectSwitch", "MountsRegistryEntrySm::" << "doDisconnectSwitch" << " " << entryName());
+  KIV_SM_TRACE(8, "doDisconnectSwitch", " " << entryName());
   Kiv::Ptr<MountSm> sm = mountSm(systemId);
   if (!sm) {
-    MR_DUALLOG(5, kDoDisconnectSwitch, " already unmounted:%s from:%s", entryName(), systemId);
+    KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " already unmounted:%s from:%s", entryName(), systemId);
     updateMountersStatus(systemId, mountStateUnmounted);
     return;
   }
-  MR_DUALLOG(5, kDoDisconnectSwitch, " unmounting:%s from:%s", entryName(), systemId);
-  // The machine itself goes once its state is back at unmounted (KivMountSmDataSm).
+  KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " unmounting:%s from:%s", entryName(), systemId);
+  // The machine itself goes once its state is back at unmounted (handleMountState).
   if (preserveMountsOnDisconnect(systemId.stringValue())) {
-    MR_TRACE(8, "doDisconnectSwitch", ": unmount is state-preserving");
+    KIV_SM_TRACE_TEXT(8, "doDisconnectSwitch", ": unmount is state-preserving");
     sm->doStatePreservingUnmount();
   } else {
-    MR_TRACE(8, "doDisconnectSwitch", ": unmount is not state-preserving");
+    KIV_SM_TRACE_TEXT(8, "doDisconnectSwitch", ": unmount is not state-preserving");
     sm->doUnmount();
   }
 }
 
-void MountsRegistryEntrySm::KivMountSmDataSm::handleMountState() {
-  Kiv::PtrConst<MountSmData> data = notifier();
+void MountsRegistryEntrySm::handleMountState(SystemId const& systemId) {
+  Kiv::Ptr<KivMountSmDataSm> const watcher = mountSmDataSm(systemId);
+  Kiv::PtrConst<MountSmData> data = watcher ? watcher->notifier() : nullptr;
   if (!data) return;
+  SystemId const connectionId = systemId;
   MountState const newState = data->mountState();
-  MR_DUALLOG(5, kHandleMountState, " %s connection:%s oldMountState:%s newMountState:%s", owner_->entryName(),
-             connectionId_, mountState_, newState);
-  owner_->updateMountersStatus(connectionId_, newState);
-  if (mountState_ != mountStateUnmounted && newState == mountStateUnmounted) {
-    MR_TRACE(8, "handleMountState",
-             "MountsRegistryEntrySm::handleMountState" << ": Deleting mountSm for " << connectionId_);
-    // Deleting the data below releases this reactor.
-    Kiv::Ptr<KivMountSmDataSm> self(this);
-    SystemId const connectionId = connectionId_;
-    KIV_ASSERT(mountsRegistryEntrySm()->mountSm( connectionId ));
-    mountsRegistryEntrySm()->mountSm(connectionId)->doCleanup();
-    mountsRegistryEntrySm()->mountSmDel(connectionId);
-    mountsRegistryEntrySm()->mountSmDataDel(connectionId);
-    mountState_ = newState;
-    return;
+  KIV_SM_DUALLOG(5, kivSigHandleMountState, " %s connection:%s oldMountState:%s newMountState:%s", entryName(),
+                 connectionId, watcher->mountState(), newState);
+  updateMountersStatus(connectionId, newState);
+  if (watcher->mountState() != mountStateUnmounted && newState == mountStateUnmounted) {
+    KIV_SM_TRACE(8, "handleMountState", ": Deleting mountSm for " << connectionId);
+    KIV_ASSERT(mountSm(connectionId));
+    mountSm(connectionId)->doCleanup();
+    mountSmDel(connectionId);
+    mountSmDataDel(connectionId);
   }
-  mountState_ = newState;
+  watcher->mountStateIs(newState);
 }
 
 // --- status ---
 
 void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state) {
-  MR_DUALLOG(5, kUpdateMountersStatus, " %s connection:%s", entryName(), systemId);
+  KIV_SM_DUALLOG(5, kivSigUpdateMountersStatus, " %s connection:%s", entryName(), systemId);
   std::vector<Kiv::Ptr<Mounter>> mounters;
   for (auto it = registryEntry_->mounterIter(); it; ++it) mounters.push_back(it.value());
   for (Kiv::Ptr<Mounter> const& mounter : mounters) updateMounterStatus(mounter, systemId, state);
@@ -387,7 +331,9 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
   Kiv::Name const group(mounter->groupName());
   // Created if missing: the withdrawal of the group's last other path may have taken it.
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatusIs(group);
-  MR_TRACE(8, "updateMounterStatus", "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
+  // "%s config: " is literal text of the message, not a format.
+  KIV_SM_TRACE_TEXT(8, "updateMounterStatus",
+                    "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
   Kiv::Name const path = registryEntry_->remotePath();
   if (mounterIsInterestedInConnection(mounter, systemId.stringValue())) {
     groupStatus->mountStatusIs(path);
@@ -403,9 +349,9 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
 void MountsRegistryEntrySm::handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
                                              MountState state) {
   Kiv::Name const path = registryEntry_->remotePath();
-  MR_TRACE(8, "handleMountState",
-           "mount state:" << state << " connection:" << systemId << " service:" << mounter->serviceName()
-                          << " mountGroup:" << mounter->groupName() << " remote path:" << path);
+  KIV_SM_TRACE_TEXT(8, "handleMountState",
+                    "mount state:" << state << " connection:" << systemId << " service:" << mounter->serviceName()
+                                   << " mountGroup:" << mounter->groupName() << " remote path:" << path);
   Kiv::Ptr<SystemStatus> systemStatus =
       mounter->serviceMountStatus()->systemStatus(Kiv::Name(systemId.stringValue()));
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus =
@@ -445,13 +391,12 @@ MountState MountsRegistryEntrySm::combinedMountState(ServiceMountGroupStatus con
 
 void MountsRegistryEntrySm::updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus,
                                                        MountState state) {
-  MR_TRACE(8, "updateMountGroupMountState",
-           "MountsRegistryEntrySm::" << "updateMountGroupMountState" << " " << entryName() << " " << state);
+  KIV_SM_TRACE(8, "updateMountGroupMountState", " " << entryName() << " " << state);
   groupStatus->mountStateIs(combinedMountState(*groupStatus));
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
-  MR_TRACE(8, "updateSystemStatus", "MountsRegistryEntrySm::" << "updateSystemStatus" << " " << entryName());
+  KIV_SM_TRACE(8, "updateSystemStatus", " " << entryName());
   Kiv::PtrConst<PeerTable> table = peerTable();
   bool const registered = table && table->peer(systemId);
   Kiv::Name const systemName(systemId.stringValue());
@@ -472,13 +417,13 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
 // see an unmount finish, and the filter machines' clean-ups withdraw every row and status that
 // such an evaluation would. Copies of a preserving entry stay, as on any of its disconnects.
 void MountsRegistryEntrySm::doCleanup() {
-  MR_TRACE(8, "doCleanup", "MountsRegistryEntrySm::" << "doCleanup" << " " << entryName());
+  KIV_SM_TRACE(8, "doCleanup", " " << entryName());
   mountsEndBegin();
   std::vector<SystemId> ids;
   for (auto it = mountSm_.begin(); it; ++it) ids.push_back(it.key());
   for (SystemId const& id : ids) mountEnd(id);
   // The filter machines withdraw what their mounters were given.
-  mounterConfigSm_.clear();
+  mounterConfigSmDelAll();
 }
 
 void MountsRegistryEntrySm::mountsEndBegin() {

@@ -1,22 +1,18 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <tuple>
 
-#include "MountInterface.h"
-#include "MountsRegistry.h"
-#include "OobTypes.h"
-#include "SwitchTypes.h"
+#include "MountsRegistryMachines.h"
 #include "kiv/HashMap.h"
-#include "kiv/Reactor.h"
 #include "platform/MountSm.h"
 #include "platform/SystemId.h"
 #include "registry/MounterConfigSm.h"
 
 namespace Controller {
 
-class MountsRegistrySm;
+namespace testing {
+struct EntryTablesAccess;
+}
 
 // Mounts one registry entry from every registered switch that some mounter of the entry wants,
 // unmounts it from the others, and reports each switch's mount state in the service status of
@@ -34,74 +30,34 @@ class MountsRegistrySm;
 //  - else unmounted (0): a mix of mounted and unmounted rows is not mounted.
 // A row's mountedPath is the path the mount machine reports once mounted (<target>/<switch>/<last
 // remote component>); it is written only on reaching mounted and left as it is afterwards.
-class MountsRegistryEntrySm : public Kiv::PtrInterface {
+class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
  public:
-  // Follows one switch's mount machine.
-  class KivMountSmDataSm : public MountSmData::NotifieeConst {
-   public:
-    KivMountSmDataSm(Kiv::PtrConst<MountSmData> const& data, SystemId const& connectionId,
-                     MountsRegistryEntrySm* owner)
-        : NotifieeConst(data), connectionId_(connectionId), owner_(owner) {}
-    void onMountState() override { handleMountState(); }
-    void handleMountState();
-    SystemId const& connectionId() const { return connectionId_; }
-    MountState mountState() const { return mountState_; }
-    MountsRegistryEntrySm* mountsRegistryEntrySm() const { return owner_; }
-
-   private:
-    SystemId connectionId_;
-    MountsRegistryEntrySm* owner_;
-    // The last state seen.
-    MountState mountState_ = mountStateUnmounted;
-  };
-
   MountsRegistryEntrySm(Kiv::Ptr<MountsRegistryEntry> const& registryEntry,
                         Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
                         Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir, MountsRegistrySm* mountsRegistrySm);
   ~MountsRegistryEntrySm() override;
 
-  static constexpr std::array kivParamNames{"registryEntry", "oobStatus", "serviceMountStatusDir"};
-  auto kivParams() const { return std::tie(registryEntry_, oobStatus_, serviceMountStatusDir_); }
-
-  Kiv::Ptr<MountsRegistryEntry> const& registryEntry() const { return registryEntry_; }
   Kiv::Name entryName() const { return registryEntry_->name(); }
-  Kiv::PtrConst<ControllerOob::Status> const& oobStatus() const { return oobStatus_; }
-  Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir() const { return serviceMountStatusDir_; }
   Kiv::PtrConst<PeerTable> peerTable() const { return oobStatus_->peerTable(); }
-  MountsRegistrySm* mountsRegistrySm() const { return mountsRegistrySm_; }
   // True from the end of start-up until doCleanup(); the machine evaluates nothing outside it.
   bool initialized() const { return initialized_; }
   bool wildCardMount() const { return wildCardMount_; }
 
-  Kiv::Ptr<MounterConfigSm> mounterConfigSm(Kiv::String const& serviceName) const {
-    return mounterConfigSm_.get(serviceName);
-  }
-  std::size_t mounterConfigSms() const { return mounterConfigSm_.size(); }
-  // Creates the mounter's filter machine, or returns it; another mounter for the same service is
-  // refused with the name-in-use exception.
-  Kiv::Ptr<MounterConfigSm> mounterConfigSmIs(Kiv::ValidPtr<Mounter> mounter);
-  void mounterConfigSmDel(Kiv::String const& serviceName);
-
-  // How many mounters include the system; 0 when none.
+  // The merged filter tables. How many mounters include the system; 0 when none.
   std::uint32_t connectionFilter(Kiv::String const& systemName) const { return connectionFilter_.get(systemName); }
   bool connectionFilterContains(Kiv::String const& systemName) const { return connectionFilter_.contains(systemName); }
   std::size_t connectionFilters() const { return connectionFilter_.size(); }
-  void connectionFilterIs(Kiv::String const& systemName, std::uint32_t count);
-  void connectionFilterDel(Kiv::String const& systemName);
-
-  Kiv::Ptr<ServiceVersionFilter> versionFilter(Kiv::Name const& serviceName) const;
+  Kiv::Ptr<ServiceVersionFilter> versionFilter(Kiv::Name const& serviceName) const {
+    return versionFilter_.get(serviceName);
+  }
   std::size_t versionFilters() const { return versionFilter_.size(); }
-  // The service's filter, created empty when absent.
-  Kiv::Ptr<ServiceVersionFilter> versionFilterIs(Kiv::Name const& serviceName);
-  void versionFilterDel(Kiv::Name const& serviceName);
 
-  Kiv::Ptr<MountSmData> mountSmData(SystemId const& systemId) const;
+  Kiv::Ptr<MountSmData> mountSmData(SystemId const& systemId) const { return mountSmData_.get(systemId); }
   std::size_t mountSmDatas() const { return mountSmData_.size(); }
   // Stores the switch's mount data and starts following it.
   void mountSmDataIs(SystemId const& systemId, Kiv::ValidPtr<MountSmData> data);
   void mountSmDataDel(SystemId const& systemId);
-  Kiv::Ptr<KivMountSmDataSm> mountSmDataSm(SystemId const& systemId) const;
-  Kiv::Ptr<MountSm> mountSm(SystemId const& systemId) const;
+  Kiv::Ptr<MountSm> mountSm(SystemId const& systemId) const { return mountSm_.get(systemId); }
   std::size_t mountSms() const { return mountSm_.size(); }
   void mountSmIs(SystemId const& systemId, Kiv::ValidPtr<MountSm> sm);
   void mountSmDel(SystemId const& systemId);
@@ -120,45 +76,40 @@ class MountsRegistryEntrySm : public Kiv::PtrInterface {
   void doConnectSwitch(SystemId const& systemId);
   void doDisconnectSwitch(SystemId const& systemId);
   bool preserveMountsOnDisconnect(Kiv::String connection);
+  // The switch's mount machine reported a state.
+  void handleMountState(SystemId const& systemId);
   void updateMountersStatus(SystemId const& systemId, MountState state);
   void updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId, MountState state);
   void handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId, MountState state);
   void updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus, MountState state);
   void updateSystemStatus(SystemId const& systemId);
   void doCleanup();
-  // The entry's clean-up in two steps, for an owner that ends the mounts of many entries switch
-  // by switch: mountsEndBegin() stops every evaluation, then mountEnd() takes down the mount from
-  // one switch at once (a no-op without one). doCleanup() still follows and ends what is left.
-  void mountsEndBegin();
-  void mountEnd(SystemId const& systemId);
 
   // The group's state from its rows' states, by the rule above.
   static MountState combinedMountState(ServiceMountGroupStatus const& groupStatus);
 
  private:
-  // Follows the entry's mounters.
-  class KivRegistryEntry : public MountsRegistryEntry::NotifieeConst {
-   public:
-    KivRegistryEntry(Kiv::PtrConst<MountsRegistryEntry> const& entry, MountsRegistryEntrySm* owner)
-        : NotifieeConst(entry), owner_(owner) {}
-    void onMounter(Kiv::String const& service) override { owner_->handleMounter(service); }
-    void onMounterkivImmediate() override { owner_->handleMounter(); }
+  friend class MountsRegistrySm;
+  friend class MounterConfigSm;
+  friend struct testing::EntryTablesAccess;  // makes the tables inconsistent on purpose
 
-   private:
-    MountsRegistryEntrySm* owner_;
-  };
+  // The entry's clean-up in two steps, for an owner that ends the mounts of many entries switch
+  // by switch: mountsEndBegin() stops every evaluation, then mountEnd() takes down the mount from
+  // one switch at once (a no-op without one). doCleanup() still follows and ends what is left.
+  void mountsEndBegin();
+  void mountEnd(SystemId const& systemId);
+  // The merged tables, written by the mounters' MounterConfigSm machines only.
+  void connectionFilterIs(Kiv::String const& systemName, std::uint32_t count);
+  void connectionFilterDel(Kiv::String const& systemName);
+  // The service's filter, created empty when absent.
+  Kiv::Ptr<ServiceVersionFilter> versionFilterIs(Kiv::Name const& serviceName);
+  void versionFilterDel(Kiv::Name const& serviceName);
 
-  Kiv::Ptr<MountsRegistryEntry> registryEntry_;
-  Kiv::PtrConst<ControllerOob::Status> oobStatus_;
-  Kiv::Ptr<Kiv::Dir> serviceMountStatusDir_;
-  MountsRegistrySm* mountsRegistrySm_;
-  Kiv::Ptr<KivRegistryEntry> kivRegistryEntry_;
-  Kiv::ChildMap<Kiv::String, MounterConfigSm> mounterConfigSm_;
   Kiv::HashMap<Kiv::String, std::uint32_t> connectionFilter_;
   Kiv::HashMap<Kiv::Name, Kiv::Ptr<ServiceVersionFilter>> versionFilter_;
   bool wildCardMount_ = false;
+  // The data is held here; mountSmDataSm() follows it.
   Kiv::HashMap<SystemId, Kiv::Ptr<MountSmData>> mountSmData_;
-  Kiv::HashMap<SystemId, Kiv::Ptr<KivMountSmDataSm>> mountSmDataSm_;
   Kiv::HashMap<SystemId, Kiv::Ptr<MountSm>> mountSm_;
   bool initialized_ = false;
   bool preserveOnEnd_ = false;  // set by mountsEndBegin()

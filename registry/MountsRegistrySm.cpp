@@ -4,16 +4,10 @@
 #include <vector>
 
 #include "platform/ProxyService.h"
-#include "registry/RegistryTrace.h"
 
 namespace Controller {
 
-Kiv::TraceHandle mountsRegistrySmTrace("ControllerMountsRegistrySm");
-
 namespace {
-constexpr char const* kServicePublishReady =
-    "void Controller::MountsRegistrySm::handleServicePublishReady(Kiv::String)";
-
 std::vector<SystemId> peersOf(Kiv::PtrConst<PeerTable> const& table) {
   std::vector<SystemId> ids;
   if (table)
@@ -27,13 +21,8 @@ MountsRegistrySm::MountsRegistrySm(Kiv::Ptr<MountsRegistry> const& mountsRegistr
                                    Kiv::PtrConst<Heartbeat::Config> const& heartbeatConfig,
                                    Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir,
                                    Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus)
-    : mountsRegistry_(Kiv::ValidPtr<MountsRegistry>(mountsRegistry)),
-      oobStatus_(Kiv::ValidPtr<ControllerOob::Status const>(oobStatus)),
-      heartbeatConfig_(heartbeatConfig),
-      serviceMountStatusDir_(Kiv::ValidPtr<Kiv::Dir>(serviceMountStatusDir)),
-      controllerdbPublishStatus_(Kiv::ValidPtr<Controllerdb::PublishStatus>(controllerdbPublishStatus)),
-      kivMountsRegistry_(new KivMountsRegistry(mountsRegistry, this)),
-      kivOobStatus_(new KivOobStatus(oobStatus, this)) {
+    : MountsRegistrySmBase(mountsRegistry, oobStatus, heartbeatConfig, serviceMountStatusDir,
+                           controllerdbPublishStatus) {
   handleMountEntry();
   handlePublishEntry();
   peerTableIs(oobStatus_->peerTable());
@@ -55,34 +44,29 @@ MountsRegistrySm::~MountsRegistrySm() {
   std::vector<MountsRegistryEntrySm*> entries;
   for (auto it = mountsRegistryEntrySm_.begin(); it; ++it) entries.push_back(it.value().ptr());
   for (MountsRegistryEntrySm* entry : entries) entry->mountsEndBegin();
-  for (auto it = kivPeer_.begin(); it; ++it)
+  for (auto it = peerIter(); it; ++it)
     for (MountsRegistryEntrySm* entry : entries) entry->mountEnd(it.key());
   // The entries first: their clean-ups still ask the connection machines for versions.
-  mountsRegistryEntrySm_.clear();
-  publishRegistryEntrySm_.clear();
+  mountsRegistryEntrySmDelAll();
+  publishRegistryEntrySmDelAll();
   // Then as if every peer left, and no service's readiness stands any more.
   std::vector<Kiv::Name> connections;
   for (auto it = connectionServiceStatusDirSm_.begin(); it; ++it) connections.push_back(it.key());
   for (Kiv::Name const& connection : connections) controllerdbPublishStatus_->systemDel(SystemId(connection.view()));
-  connectionServiceStatusDirSm_.clear();
+  connectionServiceStatusDirSmDelAll();
   controllerdbPublishStatus_->servicePublishReadyDelAll();
 }
 
-void MountsRegistrySm::KivOobStatus::onEstablished() { owner_->peerTableIs(notifier()->peerTable()); }
-// A table replaced after the connection was established is followed too.
-void MountsRegistrySm::KivOobStatus::onPeerTable() { owner_->peerTableIs(notifier()->peerTable()); }
+void MountsRegistrySm::handleOobPeerTable() { peerTableIs(oobStatus_->peerTable()); }
 
 // The peers are handled here, as the table is taken, rather than in handleInitialized(): the
 // connection machines must exist before the first evaluation of the switches, since the version
 // queries read them.
-void MountsRegistrySm::peerTableIs(Kiv::PtrConst<PeerTable> const& peerTable) {
-  if (peerTable == peerTable_) return;
-  peerTable_ = peerTable;
-  kivPeerTable_ = peerTable ? new KivPeerTable(peerTable, this) : nullptr;
+void MountsRegistrySm::handlePeerTable() {
   // Peers of a table that went away are handled as gone.
   std::vector<SystemId> gone;
-  for (auto it = kivPeer_.begin(); it; ++it)
-    if (!peerTable || !peerTable->peer(it.key())) gone.push_back(it.key());
+  for (auto it = peerIter(); it; ++it)
+    if (!peerTable_ || !peerTable_->peer(it.key())) gone.push_back(it.key());
   for (SystemId const& id : gone) handlePeer(id);
   handlePeer();
 }
@@ -98,12 +82,12 @@ void MountsRegistrySm::handleInitialized() {
 }
 
 void MountsRegistrySm::handleSwitchConnection() {
-  MR_TRACE_AT(8, 630, "handleSwitchConnection", "MountsRegistrySm::" << "handleSwitchConnection");
+  KIV_SM_TRACE_AT(8, 630, "handleSwitchConnection", "");
   for (SystemId const& id : peersOf(peerTable_)) handleSwitchConnection(id);
 }
 
 void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
-  MR_TRACE_AT(8, 616, "handleSwitchConnection", "MountsRegistrySm::" << "handleSwitchConnection" << " " << systemId);
+  KIV_SM_TRACE_AT(8, 616, "handleSwitchConnection", " " << systemId);
   std::vector<Kiv::Ptr<MountsRegistryEntrySm>> entries;
   for (auto it = mountsRegistryEntrySm_.begin(); it; ++it) entries.push_back(it.value());
   for (auto const& sm : entries) sm->handleSwitchConnection(systemId);
@@ -113,8 +97,7 @@ void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
 }
 
 void MountsRegistrySm::handleServiceVersion(Kiv::String const& serviceName, Kiv::String const& connectionName) {
-  MR_TRACE_AT(8, 666, "handleServiceVersion",
-              "MountsRegistrySm::" << "handleServiceVersion" << " " << serviceName << " " << connectionName);
+  KIV_SM_TRACE_AT(8, 666, "handleServiceVersion", " " << serviceName << " " << connectionName);
   handleSwitchConnection(SystemId(connectionName.view()));
 }
 
@@ -126,21 +109,19 @@ void MountsRegistrySm::handleMountEntry() {
 
 void MountsRegistrySm::handleMountEntry(Kiv::Name const& remotePath) {
   Kiv::Ptr<MountsRegistryEntry> entry = mountsRegistry_->mountEntry(remotePath);
-  MR_TRACE_AT(8, 741, "handleMountEntry",
-              "MountsRegistrySm::" << "handleMountEntry" << ": " << remotePath << " Remote Path:"
-                                   << (entry ? entry->remotePath() : remotePath));
+  KIV_SM_TRACE_AT(8, 741, "handleMountEntry",
+                  ": " << remotePath << " Remote Path:" << (entry ? entry->remotePath() : remotePath));
   if (entry) {
     mountsRegistryEntrySmIs(entry, oobStatus_, serviceMountStatusDir_);
-  } else if (mountsRegistryEntrySm_.get(remotePath)) {
-    MR_TRACE_AT(8, 750, "handleMountEntry",
-                "MountsRegistrySm::" << "handleMountEntry" << ": " << remotePath
-                                     << " Deleting registry entry sm for :" << remotePath);
+  } else if (mountsRegistryEntrySm(remotePath)) {
+    KIV_SM_TRACE_AT(8, 750, "handleMountEntry",
+                    ": " << remotePath << " Deleting registry entry sm for :" << remotePath);
     mountsRegistryEntrySmDel(remotePath);
   }
 }
 
 void MountsRegistrySm::handlePublishEntry() {
-  MR_TRACE_AT(8, 732, "handlePublishEntry", "MountsRegistrySm::" << "handlePublishEntry");
+  KIV_SM_TRACE_AT(8, 732, "handlePublishEntry", "");
   std::vector<Kiv::Name> keys;
   for (auto it = mountsRegistry_->publishEntryIter(); it; ++it) keys.push_back(it.key());
   for (Kiv::Name const& key : keys) handlePublishEntry(key);
@@ -148,19 +129,17 @@ void MountsRegistrySm::handlePublishEntry() {
 
 void MountsRegistrySm::handlePublishEntry(Kiv::Name const& path) {
   Kiv::Ptr<PublishRegistryEntry> pe = mountsRegistry_->publishEntry(path);
-  MR_TRACE_AT(8, 713, "handlePublishEntry",
-              "MountsRegistrySm::" << "handlePublishEntry" << ": " << path << " Controller Path:" << path);
+  KIV_SM_TRACE_AT(8, 713, "handlePublishEntry", ": " << path << " Controller Path:" << path);
   if (pe) {
-    Kiv::Ptr<PublishRegistryEntrySm> preSm = publishRegistryEntrySm_.get(path);
+    Kiv::Ptr<PublishRegistryEntrySm> preSm = publishRegistryEntrySm(path);
     KIV_ASSERT(!preSm || pe->serviceName() == preSm->publishEntry()->serviceName());
     Kiv::Ptr<PublishRegistryEntrySm> sm = publishRegistryEntrySmIs(pe, oobStatus_, controllerdbPublishStatus_);
     // A new entry not processed yet holds the service's readiness back (a processed one has
     // already had it decided).
     if (!preSm && !sm->processed()) handleServicePublishReady(pe->serviceName());
-  } else if (publishRegistryEntrySm_.get(path)) {
-    MR_TRACE_AT(8, 723, "handlePublishEntry",
-                "MountsRegistrySm::" << "handlePublishEntry" << ": " << path << " Deleting publish sm for: " << path);
-    Kiv::String const service = publishRegistryEntrySm_.get(path)->publishEntry()->serviceName();
+  } else if (publishRegistryEntrySm(path)) {
+    KIV_SM_TRACE_AT(8, 723, "handlePublishEntry", ": " << path << " Deleting publish sm for: " << path);
+    Kiv::String const service = publishRegistryEntrySm(path)->publishEntry()->serviceName();
     publishRegistryEntrySmDel(path);
     // The entry may have been the one the service's readiness waited for.
     handleServicePublishReady(service);
@@ -168,8 +147,7 @@ void MountsRegistrySm::handlePublishEntry(Kiv::Name const& path) {
 }
 
 void MountsRegistrySm::handleServicePublishReady(Kiv::String const& serviceName) {
-  MR_TRACE_AT(8, 767, "handleServicePublishReady",
-              "MountsRegistrySm::" << "handleServicePublishReady" << ": " << serviceName);
+  KIV_SM_TRACE_AT(8, 767, "handleServicePublishReady", ": " << serviceName);
   if (!initialized_) return;
   // The readiness stands exactly while the service says it is ready (the configuration side
   // withdraws that while the generation is stale) and every entry of the service is processed:
@@ -178,11 +156,11 @@ void MountsRegistrySm::handleServicePublishReady(Kiv::String const& serviceName)
   for (auto it = publishRegistryEntrySm_.begin(); ready && it; ++it) {
     PublishRegistryEntrySm const& sm = *it.value();
     if (sm.publishEntry()->serviceName() != serviceName || sm.processed()) continue;
-    MR_DUALLOG_AT(5, 788, kServicePublishReady, "Publish entry %s not yet processed", it.key());
+    KIV_SM_DUALLOG_AT(5, 788, kivSigHandleServicePublishReady, "Publish entry %s not yet processed", it.key());
     ready = false;
   }
   if (ready) {
-    MR_DUALLOG_AT(5, 795, kServicePublishReady, "Setting publishReady for %s", serviceName);
+    KIV_SM_DUALLOG_AT(5, 795, kivSigHandleServicePublishReady, "Setting publishReady for %s", serviceName);
     controllerdbPublishStatus_->servicePublishReadyIs(serviceName, true);
   } else {
     controllerdbPublishStatus_->servicePublishReadyDel(serviceName);
@@ -202,25 +180,27 @@ void MountsRegistrySm::handlePeer() {
 // Every arrival and departure of a peer re-evaluates the switch everywhere, whatever services it
 // negotiated: a switch without any still gets (or loses) its system status.
 void MountsRegistrySm::handlePeer(SystemId const& systemId) {
-  MR_TRACE_AT(8, 640, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " " << systemId);
+  KIV_SM_TRACE_AT(8, 640, "handlePeer", " " << systemId);
   Kiv::Name const name(systemId.stringValue());
-  Kiv::PtrConst<Peer> peer = peerTable_ ? peerTable_->peer(systemId) : nullptr;
-  if (peer) {
-    MR_TRACE_AT(8, 642, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " added");
-    Kiv::Ptr<KivPeer> watcher = kivPeer_.get(systemId);
-    if (!watcher || watcher->notifier() != peer) kivPeer_.assign(systemId, new KivPeer(peer, systemId, this));
-    Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer);
+  Kiv::PtrConst<Peer> const current = peerTable_ ? peerTable_->peer(systemId) : nullptr;
+  if (current) {
+    KIV_SM_TRACE_AT(8, 642, "handlePeer", " peer:" << systemId << " added");
+    peerIs(systemId, current);
+    Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(current);
     // The connection layer fills in a connection's service status before it adds the peer; a
     // connection without one has no versions to follow.
     if (connection && connection->serviceStatusDir()) {
       controllerdbPublishStatus_->systemIs(systemId);
-      connectionServiceStatusDirSmIs(name, connection->serviceStatusDir());
+      // A new machine starts once it is in the collection, where the version queries its
+      // services cause look for it.
+      bool const created = !connectionServiceStatusDirSm(name);
+      Kiv::Ptr<ConnectionServiceStatusDirSm> sm = connectionServiceStatusDirSmIs(name, connection->serviceStatusDir());
+      if (created) sm->handleInitialized();
     }
   } else {
-    Kiv::Ptr<KivPeer> gone;
-    kivPeer_.erase(systemId, &gone);
-    if (connectionServiceStatusDirSm_.get(name)) {
-      MR_TRACE_AT(8, 648, "handlePeer", "MountsRegistrySm::" << "handlePeer" << " peer:" << systemId << " removed");
+    peerDel(systemId);
+    if (connectionServiceStatusDirSm(name)) {
+      KIV_SM_TRACE_AT(8, 648, "handlePeer", " peer:" << systemId << " removed");
       controllerdbPublishStatus_->systemDel(systemId);
       // Its clean-up re-evaluates the switch.
       connectionServiceStatusDirSmDel(name);
@@ -230,86 +210,39 @@ void MountsRegistrySm::handlePeer(SystemId const& systemId) {
   if (initialized_) handleSwitchConnection(systemId);
 }
 
-void MountsRegistrySm::KivPeer::onConnected() { owner_->handleSwitchConnection(systemId_); }
+void MountsRegistrySm::handlePeerConnected(SystemId const& systemId) { handleSwitchConnection(systemId); }
 
 Kiv::Name MountsRegistrySm::switchName(SystemId const& systemId) const {
-  Kiv::Ptr<KivPeer> const* peer = kivPeer_.find(systemId);
-  return peer ? (*peer)->name() : Kiv::Name(systemId.stringValue());
+  Kiv::Ptr<KivPeer> const watcher = peer(systemId);
+  return watcher ? watcher->name() : Kiv::Name(systemId.stringValue());
 }
 
 std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::String serviceName,
                                                                       Kiv::String connectionName) const {
-  MR_TRACE_AT(8, 677, "negotiatedServiceVersionForConnection",
-              "MountsRegistrySm::" << "negotiatedServiceVersionForConnection" << " " << serviceName << " "
-                                   << connectionName);
+  KIV_SM_TRACE_AT(8, 677, "negotiatedServiceVersionForConnection", " " << serviceName << " " << connectionName);
   Ovel::EthAddr addr;
   if (!peerTable_ || !Ovel::EthAddr::parse(connectionName.view(), addr)) return 0;
-  Kiv::PtrConst<Peer> peer = peerTable_->peer(SystemId(addr));
-  if (!peer) return 0;
+  Kiv::PtrConst<Peer> const current = peerTable_->peer(SystemId(addr));
+  if (!current) return 0;
   Kiv::String const service = isProxyServiceName(serviceName.view()) ? realServiceNameOfProxy(serviceName) : serviceName;
   Kiv::PtrConst<ServiceVersionStatusV1> version;
-  if (Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(peer)) {
-    if (auto sm = connectionServiceStatusDirSm_.get(Kiv::Name(SystemId(addr).stringValue()))) {
-      if (auto reactor = sm->serviceStatus(service); reactor && !reactor->goingAway()) {
-        Kiv::PtrConst<ServiceStatusV1> status = reactor->notifier();
+  if (Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(current)) {
+    if (auto sm = connectionServiceStatusDirSm(Kiv::Name(SystemId(addr).stringValue()))) {
+      if (auto follower = sm->serviceStatus(service); follower && !follower->goingAway()) {
+        Kiv::PtrConst<ServiceStatusV1> status = follower->serviceStatus();
         if (status && status->enabled()) version = status->versionStatus();
       }
     }
   }
   if (version && version->versionNegotiationComplete()) {
-    MR_TRACE_AT(8, 700, "negotiatedServiceVersionForConnection",
-                "MountsRegistrySm::" << "negotiatedServiceVersionForConnection" << " negotiated service version for "
-                                     << connectionName << " for service " << service << " = " << version->version());
+    KIV_SM_TRACE_AT(8, 700, "negotiatedServiceVersionForConnection",
+                    " negotiated service version for " << connectionName << " for service " << service << " = "
+                                                       << version->version());
     return version->version();
   }
-  MR_TRACE_AT(8, 705, "negotiatedServiceVersionForConnection",
-              "MountsRegistrySm::" << "negotiatedServiceVersionForConnection" << " no version negotiated for "
-                                   << connectionName << " for service " << service);
+  KIV_SM_TRACE_AT(8, 705, "negotiatedServiceVersionForConnection",
+                  " no version negotiated for " << connectionName << " for service " << service);
   return 0;
-}
-
-Kiv::Ptr<MountsRegistryEntrySm> MountsRegistrySm::mountsRegistryEntrySmIs(
-    Kiv::Ptr<MountsRegistryEntry> const& registryEntry, Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
-    Kiv::Ptr<Kiv::Dir> const& serviceMountStatusDir) {
-  Kiv::ValidPtr<MountsRegistryEntry> entry(registryEntry);
-  return mountsRegistryEntrySm_.instantiate(
-      entry->name(), std::make_tuple(registryEntry, oobStatus, serviceMountStatusDir), [&] {
-        return Kiv::Ptr<MountsRegistryEntrySm>(
-            new MountsRegistryEntrySm(registryEntry, oobStatus, serviceMountStatusDir, this));
-      });
-}
-
-void MountsRegistrySm::mountsRegistryEntrySmDel(Kiv::Name const& remotePath) {
-  mountsRegistryEntrySm_.erase(remotePath);
-}
-
-Kiv::Ptr<PublishRegistryEntrySm> MountsRegistrySm::publishRegistryEntrySmIs(
-    Kiv::Ptr<PublishRegistryEntry> const& publishEntry, Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
-    Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus) {
-  Kiv::ValidPtr<PublishRegistryEntry> entry(publishEntry);
-  return publishRegistryEntrySm_.instantiate(
-      entry->name(), std::make_tuple(publishEntry, oobStatus, controllerdbPublishStatus), [&] {
-        return Kiv::Ptr<PublishRegistryEntrySm>(
-            new PublishRegistryEntrySm(publishEntry, oobStatus, controllerdbPublishStatus, this));
-      });
-}
-
-void MountsRegistrySm::publishRegistryEntrySmDel(Kiv::Name const& path) { publishRegistryEntrySm_.erase(path); }
-
-Kiv::Ptr<ConnectionServiceStatusDirSm> MountsRegistrySm::connectionServiceStatusDirSmIs(
-    Kiv::Name const& connectionName, Kiv::PtrConst<ServiceStatusDir> const& controllerServiceStatusDir) {
-  bool const created = !connectionServiceStatusDirSm_.get(connectionName);
-  Kiv::Ptr<ConnectionServiceStatusDirSm> sm = connectionServiceStatusDirSm_.instantiate(
-      connectionName, std::make_tuple(controllerServiceStatusDir), [&] {
-        return Kiv::Ptr<ConnectionServiceStatusDirSm>(
-            new ConnectionServiceStatusDirSm(connectionName, controllerServiceStatusDir, this));
-      });
-  if (created) sm->handleInitialized();
-  return sm;
-}
-
-void MountsRegistrySm::connectionServiceStatusDirSmDel(Kiv::Name const& connectionName) {
-  connectionServiceStatusDirSm_.erase(connectionName);
 }
 
 }  // namespace Controller

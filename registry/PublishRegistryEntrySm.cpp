@@ -3,33 +3,16 @@
 #include <vector>
 
 #include "registry/MountsRegistrySm.h"
-#include "registry/RegistryTrace.h"
 
 namespace Controller {
-
-namespace {
-constexpr char const* kCanPublish = "bool Controller::PublishRegistryEntrySm::canPublishToConnection(Kiv::String)";
-constexpr char const* kHasVersion = "bool Controller::PublishRegistryEntrySm::hasVersion(Kiv::String, unsigned int)";
-constexpr char const* kAllSwitches = "void Controller::PublishRegistryEntrySm::handleSwitchConnection()";
-constexpr char const* kOneSwitch =
-    "void Controller::PublishRegistryEntrySm::handleSwitchConnection(Controller::SystemId)";
-constexpr char const* kConnect = "void Controller::PublishRegistryEntrySm::doConnectSwitch(Controller::SystemId)";
-constexpr char const* kDisconnect = "void Controller::PublishRegistryEntrySm::doDisconnectSwitch(Controller::SystemId)";
-constexpr char const* kClock = "void Controller::PublishRegistryEntrySm::handleEntityPresenceCheckClock()";
-}  // namespace
 
 PublishRegistryEntrySm::PublishRegistryEntrySm(Kiv::Ptr<PublishRegistryEntry> const& publishEntry,
                                                Kiv::PtrConst<ControllerOob::Status> const& oobStatus,
                                                Kiv::Ptr<Controllerdb::PublishStatus> const& controllerdbPublishStatus,
                                                MountsRegistrySm* mountsRegistrySm)
-    : publishEntry_(Kiv::ValidPtr<PublishRegistryEntry>(publishEntry)),
-      oobStatus_(oobStatus),
-      controllerdbPublishStatus_(controllerdbPublishStatus),
-      mountsRegistrySm_(mountsRegistrySm),
-      kivPublishEntry_(new KivPublishEntry(publishEntry, this)),
-      clock_(new KivEntityPresenceCheckClock(Kiv::ActivityManagerConfig::instance()->clock(), this)) {
-  if (publishEntry_->systemFilter()) systemFilter_ = new KivSystemFilter(publishEntry_->systemFilter(), this);
-  if (publishEntry_->versionFilter()) versionFilter_ = new KivVersionFilter(publishEntry_->versionFilter(), this);
+    : PublishRegistryEntrySmBase(publishEntry, oobStatus, controllerdbPublishStatus, mountsRegistrySm) {
+  systemFilterIs(publishEntry_->systemFilter());
+  versionFilterIs(publishEntry_->versionFilter());
   handleInitialized();
 }
 
@@ -50,51 +33,51 @@ bool PublishRegistryEntrySm::publishEntityExists() const { return bool(publishEn
 
 bool PublishRegistryEntrySm::canPublishToConnection(Kiv::String connection) {
   Kiv::Name const& key = publishEntry_->name();
-  MR_TRACE(8, "canPublishToConnection", "PublishRegistryEntrySm::" << "canPublishToConnection" << " " << key);
+  KIV_SM_TRACE(8, "canPublishToConnection", " " << key);
   std::uint32_t version =
       mountsRegistrySm_->negotiatedServiceVersionForConnection(publishEntry_->serviceName(), connection);
   if (version == 0) {
-    MR_DUALLOG(5, kCanPublish, " no version negotiated:%s", connection);
+    KIV_SM_DUALLOG(5, kivSigCanPublishToConnection, " no version negotiated:%s", connection);
     return false;
   }
   if (publishEntry_->versionFilter()) {
     if (!hasVersion(connection, version)) return false;
   } else {
-    MR_DUALLOG(5, kCanPublish, "no versionFilter for %s", key);
+    KIV_SM_DUALLOG(5, kivSigCanPublishToConnection, "no versionFilter for %s", key);
   }
   if (Kiv::PtrConst<MountFilterSystem> const& systems = publishEntry_->systemFilter()) {
     if (systems->includedSystem(connection)) {
-      MR_DUALLOG(5, kCanPublish, " matched systemFilter connection:%s", connection);
+      KIV_SM_DUALLOG(5, kivSigCanPublishToConnection, " matched systemFilter connection:%s", connection);
       return true;
     }
-    MR_DUALLOG(5, kCanPublish, " no matched system for connection: %s", connection);
+    KIV_SM_DUALLOG(5, kivSigCanPublishToConnection, " no matched system for connection: %s", connection);
     return false;
   }
-  MR_DUALLOG(5, kCanPublish, " no systemfilter for %s", key);
+  KIV_SM_DUALLOG(5, kivSigCanPublishToConnection, " no systemfilter for %s", key);
   return true;
 }
 
 bool PublishRegistryEntrySm::hasVersion(Kiv::String connection, std::uint32_t version) {
-  MR_TRACE(8, "hasVersion", "PublishRegistryEntrySm::" << "hasVersion" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "hasVersion", " " << publishEntry_->name());
   Kiv::String const& service = publishEntry_->serviceName();
   if (publishEntry_->versionFilter() && publishEntry_->versionFilter()->includedServiceVersion(version)) {
-    MR_DUALLOG(5, kHasVersion, " matched version: %s service:%s connection:%s", version, service, connection);
+    KIV_SM_DUALLOG(5, kivSigHasVersion, " matched version: %s service:%s connection:%s", version, service, connection);
     return true;
   }
-  MR_DUALLOG(5, kHasVersion, " version not in filter:%s service:%s connection:%s", version, service, connection);
+  KIV_SM_DUALLOG(5, kivSigHasVersion, " version not in filter:%s service:%s connection:%s", version, service,
+                 connection);
   return false;
 }
 
 void PublishRegistryEntrySm::handleInitialized() {
-  MR_TRACE(8, "handleInitialized", "PublishRegistryEntrySm::" << "handleInitialized" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleInitialized", " " << publishEntry_->name());
   initialized_ = true;
-  clock_->timeMinIs(Kiv::kInfinity);
+  entityPresenceCheckTimeMinIs(Kiv::kInfinity);
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::handleSwitchConnection() {
-  MR_TRACE(8, "handleSwitchConnection",
-           "PublishRegistryEntrySm::" << "handleSwitchConnection" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleSwitchConnection", " " << publishEntry_->name());
   if (!initialized_) return;
   std::vector<SystemId> switches;
   if (Kiv::PtrConst<PeerTable> peers = mountsRegistrySm_->peerTable())
@@ -109,18 +92,18 @@ void PublishRegistryEntrySm::handleSwitchConnection() {
     mountsRegistrySm_->handleServicePublishReady(publishEntry_->serviceName());
     return;
   }
-  MR_DUALLOG(1, kAllSwitches, "Entity at %s doesn't exist.", publishEntry_->controllerdbPath());
-  clock_->timeMinIs(Kiv::System::currentTime() + entityCheckInterval);
+  KIV_SM_DUALLOG(1, kivSigHandleSwitchConnection0, "Entity at %s doesn't exist.", publishEntry_->controllerdbPath());
+  entityPresenceCheckTimeMinIs(Kiv::System::currentTime() + entityCheckInterval);
 }
 
 void PublishRegistryEntrySm::handleEntityPresenceCheckClock() {
-  MR_DUALLOG(5, kClock, " checking %s", publishEntry_->controllerdbPath());
+  KIV_SM_DUALLOG(5, kivSigHandleEntityPresenceCheckClock, " checking %s", publishEntry_->controllerdbPath());
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   Kiv::Name const& key = publishEntry_->name();
-  MR_TRACE(8, "handleSwitchConnection", "PublishRegistryEntrySm::" << "handleSwitchConnection" << " " << key);
+  KIV_SM_TRACE(8, "handleSwitchConnection", " " << key);
   if (!initialized_) return;
   Kiv::PtrConst<PeerTable> peers = mountsRegistrySm_->peerTable();
   Kiv::PtrConst<Peer> peer = peers ? peers->peer(systemId) : nullptr;
@@ -136,7 +119,7 @@ void PublishRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   if (peer->connected() && canPublishToConnection(connection) && exists && publishEntry_->readyToPublish()) {
     doConnectSwitch(systemId);
   } else {
-    MR_DUALLOG(5, kOneSwitch, " Cannot publish:%s to:%s", key, systemId);
+    KIV_SM_DUALLOG(5, kivSigHandleSwitchConnection1, " Cannot publish:%s to:%s", key, systemId);
     doDisconnectSwitch(systemId);
   }
 }
@@ -149,8 +132,8 @@ void PublishRegistryEntrySm::addSwitchToPublishEntryDir(SystemId const& systemId
   try {
     publishEntryDir->subdirIs(name);
   } catch (Kiv::Exception const&) {
-    MR_TRACE(1, "addSwitchToPublishEntryDir",
-             "could not create subdir " << publishEntry_->controllerdbPath() << "/" << name);
+    KIV_SM_TRACE_TEXT(1, "addSwitchToPublishEntryDir",
+                      "could not create subdir " << publishEntry_->controllerdbPath() << "/" << name);
   }
 }
 
@@ -164,17 +147,16 @@ void PublishRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   KIV_ASSERT(!!mdesc);
   Kiv::Ptr<Controllerdb::SystemPublishedMount> system = controllerdbPublishStatus_->system(systemId);
   if (!system) {
-    MR_DUALLOG(5, kConnect, " Cannot publish to:system%s", systemId);
+    KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " Cannot publish to:system%s", systemId);
     return;
   }
-  MR_TRACE(8, "doConnectSwitch",
-           "PublishRegistryEntrySm::" << "doConnectSwitch" << " " << publishEntry_->name() << " publishing ssm:"
-                                      << mdesc.path() << " to:" << systemId
-                                      << " type: " << mdesc.kivType() << " service: " << mdesc.serviceName());
+  KIV_SM_TRACE(8, "doConnectSwitch",
+               " " << publishEntry_->name() << " publishing ssm:" << mdesc.path() << " to:" << systemId
+                   << " type: " << mdesc.kivType() << " service: " << mdesc.serviceName());
   // Switches are evaluated again on every change of their connection: a publication already in
   // place is neither written nor logged again.
   if (system->publishedMount(mdesc.path()) == mdesc) return;
-  MR_DUALLOG(5, kConnect, " publishing:%s on:%s", mdesc.path(), systemId);
+  KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " publishing:%s on:%s", mdesc.path(), systemId);
   system->publishedMountIs(mdesc);
 }
 
@@ -183,47 +165,47 @@ void PublishRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
   Kiv::String const path = publishedPath(systemId);
   // Likewise nothing is logged for a switch that holds no publication of the entry.
   if (!system || !system->publishedMount(path)) return;
-  MR_DUALLOG(5, kDisconnect, " un-publishing:%s from:%s", path, systemId);
+  KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " un-publishing:%s from:%s", path, systemId);
   system->publishedMountDel(path);
-  if (system->publishedMountSize() == 0) MR_DUALLOG(5, kDisconnect, " All published mounts gone for %s", systemId);
+  if (system->publishedMountSize() == 0)
+    KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " All published mounts gone for %s", systemId);
 }
 
 void PublishRegistryEntrySm::handleSystemFilter() {
-  MR_TRACE(8, "handleSystemFilter", "PublishRegistryEntrySm::" << "handleSystemFilter" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleSystemFilter", " " << publishEntry_->name());
   Kiv::PtrConst<MountFilterSystem> const& filter = publishEntry_->systemFilter();
-  systemFilter_ = filter ? new KivSystemFilter(filter, this) : nullptr;
+  systemFilterIs(filter);
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::handleVersionFilter() {
-  MR_TRACE(8, "handleVersionFilter", "PublishRegistryEntrySm::" << "handleVersionFilter" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleVersionFilter", " " << publishEntry_->name());
   Kiv::PtrConst<MountFilterServiceVersion> const& filter = publishEntry_->versionFilter();
-  versionFilter_ = filter ? new KivVersionFilter(filter, this) : nullptr;
+  versionFilterIs(filter);
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::handleIncludedSystem(Kiv::String const& /*systemName*/) {
-  MR_TRACE(8, "handleIncludedSystem", "PublishRegistryEntrySm::" << "handleIncludedSystem" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleIncludedSystem", " " << publishEntry_->name());
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::handleIncludedServiceVersion(std::uint32_t /*version*/) {
-  MR_TRACE(8, "handleIncludedServiceVersion",
-           "PublishRegistryEntrySm::" << "handleIncludedServiceVersion" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleIncludedServiceVersion", " " << publishEntry_->name());
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::handleReadyToPublish() {
-  MR_TRACE(8, "handleReadyToPublish", "PublishRegistryEntrySm::" << "handleReadyToPublish" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "handleReadyToPublish", " " << publishEntry_->name());
   handleSwitchConnection();
 }
 
 void PublishRegistryEntrySm::doCleanup() {
-  MR_TRACE(8, "doCleanup", "PublishRegistryEntrySm::" << "doCleanup" << " " << publishEntry_->name());
+  KIV_SM_TRACE(8, "doCleanup", " " << publishEntry_->name());
   std::vector<SystemId> switches;
   for (auto it = controllerdbPublishStatus_->systemIter(); it; ++it) switches.push_back(it.key());
   for (SystemId const& id : switches) doDisconnectSwitch(id);
-  clock_->timeMinIs(Kiv::kInfinity);
+  entityPresenceCheckTimeMinIs(Kiv::kInfinity);
 }
 
 }  // namespace Controller

@@ -88,6 +88,7 @@ void reactorClass(Machine const& m, Watch const& w, bool keyed, std::string& h, 
     }
   }
   h += "\n   private:\n";
+  // Declared before the states: their initial values may be computed from key().
   if (keyed) h += "    " + w.key->cpp + " key_;\n";
   h += "    " + base + "* owner_;\n";
   for (Watch::State const& st : w.states)

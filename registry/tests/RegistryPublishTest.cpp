@@ -1,13 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "registry/RegistryTrace.h"
+#include "MountsRegistryMachines.h"
+#include "kiv/Exception.h"
 #include "registry/tests/RegistryWorld.h"
 
 namespace Controller::testing {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::ThrowsMessage;
 
 class RegistryPublish : public ::testing::Test, public RegistryWorld {
  protected:
@@ -39,7 +41,48 @@ TEST_F(RegistryPublish, PeersBringTheirConnectionMachinesAndPublishStatus) {
 
   s1.disconnect();
   EXPECT_FALSE(published(s1));
-  EXPECT_EQ(sm->connectionServiceStatusDirSms(), 0u);
+  EXPECT_EQ(sm->connectionServiceStatusDirSmSize(), 0u);
+}
+
+// A connection machine follows the status and version status a service has now, whichever
+// entities they are.
+TEST_F(RegistryPublish, ConnectionMachinesFollowReplacedStatusesAndRefuseNone) {
+  root->subdirIs("local")->entryIs<Kiv::Dir>("a");
+  auto& s1 = switchWith("00:00:00:00:00:01", "pub");
+  auto versions = MountFilterServiceVersion::MountFilterServiceVersionIs("versions");
+  versions->includedServiceVersionIs(2, true);
+  start();
+  publish("/local/a", nullptr, versions);
+  EXPECT_EQ(published(s1)->publishedMountSize(), 0u);  // version 1 is filtered out
+
+  // A new version status, negotiated only later: its completion re-evaluates the switch.
+  auto status = oob->connection(s1.name())->serviceStatusDir()->service("pub");
+  auto renegotiated = ServiceVersionStatusV1::ServiceVersionStatusV1Is("pub-2");
+  renegotiated->versionIs(2);
+  status->versionStatusIs(renegotiated);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("pub", s1.name()), 0u);
+  renegotiated->versionNegotiationCompleteIs(true);
+  EXPECT_EQ(published(s1)->publishedMountSize(), 1u);
+
+  auto connection = sm->connectionServiceStatusDirSm(s1.name());
+  auto follower = connection->serviceStatus("pub");
+  EXPECT_EQ(connection->serviceStatusIs("pub", status), follower);
+  // Another status of the service replaces the machine rather than being refused.
+  auto elsewhere = ServiceStatusDir::ServiceStatusDirIs("elsewhere");
+  auto third = ServiceVersionStatusV1::ServiceVersionStatusV1Is("pub-3");
+  third->versionIs(3);
+  third->versionNegotiationCompleteIs(true);
+  elsewhere->serviceIs("pub")->versionStatusIs(third);
+  elsewhere->service("pub")->enabledIs(true);
+  EXPECT_NE(connection->serviceStatusIs("pub", elsewhere->service("pub")), follower);
+  EXPECT_TRUE(follower->goingAway());
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("pub", s1.name()), 3u);
+  EXPECT_EQ(published(s1)->publishedMountSize(), 0u);
+  // The closing quote is part of the established text.
+  EXPECT_THAT([&] { connection->serviceStatusIs("pub", nullptr); },
+              ThrowsMessage<Kiv::RangeException>(
+                  "null _serviceStatus parameter to mutator for "
+                  "Controller::ConnectionServiceStatusDirSm::serviceStatus not allowed\""));
 }
 
 TEST_F(RegistryPublish, EntriesReachOnlyAdmittedSwitches) {
@@ -70,7 +113,7 @@ TEST_F(RegistryPublish, EntriesReachOnlyAdmittedSwitches) {
   EXPECT_EQ(published(s2)->publishedMountSize(), 1u);
 
   registry->publishEntryDel("/local/a");
-  EXPECT_EQ(sm->publishRegistryEntrySms(), 0u);
+  EXPECT_EQ(sm->publishRegistryEntrySmSize(), 0u);
   EXPECT_EQ(published(s2)->publishedMountSize(), 0u);
 }
 
@@ -83,7 +126,7 @@ TEST_F(RegistryPublish, AMissingEntityIsLookedForEverySecondAndReadinessWaitsFor
   registry->servicePublishReadyIs("pub", true);
   EXPECT_FALSE(dbPublish->servicePublishReady("pub"));  // the entry is not processed yet
   loop.advanceTo(2.5);
-  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTime(), 3.0);
+  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTimeMin(), 3.0);
   EXPECT_EQ(capture.messages(1).size(), 4u);  // at creation, on readiness, at 1 s and at 2 s
   EXPECT_EQ(capture.messages(1).front(),
             "void Controller::PublishRegistryEntrySm::handleSwitchConnection(): Entity at /local/late doesn't exist.");
@@ -92,7 +135,7 @@ TEST_F(RegistryPublish, AMissingEntityIsLookedForEverySecondAndReadinessWaitsFor
   loop.advanceTo(3.0);
   EXPECT_EQ(published(s1)->publishedMountSize(), 1u);
   EXPECT_TRUE(dbPublish->servicePublishReady("pub"));
-  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTime(), Kiv::kInfinity);
+  EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTimeMin(), Kiv::kInfinity);
   registry->servicePublishReadyIs("pub", false);
   EXPECT_FALSE(dbPublish->servicePublishReady("pub"));
   mountsRegistrySmTrace.levelsIs(0);
