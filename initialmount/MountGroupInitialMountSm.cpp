@@ -116,9 +116,9 @@ void MountGroupInitialMountSm::doPopulateRemainingSwitch() {
   for (auto it = mountGroupInitialSwitchSet_->initialSwitchIter(); it; ++it) ids.push_back(it.key());
   for (SystemId const& id : ids) {
     Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus_->systemStatus(Kiv::Name(id.stringValue()));
-    // Guarded, on purpose, against the original design, which ends the process here: an initial
-    // switch that left after the connection period has no system status any more. That is
-    // ordinary churn, and a switch flap must not end the agent; the switch is not waited for.
+    // Guarded on purpose where a null reference would end the process: an initial switch that
+    // left after the connection period has no system status any more. That is ordinary churn,
+    // and a switch flap must not end the agent; the switch is not waited for.
     if (!systemStatus) {
       KIV_SM_DUALLOG(1, kivSigDoPopulateRemainingSwitch,
                      "Initial switch %s has no system status; group %s does not wait for it", id, groupName_);
