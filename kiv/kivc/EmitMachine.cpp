@@ -6,21 +6,11 @@
 
 #include <stdexcept>
 
-#include "kiv/kivc/Emit.h"
+#include "kiv/kivc/EmitCommon.h"
 
 namespace kivc {
 namespace {
 
-std::string cap(std::string s) {
-  if (!s.empty()) s[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(s[0])));
-  return s;
-}
-
-bool byValue(TypeRef const& t) {
-  return t.kind == TypeKind::enumeration || (t.kind == TypeKind::builtin && t.name != "String" && t.name != "Name");
-}
-std::string arg(TypeRef const& t) { return byValue(t) ? t.cpp : t.cpp + " const&"; }
-std::string ret(TypeRef const& t) { return byValue(t) ? t.cpp : t.cpp + " const&"; }
 std::string constTarget(TypeRef const& t) { return "Kiv::PtrConst<" + t.entity + ">"; }
 
 // How a type is spelt in a function's full signature, as the traces show it.
@@ -40,7 +30,7 @@ Machine const& machineNamed(Unit const& u, std::string const& name) {
   throw std::logic_error("unknown machine " + name);
 }
 
-std::string reactorName(std::string const& name) { return "Kiv" + cap(name); }
+std::string reactorName(std::string const& name) { return "Kiv" + capitalized(name); }
 
 // The reactor class of a watch, declared inside the base; its callbacks are defined in the source.
 void reactorClass(Machine const& m, Watch const& w, bool keyed, std::string& h, std::string& s) {
@@ -49,12 +39,12 @@ void reactorClass(Machine const& m, Watch const& w, bool keyed, std::string& h, 
   std::string const notifiee = w.target.entity + "::NotifieeConst";
   h += "  class " + r + " : public " + notifiee + " {\n   public:\n";
   if (keyed) {
-    h += "    " + r + "(" + arg(*w.key) + " key, " + constTarget(w.target) + " const& target, " + base +
+    h += "    " + r + "(" + param(*w.key) + " key, " + constTarget(w.target) + " const& target, " + base +
          "* owner)\n        : NotifieeConst(target), key_(key), owner_(owner) {}\n";
-    h += "    " + ret(*w.key) + " key() const { return key_; }\n";
+    h += "    " + param(*w.key) + " key() const { return key_; }\n";
     for (Watch::State const& st : w.states) {
-      h += "    " + ret(st.type) + " " + st.name + "() const { return " + st.name + "_; }\n";
-      h += "    void " + st.name + "Is(" + arg(st.type) + " v) { " + st.name + "_ = v; }\n";
+      h += "    " + param(st.type) + " " + st.name + "() const { return " + st.name + "_; }\n";
+      h += "    void " + st.name + "Is(" + param(st.type) + " v) { " + st.name + "_ = v; }\n";
     }
   } else {
     h += "    " + r + "(" + constTarget(w.target) + " const& target, " + base +
@@ -68,7 +58,7 @@ void reactorClass(Machine const& m, Watch const& w, bool keyed, std::string& h, 
     return first.empty() ? more : more.empty() ? first : first + ", " + more;
   };
   for (On const& on : w.ons) {
-    std::string const n = cap(on.notification);
+    std::string const n = capitalized(on.notification);
     switch (on.form) {
       case On::plain:
         h += "    void on" + n + "() override;\n";
@@ -76,8 +66,8 @@ void reactorClass(Machine const& m, Watch const& w, bool keyed, std::string& h, 
              args("") + ");\n}\n\n";
         break;
       case On::keyed:
-        h += "    void on" + n + "(" + arg(on.key) + " k) override;\n";
-        s += "void " + base + "::" + r + "::on" + n + "(" + arg(on.key) + " k) {\n" + keep + "  " + owner + "->" +
+        h += "    void on" + n + "(" + param(on.key) + " k) override;\n";
+        s += "void " + base + "::" + r + "::on" + n + "(" + param(on.key) + " k) {\n" + keep + "  " + owner + "->" +
              on.handler + "(" + args("k") + ");\n}\n\n";
         break;
       case On::whole:
@@ -104,8 +94,8 @@ void emitMachine(Unit const& u, Machine const& m, std::string& h, std::string& s
   // --- parameters ---
   std::string ctorParams, compared, comparedNames;
   for (Param const& p : m.params) {
-    ctorParams += (ctorParams.empty() ? "" : ", ") + arg(p.type) + " " + p.name;
-    pub += "  " + ret(p.type) + " " + p.name + "() const { return " + p.name + "_; }\n";
+    ctorParams += (ctorParams.empty() ? "" : ", ") + param(p.type) + " " + p.name;
+    pub += "  " + param(p.type) + " " + p.name + "() const { return " + p.name + "_; }\n";
     members += "  " + p.type.cpp + " " + p.name + "_;\n";
     std::string value = p.name;
     if (p.valid) value = "Kiv::ValidPtr<" + p.type.entity + (p.type.pointerToConst ? " const" : "") + ">(" + p.name + ")";
@@ -132,14 +122,14 @@ void emitMachine(Unit const& u, Machine const& m, std::string& h, std::string& s
     if (!p.watch) continue;
     reactorClass(m, *p.watch, false, priv, s);
     std::string const r = reactorName(p.name);
-    members += "  Kiv::Ptr<" + r + "> kiv" + cap(p.name) + "_;\n";
-    inits += "      kiv" + cap(p.name) + "_(new " + r + "(" + p.name + "_, this)),\n";
+    members += "  Kiv::Ptr<" + r + "> kiv" + capitalized(p.name) + "_;\n";
+    inits += "      kiv" + capitalized(p.name) + "_(new " + r + "(" + p.name + "_, this)),\n";
   }
   for (Watch const& w : m.watches) {
     std::string const r = reactorName(w.name);
     if (w.key) {
       reactorClass(m, w, true, pub, s);
-      std::string const k = arg(*w.key);
+      std::string const k = param(*w.key);
       std::string const map = "Kiv::HashMap<" + w.key->cpp + ", Kiv::Ptr<" + r + ">>";
       pub += "  Kiv::Ptr<" + r + "> " + w.name + "(" + k + " key) const { return " + w.name + "_.get(key); }\n"
              "  std::size_t " + w.name + "Size() const { return " + w.name + "_.size(); }\n"
@@ -169,12 +159,12 @@ void emitMachine(Unit const& u, Machine const& m, std::string& h, std::string& s
              "  // Follows target instead" + (w.retargetHandler.empty() ? "" : ", then calls " + w.retargetHandler + "()") +
              "; the same target changes nothing.\n"
              "  void " + w.name + "Is(" + t + " const& target);\n";
-      members += "  " + t + " " + w.name + "_;\n  Kiv::Ptr<" + r + "> kiv" + cap(w.name) + "_;\n";
-      inits += "      kiv" + cap(w.name) + "_(new " + r + "(nullptr, this)),\n";
+      members += "  " + t + " " + w.name + "_;\n  Kiv::Ptr<" + r + "> kiv" + capitalized(w.name) + "_;\n";
+      inits += "      kiv" + capitalized(w.name) + "_(new " + r + "(nullptr, this)),\n";
       s += "void " + base + "::" + w.name + "Is(" + t + " const& target) {\n"
            "  if (target == " + w.name + "_) return;\n"
            "  " + w.name + "_ = target;\n"
-           "  kiv" + cap(w.name) + "_->notifierIs(target);\n" +
+           "  kiv" + capitalized(w.name) + "_->notifierIs(target);\n" +
            (w.retargetHandler.empty() ? "" : "  static_cast<" + m.name + "*>(this)->" + w.retargetHandler + "();\n") + "}\n\n";
     }
   }
@@ -186,22 +176,22 @@ void emitMachine(Unit const& u, Machine const& m, std::string& h, std::string& s
             "    " + r + "(Kiv::PtrConst<Kiv::Clock> const& clock, " + base + "* owner) : NotifieeConst(clock), owner_(owner) {}\n"
             "    void onTime() override;\n\n   private:\n    " + base + "* owner_;\n  };\n";
     s += "void " + base + "::" + r + "::onTime() { static_cast<" + m.name + "*>(owner_)->" + t.handler + "(); }\n\n";
-    pub += "  Kiv::PtrConst<Kiv::Clock> " + t.name + "() const { return kiv" + cap(t.name) + "_->notifier(); }\n"
+    pub += "  Kiv::PtrConst<Kiv::Clock> " + t.name + "() const { return kiv" + capitalized(t.name) + "_->notifier(); }\n"
            "  // When the timer fires next; +infinity while it is not armed.\n"
-           "  Kiv::Seconds " + t.name + "TimeMin() const { return kiv" + cap(t.name) + "_->timeMin(); }\n"
+           "  Kiv::Seconds " + t.name + "TimeMin() const { return kiv" + capitalized(t.name) + "_->timeMin(); }\n"
            "  // Arms the timer for absolute time t, or disarms it with +infinity.\n"
-           "  void " + t.name + "TimeMinIs(Kiv::Seconds t) { kiv" + cap(t.name) + "_->timeMinIs(t); }\n";
-    members += "  Kiv::Ptr<" + r + "> kiv" + cap(t.name) + "_;\n";
-    inits += "      kiv" + cap(t.name) + "_(new " + r + "(Kiv::ActivityManagerConfig::instance()->clock(), this)),\n";
+           "  void " + t.name + "TimeMinIs(Kiv::Seconds t) { kiv" + capitalized(t.name) + "_->timeMinIs(t); }\n";
+    members += "  Kiv::Ptr<" + r + "> kiv" + capitalized(t.name) + "_;\n";
+    inits += "      kiv" + capitalized(t.name) + "_(new " + r + "(Kiv::ActivityManagerConfig::instance()->clock(), this)),\n";
   }
 
   // --- child machines ---
   for (Children const& c : m.children) {
     Machine const& child = machineNamed(u, c.machine);
-    std::string const k = arg(c.key);
+    std::string const k = param(c.key);
     std::string params, names, tuple;
     for (Param const& p : child.params) {
-      params += (params.empty() ? "" : ", ") + arg(p.type) + " " + p.name;
+      params += (params.empty() ? "" : ", ") + param(p.type) + " " + p.name;
       names += (names.empty() ? "" : ", ") + p.name;
       if (p.compared) tuple += (tuple.empty() ? "" : ", ") + p.name;
     }
