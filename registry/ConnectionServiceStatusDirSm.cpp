@@ -46,6 +46,7 @@ Kiv::Ptr<ServiceStatusSm> ConnectionServiceStatusDirSm::serviceStatusIs(Kiv::Nam
 }
 
 void ConnectionServiceStatusDirSm::doCleanup() {
+  // A fixed line: the message's identity, not this file's line; keep it.
   KIV_SM_TRACE_AT(8, 607, "doCleanup", " " << name_);
   // The services' own clean-ups leave the switch to the one re-evaluation below.
   goingAway_ = true;

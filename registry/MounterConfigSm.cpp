@@ -63,6 +63,7 @@ void MounterConfigSm::handleIncludedSystem() {
 
 void MounterConfigSm::handleIncludedSystem(Kiv::String const& systemName) {
   // The text still names the filter's reactor, as it always has.
+  // A fixed line: the message's identity, not this file's line; keep it.
   KIV_SM_TRACE_TEXT_AT(8, 925, "handleIncludedSystem",
                        "MounterConfigSm::KivSystemFilter::" << "handleIncludedSystem" << ": " << systemName);
   bool const included = systemFilter_ && systemFilter_->includedSystem(systemName);

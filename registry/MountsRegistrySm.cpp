@@ -82,6 +82,7 @@ void MountsRegistrySm::handleInitialized() {
 }
 
 void MountsRegistrySm::handleSwitchConnection() {
+  // A fixed line: the message's identity, not this file's line; keep it.
   KIV_SM_TRACE_AT(8, 630, "handleSwitchConnection", "");
   for (SystemId const& id : peersOf(peerTable_)) handleSwitchConnection(id);
 }
