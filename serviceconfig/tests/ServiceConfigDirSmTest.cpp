@@ -70,15 +70,6 @@ TEST_F(ServiceConfigDir, NothingIsLeftBehind) {
   start();
   ASSERT_EQ(mounterCount(), 2u);
   ASSERT_EQ(registry->publishEntrySize(), 2u);
-
-  db->leaderGenIdIs("stale");
-  EXPECT_EQ(mounterCount(), 0u);
-  EXPECT_EQ(mountStatusOf("m")->mountedPathPrefixSize(), 0u);
-  EXPECT_EQ(registry->publishEntrySize(), 0u);
-  EXPECT_EQ(registry->servicePublishReadySize(), 0u);
-  db->leaderGenIdIs("gen1");
-  ASSERT_EQ(mounterCount(), 2u);
-
   mounting->mountGroupConfigDelAll();
   publishing->publishGroupConfigDelAll();
   EXPECT_EQ(mounterCount(), 0u);
