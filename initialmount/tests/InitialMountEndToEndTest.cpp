@@ -47,23 +47,5 @@ TEST_F(InitialMountEndToEndTest, ASlowSwitchDelaysCompletionToTheEndOfTheMountWi
   EXPECT_EQ(slow->serviceMountGroupStatus("g")->mountState(), mountStateMounting);
 }
 
-TEST_F(InitialMountEndToEndTest, CompletionComesWhenThePeriodEndsAndTheLogsAreFlushed) {
-  offering("00:00:00:00:00:01", 1).connect();
-  start();
-  loop.advanceTo(3);
-  offering("00:00:00:00:00:02", 1).connect();  // moves the period's end to 3 + 3 x 2 s
-  loop.advanceTo(8.999);
-  EXPECT_FALSE(initialMount->connectionPeriod()->complete());
-  loop.advanceTo(9);
-  EXPECT_TRUE(initialMount->connectionPeriod()->complete());
-  // Both switches are mounted by then: straight to the flush, whose round is applied after half a
-  // second and seen at the poll one second after the period's end.
-  EXPECT_FALSE(complete());
-  loop.advanceTo(9.999);
-  EXPECT_FALSE(complete());
-  loop.advanceTo(10);
-  EXPECT_TRUE(complete());
-}
-
 }  // namespace
 }  // namespace Controller

@@ -37,7 +37,6 @@ TEST_F(MountGroupInitialMountTest, FinishedInitialSwitchesGoStraightToFlushingWi
 
   loop.advanceTo(6);
   EXPECT_EQ(group()->mountGroupInitialSwitchSet()->initialSwitchSize(), 3u);
-  EXPECT_EQ(group()->mountGroupInitialSwitchSet()->name(), Kiv::Name("g"));
   EXPECT_TRUE(group()->localInitialMountsComplete());
   EXPECT_THAT(loop.pendingTimers(), Not(Contains(246.0)));
   EXPECT_THAT(capture.messages(5), Not(Contains(HasSubstr("Adding remaining switch"))));
