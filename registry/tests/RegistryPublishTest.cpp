@@ -123,8 +123,6 @@ TEST_F(RegistryPublish, AMissingEntityIsLookedForEverySecondAndReadinessWaitsFor
   EXPECT_EQ(published(s1)->publishedMountSize(), 1u);
   EXPECT_TRUE(dbPublish->servicePublishReady("pub"));
   EXPECT_EQ(sm->publishRegistryEntrySm("/local/late")->entityPresenceCheckTimeMin(), Kiv::kInfinity);
-  registry->servicePublishReadyIs("pub", false);
-  EXPECT_FALSE(dbPublish->servicePublishReady("pub"));
   mountsRegistrySmTrace.levelsIs(0);
 }
 

@@ -35,13 +35,6 @@ TEST_F(ServiceConfigDir, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
   mountStatus->entityPtrDel("svc");
   mountStatus->entryIs<ServiceMountStatus>("svc");
   EXPECT_TRUE(sm->serviceMountConfigSm("svc")->isProxyService());
-
-  publishConfig->entryIs<ServicePublishConfig>("pub");
-  publishStatus->entryIs<ServicePublishStatus>("pub");
-  EXPECT_TRUE(sm->servicePublishConfigSm("pub"));
-  publishConfig->entityPtrDel("pub");
-  publishConfig->entryIs<ServiceMountConfig>("pub");
-  EXPECT_FALSE(sm->servicePublishConfigSm("pub"));
 }
 
 TEST_F(ServiceConfigDir, WhatIsPresentAtConstructionIsTakenUpOnce) {

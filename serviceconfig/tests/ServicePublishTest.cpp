@@ -55,9 +55,6 @@ TEST_F(ServicePublish, EntriesCarryTheGroupsFiltersAndDirectoriesWaitForReadines
   auto groupStatus = publishStatusOf("pub")->servicePublishGroupStatus("grp");
   EXPECT_EQ(groupStatus->publishState(), publishStateComplete);
   EXPECT_EQ(groupStatus->publishStatus("/local/pub")->publishState(), publishStateComplete);
-  EXPECT_TRUE(registry->servicePublishReady("pub"));
-  svc->readyIs(false);
-  EXPECT_FALSE(registry->servicePublishReady("pub"));
 }
 
 TEST_F(ServicePublish, TheFirstPublisherOfAPathKeepsItAndTheOtherIsToldAtLevelOne) {
