@@ -209,8 +209,12 @@ class Checker {
         Sim::Switch const* sw = switchNamed(name);
         if (!sw || !peers || !peers->peer(sw->systemId()))
           fail("system status of a switch in the peer table", d.name + " has a system status for " + name);
-        for (auto g = sys.value()->serviceMountGroupStatusIter(); g; ++g)
-          for (auto m = g.value()->mountStatusIter(); m; ++m) {
+        for (auto g = sys.value()->serviceMountGroupStatusIter(); g; ++g) {
+          auto const& group = *g.value();
+          if (group.mountStatusSize() != 0 &&
+              group.mountState() != Controller::MountsRegistryEntrySm::combinedMountState(group))
+            fail("a group's state combines its rows'", d.name + "/" + std::string(g.key().view()) + " on " + name);
+          for (auto m = group.mountStatusIter(); m; ++m) {
             if (m.value()->mountState() != Controller::mountStateMounted) continue;
             std::string const where = d.name + "/" + std::string(g.key().view()) + " " +
                                       std::string(m.key().view()) + " from " + name;
@@ -221,6 +225,7 @@ class Checker {
               fail("mounted only from a switch with a negotiated version", where);
             if (!d.proxy && currentGen(d) != leader) fail("no mount of a stale service", where);
           }
+        }
       }
     }
     // Mounters only of current services (proxies keep theirs).

@@ -6,10 +6,14 @@ namespace Kiv {
 [[noreturn]] void assertionFailed(char const* expr, char const* file, int line, char const* function);
 }
 
-#define KIV_ASSERT(expr)                                                     \
-  do {                                                                       \
-    if (!(expr)) [[unlikely]]                                                \
-      ::Kiv::assertionFailed(#expr, __FILE__, __LINE__, __func__);           \
+#define KIV_ASSERT(expr) KIV_ASSERT_TEXT(expr, #expr)
+
+// The same with a fixed message: for an invariant whose established text names the expression as
+// it stood where the check was first made.
+#define KIV_ASSERT_TEXT(expr, text)                                \
+  do {                                                             \
+    if (!(expr)) [[unlikely]]                                      \
+      ::Kiv::assertionFailed(text, __FILE__, __LINE__, __func__);  \
   } while (0)
 
 // Checks that are too costly for release builds (hot-path invariants and structure checks). On

@@ -202,6 +202,9 @@ void MounterConfigSm::withdrawMountStatus() {
     if (groupStatus->mountStatus(path)) {
       KIV_SM_TRACE_AT(8, 897, "doCleanup", ": Deleting mount status for " << path);
       groupStatus->mountStatusDel(path);
+      // The group's state is the rows' that are left.
+      if (groupStatus->mountStatusSize() != 0)
+        groupStatus->mountStateIs(MountsRegistryEntrySm::combinedMountState(*groupStatus));
     }
     if (groupStays || groupStatus->mountStatusSize() != 0) continue;
     KIV_SM_TRACE_AT(8, 902, "doCleanup", ": Deleting mount group status for " << group);

@@ -303,7 +303,8 @@ void MountsRegistryEntrySm::handleMountState(SystemId const& systemId) {
   updateMountersStatus(connectionId, newState);
   if (watcher->mountState() != mountStateUnmounted && newState == mountStateUnmounted) {
     KIV_SM_TRACE(8, "handleMountState", ": Deleting mountSm for " << connectionId);
-    KIV_ASSERT(mountSm(connectionId));
+    // The text of the reactor that once made this check.
+    KIV_ASSERT_TEXT(mountSm(connectionId), "mountsRegistryEntrySm()->mountSm( connectionId )");
     mountSm(connectionId)->doCleanup();
     mountSmDel(connectionId);
     mountSmDataDel(connectionId);

@@ -223,6 +223,16 @@ TEST_F(MountsRegistryEntrySmTest, ASwitchBackBeforeItsUnmountEndsIsRemountedByTh
   EXPECT_EQ(entry->mountSm(s1.systemId()), machine);
   EXPECT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateMounted);
   EXPECT_TRUE(copied(s1, "/sys/a"));
+
+  // Back within the same turn: the state still reads mounted, but the unmount asked for is due.
+  capture.clear();
+  s1.disconnect();
+  s1.connect();
+  EXPECT_TRUE(capture.has(":  remounting:/sys/a from:" + s1.name().stdString()));
+  loop.advanceBy(kFirstMount);
+  EXPECT_EQ(entry->mountSm(s1.systemId()), machine);
+  EXPECT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateMounted);
+  EXPECT_TRUE(copied(s1, "/sys/a"));
 }
 
 TEST_F(MountsRegistryEntrySmTest, AFailingPathEndsFailedAndTheGroupCombinesItsPaths) {
@@ -239,6 +249,70 @@ TEST_F(MountsRegistryEntrySmTest, AFailingPathEndsFailedAndTheGroupCombinesItsPa
   loop.advanceBy(20);  // three attempts of 5 s
   EXPECT_EQ(stateOf("svc", s1, "g", "/sys/c"), mountStateFailed);
   EXPECT_EQ(groupStatus("svc", s1, "g")->mountState(), mountStateFailed);
+
+  // The failed path no longer mounted: the group is what is left.
+  registry->mountEntry("/sys/c")->mounterDel("svc");
+  EXPECT_FALSE(row("svc", s1, "g", "/sys/c"));
+  EXPECT_EQ(groupStatus("svc", s1, "g")->mountState(), mountStateMounted);
+}
+
+// Either filter alone restricts the group; only a group with neither takes every switch, and one
+// such mounter among others is enough.
+TEST(MountsRegistryEntrySmWildcard, OnlyAGroupWithNeitherFilterIsOne) {
+  for (bool bySystem : {true, false}) {
+    SCOPED_TRACE(bySystem ? "system filter" : "version filter");
+    EntryWorld w;
+    auto svc = w.service("svc");
+    auto group = svc->mountGroupConfigIs("g");
+    if (bySystem) {
+      group->systemFilterIs(svc->systemFilterIs("sf"));
+      svc->systemFilter("sf")->includedSystemIs(kS1, true);
+    } else {
+      group->versionFilterIs(svc->versionFilterIs("vf"));
+      svc->versionFilter("vf")->includedServiceVersionIs(2, true);
+    }
+    w.mount(svc, "g", "/sys/a");
+    auto& s1 = w.offering(kS1, "svc", 2);
+    auto& s2 = w.offering(kS2, "svc", 1);
+    s1.connect();
+    s2.connect();
+    w.start();
+    w.loop.advanceBy(2);
+    auto entry = w.entrySm("/sys/a");
+    EXPECT_FALSE(entry->wildCardMount());
+    EXPECT_TRUE(w.copied(s1, "/sys/a"));
+    EXPECT_FALSE(entry->mountSm(s2.systemId()));
+
+    w.mount(w.service("any"), "g", "/sys/a");
+    w.loop.advanceBy(2);
+    EXPECT_TRUE(entry->wildCardMount());
+    EXPECT_EQ(w.stateOf("any", s2, "g", "/sys/a"), mountStateMounted);
+    EXPECT_FALSE(w.row("svc", s2, "g", "/sys/a"));
+
+    w.registry->mountEntry("/sys/a")->mounterDel("any");
+    w.loop.advanceBy(2);
+    EXPECT_FALSE(entry->wildCardMount());
+    EXPECT_FALSE(entry->mountSm(s2.systemId()));
+    EXPECT_TRUE(w.copied(s1, "/sys/a"));
+  }
+}
+
+TEST_F(MountsRegistryEntrySmTest, ADisabledServiceCountsAsNotNegotiated) {
+  mount(service("svc"), "g", "/sys/a");
+  auto& s1 = offering(kS1, "svc");
+  s1.connect();
+  start();
+  loop.advanceBy(2);
+  ASSERT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateMounted);
+  auto status = oob->connection(s1.name())->serviceStatusDir()->service("svc");
+  status->enabledIs(false);
+  EXPECT_EQ(sm->negotiatedServiceVersionForConnection("svc", s1.name()), 0u);
+  loop.advanceBy(2);
+  EXPECT_FALSE(entrySm("/sys/a")->mountSm(s1.systemId()));
+  EXPECT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateUnmounted);
+  status->enabledIs(true);
+  loop.advanceBy(kFirstMount);
+  EXPECT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateMounted);
 }
 
 TEST(MountsRegistryEntrySmGroupState, InProgressBeatsFailedWhichBeatsAPartialMount) {
@@ -297,10 +371,6 @@ TEST_F(MounterConfigSmTest, MountersSharingASystemAreCountedAndTheLastOneOutReev
   EXPECT_EQ(entry->connectionFilter(kS1), 1u);
   mount(b, "g", "/sys/a");
   EXPECT_EQ(entry->connectionFilter(kS1), 2u);
-  std::string const add = "void Controller::MounterConfigSm::addSystemToConnectionFilter(Kiv::String):  ";
-  auto lines = capture.messages(5);
-  auto first = std::find(lines.begin(), lines.end(), add + "new filter:" + kS1 + " path:/sys/a");
-  EXPECT_NE(std::find(first, lines.end(), add + "refcount:2 filter:" + kS1 + " path:/sys/a"), lines.end());
   EXPECT_EQ(entry->versionFilter("svcA")->versionSize(), 2u);
   EXPECT_FALSE(entry->versionFilter("svcB"));
 
@@ -340,13 +410,11 @@ TEST_F(MounterConfigSmTest, AGoneMounterWithdrawsItsRowsAndLeavesSharedStatusesW
   EXPECT_FALSE(row("svc", s1, "g", "/sys/a"));
   EXPECT_TRUE(row("svc", s1, "g", "/sys/b"));
   EXPECT_FALSE(statusOf("svc")->mountedPathPrefix("/sys/a"));  // the service no longer mounts the path
-  EXPECT_TRUE(capture.has("MounterConfigSm::doCleanup: Deleting mount status for /sys/a"));
   EXPECT_FALSE(capture.has("Deleting mount group status"));
 
   b->mounterDel("svc");
   EXPECT_FALSE(groupStatus("svc", s1, "g"));
   EXPECT_FALSE(statusOf("svc")->systemStatus(s1.name()));
-  EXPECT_TRUE(capture.has("MounterConfigSm::doCleanup: Deleting system status for " + s1.name().stdString()));
 }
 
 TEST_F(MounterConfigSmTest, OnlyOneMounterPerServiceAndNoNullParameters) {
@@ -363,6 +431,121 @@ TEST_F(MounterConfigSmTest, OnlyOneMounterPerServiceAndNoNullParameters) {
   EXPECT_THAT([&] { entry->mountSmDataIs(SystemId(kS1), nullptr); },
               ThrowsMessage<Kiv::RangeException>("null ValidPtr"));
   EXPECT_THAT([&] { entry->mountSmIs(SystemId(kS1), nullptr); }, ThrowsMessage<Kiv::RangeException>("null ValidPtr"));
+}
+
+// The registry's field messages keep their texts, levels and lines through a life of churn; a
+// switch's change reaches the mount entries before the publish entries.
+TEST_F(MountsRegistryEntrySmTest, FieldMessagesKeepTextLevelAndLineAndMountsHearFirst) {
+  Capture capture;
+  auto svc = service("svc");
+  auto other = service("svc2");
+  for (auto const& x : {svc, other}) {
+    x->systemFilterIs("sf")->includedSystemIs(kS1, true);
+    x->mountGroupConfigIs("g")->systemFilterIs(x->systemFilter("sf"));
+  }
+  auto versions = svc->versionFilterIs("vf");
+  versions->includedServiceVersionIs(1, true);
+  svc->mountGroupConfig("g")->versionFilterIs(versions);
+  mount(svc, "g", "/sys/a");
+  mount(svc, "g", "/sys/b");
+  mount(other, "g", "/sys/a");
+  root->subdirIs("local")->entryIs<Kiv::Dir>("a");
+  auto publish = [&](char const* path) {
+    registry->publishEntryIs(path, std::string("/remote") + path, "Sim::Record", false, "pub", nullptr, nullptr)
+        ->readyToPublishIs(true);
+  };
+  publish("/local/a");
+  registry->servicePublishReadyIs("pub", true);
+  auto& s1 = offering(kS1, "svc").serviceVersionIs("svc2", 1).serviceVersionIs("pub", 1);
+  start();
+  s1.connect();
+  loop.advanceBy(3);
+  versions->includedServiceVersionIs(2, true);
+  versions->includedServiceVersionDel(2);
+  auto status = oob->connection(s1.name())->serviceStatusDir()->service("svc");
+  status->enabledIs(false);
+  status->enabledIs(true);
+  other->systemFilter("sf")->includedSystemDel(kS1);
+  registry->mountEntry("/sys/a")->mounterDel("svc");
+  s1.serviceVersionIs("svc", 2);
+  publish("/local/z");  // no such entity: not processed
+  registry->publishEntryDel("/local/a");
+  registry->mountEntryDel("/sys/b");
+  s1.disconnect();
+
+  std::vector<std::string> shown;
+  for (auto const& l : capture.lines())
+    shown.push_back(std::to_string(l.level) + " " + l.file + ":" + std::to_string(l.line) + " " + l.message);
+  std::string const s = kS1;
+  std::string const at = " MountsRegistry.tin:";
+  std::string const ready = "void Controller::MountsRegistrySm::handleServicePublishReady(Kiv::String): ";
+  std::string const add = "void Controller::MounterConfigSm::addSystemToConnectionFilter(Kiv::String):  ";
+  std::string const del = "void Controller::MounterConfigSm::removeSystemFromConnectionFilter(Kiv::String):  ";
+  EXPECT_THAT(shown, ::testing::IsSupersetOf({
+      "8" + at + "630 MountsRegistrySm::handleSwitchConnection",
+      "8" + at + "616 MountsRegistrySm::handleSwitchConnection " + s,
+      "8" + at + "666 MountsRegistrySm::handleServiceVersion svc " + s,
+      "8" + at + "741 MountsRegistrySm::handleMountEntry: /sys/a Remote Path:/sys/a",
+      "8" + at + "750 MountsRegistrySm::handleMountEntry: /sys/b Deleting registry entry sm for :/sys/b",
+      "8" + at + "732 MountsRegistrySm::handlePublishEntry",
+      "8" + at + "713 MountsRegistrySm::handlePublishEntry: /local/a Controller Path:/local/a",
+      "8" + at + "723 MountsRegistrySm::handlePublishEntry: /local/a Deleting publish sm for: /local/a",
+      "8" + at + "640 MountsRegistrySm::handlePeer " + s,
+      "8" + at + "642 MountsRegistrySm::handlePeer peer:" + s + " added",
+      "8" + at + "648 MountsRegistrySm::handlePeer peer:" + s + " removed",
+      "8" + at + "767 MountsRegistrySm::handleServicePublishReady: pub",
+      "5" + at + "788 " + ready + "Publish entry /local/z not yet processed",
+      "5" + at + "795 " + ready + "Setting publishReady for pub",
+      "8" + at + "677 MountsRegistrySm::negotiatedServiceVersionForConnection svc " + s,
+      "8" + at + "700 MountsRegistrySm::negotiatedServiceVersionForConnection negotiated service version for " + s +
+          " for service svc = 1",
+      "8" + at + "705 MountsRegistrySm::negotiatedServiceVersionForConnection no version negotiated for " + s +
+          " for service svc",
+      "8" + at + "925 MounterConfigSm::KivSystemFilter::handleIncludedSystem: " + s,
+      "8" + at + "937 MounterConfigSm::KivVersionFilter::handleIncludedServiceVersion: version=2",
+      "8" + at + "802 MounterConfigSm::addVersionToVersionFilter 2",
+      "8" + at + "810 MounterConfigSm::removeVersionFromVersionFilter 2",
+      "8" + at + "821 MounterConfigSm::addSystemToConnectionFilter " + s,
+      "5" + at + "830 " + add + "refcount:2 filter:" + s + " path:/sys/a",
+      "5" + at + "836 " + add + "new filter:" + s + " path:/sys/a",
+      "8" + at + "844 MounterConfigSm::removeSystemFromConnectionFilter " + s,
+      "5" + at + "852 " + del + "del filter:" + s + " path:/sys/a",
+      "5" + at + "861 " + del + "refcount:1 filter:" + s + " path:/sys/a",
+      "8" + at + "870 MounterConfigSm::doCleanup svc",
+      "8" + at + "897 MounterConfigSm::doCleanup: Deleting mount status for /sys/a",
+      "8" + at + "902 MounterConfigSm::doCleanup: Deleting mount group status for g",
+      "8" + at + "907 MounterConfigSm::doCleanup: Deleting system status for " + s,
+      "8" + at + "586 ConnectionServiceStatusDirSm::handleEnabled svc: " + s + " enabled: 0",
+      "8" + at + "600 ConnectionServiceStatusDirSm::handleInitialized pub",
+      "8" + at + "593 ConnectionServiceStatusDirSm::doCleanup pub",
+      "8" + at + "561 ConnectionServiceStatusDirSm::handleVersionStatus svc " + s,
+      "8" + at + "607 ConnectionServiceStatusDirSm::doCleanup " + s,
+  }));
+
+  // After each fan-out of the switch: every mount entry, then the publish entry.
+  std::string order;
+  for (auto const& line : shown) {
+    if (line.find(":616 ") != std::string::npos) order += "|";
+    if (line.find(" MountsRegistryEntrySm::handleSwitchConnection /sys/") != std::string::npos) order += "M";
+    if (line.find(" PublishRegistryEntrySm::handleSwitchConnection /local/") != std::string::npos) order += "P";
+  }
+  EXPECT_NE(order.find("|MMP"), std::string::npos) << order;
+  for (std::size_t at = order.find('|'); at != std::string::npos; at = order.find('|', at + 1))
+    EXPECT_EQ(order.find_first_not_of('M', at + 1), order.find('P', at)) << order;
+}
+
+TEST_F(MounterConfigSmDeathTest, AMountMachineMissingWhenItsUnmountEndsIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  mount(service("svc"), "g", "/sys/a");
+  auto& s1 = offering(kS1, "svc");
+  s1.connect();
+  start();
+  loop.advanceBy(2);
+  auto entry = entrySm("/sys/a");
+  entry->mountSm(s1.systemId())->doCleanup();
+  entry->mountSmDel(s1.systemId());
+  EXPECT_DEATH(entry->mountSmData(s1.systemId())->mountStateIs(mountStateUnmounted),
+               "mountsRegistryEntrySm\\(\\)->mountSm\\( connectionId \\)");
 }
 
 TEST_F(MounterConfigSmDeathTest, ACountBelowOneForAnIncludedSystemIsFatal) {
