@@ -46,9 +46,7 @@ void InitialMountSm::handleInitialized() {
 void InitialMountSm::handlePeer() {
   KIV_SM_TRACE(8, "handlePeer", "");
   if (!peerTable_) return;
-  std::vector<SystemId> ids;
-  for (auto it = peerTable_->peerIter(); it; ++it) ids.push_back(it.key());
-  for (SystemId const& id : ids) handlePeer(id);
+  for (SystemId const& id : Kiv::keysOf(peerTable_->peerIter())) handlePeer(id);
 }
 
 void InitialMountSm::handlePeer(SystemId const& id) {
@@ -78,9 +76,7 @@ void InitialMountSm::handleConnectionTimeout() {
 void InitialMountSm::handleServiceMount() {
   KIV_SM_TRACE(8, "handleServiceMount", "");
   if (!initialized_) return;
-  std::vector<Kiv::Name> names;
-  for (auto it = mountConfigDir_->entityPtrIter(); it; ++it) names.push_back(it.key());
-  for (Kiv::Name const& name : names) handleServiceMount(name);
+  for (Kiv::Name const& name : Kiv::keysOf(mountConfigDir_->entityPtrIter())) handleServiceMount(name);
 }
 
 void InitialMountSm::handleServiceMount(Kiv::Name const& service) {
@@ -102,9 +98,7 @@ void InitialMountSm::handleServiceMount(Kiv::Name const& service) {
 void InitialMountSm::doCleanup() {
   // In the collection's order, which serviceInitialMountSmDelAll() does not keep, so that the
   // services' flags are withdrawn in that order.
-  std::vector<Kiv::Name> names;
-  for (auto it = serviceInitialMountSm_.begin(); it; ++it) names.push_back(it.key());
-  for (Kiv::Name const& name : names) serviceInitialMountSmDel(name);
+  for (Kiv::Name const& name : Kiv::keysOf(serviceInitialMountSm_.begin())) serviceInitialMountSmDel(name);
 }
 
 }  // namespace Controller

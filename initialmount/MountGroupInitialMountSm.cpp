@@ -112,9 +112,7 @@ void MountGroupInitialMountSm::handleProcessed() {
 
 void MountGroupInitialMountSm::doPopulateRemainingSwitch() {
   KIV_SM_TRACE(8, "doPopulateRemainingSwitch", "");
-  std::vector<SystemId> ids;
-  for (auto it = mountGroupInitialSwitchSet_->initialSwitchIter(); it; ++it) ids.push_back(it.key());
-  for (SystemId const& id : ids) {
+  for (SystemId const& id : Kiv::keysOf(mountGroupInitialSwitchSet_->initialSwitchIter())) {
     Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus_->systemStatus(Kiv::Name(id.stringValue()));
     // Guarded on purpose where a null reference would end the process: an initial switch that
     // left after the connection period has no system status any more. That is ordinary churn,

@@ -55,9 +55,8 @@ void SystemProcessedSm::handleInitialized() {
 }
 
 void SystemProcessedSm::handleServiceMountGroupStatus() {
-  std::vector<Kiv::Name> groups;
-  for (auto it = systemStatus_->serviceMountGroupStatusIter(); it; ++it) groups.push_back(it.key());
-  for (Kiv::Name const& group : groups) handleServiceMountGroupStatus(group);
+  for (Kiv::Name const& group : Kiv::keysOf(systemStatus_->serviceMountGroupStatusIter()))
+    handleServiceMountGroupStatus(group);
 }
 
 void SystemProcessedSm::handleServiceMountGroupStatus(Kiv::Name const& group) {

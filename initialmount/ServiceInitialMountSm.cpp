@@ -43,9 +43,7 @@ void ServiceInitialMountSm::handleLeaderGenId() {
 
 void ServiceInitialMountSm::handleMountGroupConfig() {
   KIV_SM_TRACE(8, "handleMountGroupConfig", "");
-  std::vector<Kiv::Name> groups;
-  for (auto it = serviceMountConfig_->mountGroupConfigIter(); it; ++it) groups.push_back(it.key());
-  for (Kiv::Name const& group : groups) handleMountGroupConfig(group);
+  for (Kiv::Name const& group : Kiv::keysOf(serviceMountConfig_->mountGroupConfigIter())) handleMountGroupConfig(group);
 }
 
 void ServiceInitialMountSm::handleMountGroupConfig(Kiv::Name const& group) {
@@ -65,9 +63,7 @@ void ServiceInitialMountSm::doCleanup() { withdrawMountGroups(); }
 // In the collection's order, which mountGroupInitialMountSmDelAll() does not keep, so that the
 // groups' flags are withdrawn in that order.
 void ServiceInitialMountSm::withdrawMountGroups() {
-  std::vector<Kiv::Name> groups;
-  for (auto it = mountGroupInitialMountSm_.begin(); it; ++it) groups.push_back(it.key());
-  for (Kiv::Name const& group : groups) mountGroupInitialMountSmDel(group);
+  for (Kiv::Name const& group : Kiv::keysOf(mountGroupInitialMountSm_.begin())) mountGroupInitialMountSmDel(group);
 }
 
 }  // namespace Controller

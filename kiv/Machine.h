@@ -4,6 +4,9 @@
 // kivTraceFile and kivTracePrefix, so a trace names its unit, file and class without the
 // machine spelling them out.
 
+#include <type_traits>
+#include <vector>
+
 #include "kiv/Clock.h"
 #include "kiv/HashMap.h"
 #include "kiv/Ptr.h"
@@ -24,3 +27,22 @@
   KIV_SM_DUALLOG_AT(level, __LINE__, signature, format __VA_OPT__(, ) __VA_ARGS__)
 #define KIV_SM_DUALLOG_AT(level, line, signature, format, ...) \
   KIV_DUALLOG(kivTrace(), level, kivTraceFile, line, signature, format __VA_OPT__(, ) __VA_ARGS__)
+
+namespace Kiv {
+
+// The keys (values) of a collection, taken before any member is handled: a handler may add or
+// remove members, which an iteration in progress must not see.
+template <class Iter>
+auto keysOf(Iter it) {
+  std::vector<std::decay_t<decltype(it.key())>> keys;
+  for (; it; ++it) keys.push_back(it.key());
+  return keys;
+}
+template <class Iter>
+auto valuesOf(Iter it) {
+  std::vector<std::decay_t<decltype(it.value())>> values;
+  for (; it; ++it) values.push_back(it.value());
+  return values;
+}
+
+}  // namespace Kiv

@@ -13,9 +13,8 @@ ConnectionServiceStatusDirSm::ConnectionServiceStatusDirSm(
 
 void ConnectionServiceStatusDirSm::handleInitialized() {
   if (initialized_) return;
-  std::vector<Kiv::Name> services;
-  for (auto it = controllerServiceStatusDir_->serviceIter(); it; ++it) services.push_back(it.key());
-  for (Kiv::Name const& service : services) serviceStatusIs(service, controllerServiceStatusDir_->service(service));
+  for (Kiv::Name const& service : Kiv::keysOf(controllerServiceStatusDir_->serviceIter()))
+    serviceStatusIs(service, controllerServiceStatusDir_->service(service));
   initialized_ = true;
 }
 

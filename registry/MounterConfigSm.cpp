@@ -156,12 +156,8 @@ void MounterConfigSm::removeVersionFromVersionFilter(std::uint32_t version) {
 void MounterConfigSm::doCleanup() {
   KIV_SM_TRACE_AT(8, 870, "doCleanup", " " << serviceName());
   // What this mounter counted is exactly what its filters included.
-  std::vector<Kiv::String> systems;
-  for (auto it = countedSystem_.begin(); it; ++it) systems.push_back(it.key());
-  for (Kiv::String const& system : systems) removeSystemFromConnectionFilter(system);
-  std::vector<std::uint32_t> versions;
-  for (auto it = countedVersion_.begin(); it; ++it) versions.push_back(it.key());
-  for (std::uint32_t version : versions) removeVersionFromVersionFilter(version);
+  for (Kiv::String const& system : Kiv::keysOf(countedSystem_.begin())) removeSystemFromConnectionFilter(system);
+  for (std::uint32_t version : Kiv::keysOf(countedVersion_.begin())) removeVersionFromVersionFilter(version);
   // A machine that has cleaned up must not count again if someone still holds it.
   systemFilterIs(nullptr);
   versionFilterIs(nullptr);
@@ -193,9 +189,7 @@ void MounterConfigSm::withdrawMountStatus() {
   status->mountedPathPrefixDel(path);
   Kiv::Name const group(mounter_->groupName());
   bool const groupStays = groupMountsElsewhere();
-  std::vector<Kiv::Name> systems;
-  for (auto it = status->systemStatusIter(); it; ++it) systems.push_back(it.key());
-  for (Kiv::Name const& system : systems) {
+  for (Kiv::Name const& system : Kiv::keysOf(status->systemStatusIter())) {
     Kiv::Ptr<SystemStatus> systemStatus = status->systemStatus(system);
     Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group);
     if (!groupStatus) continue;

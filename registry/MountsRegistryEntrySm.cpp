@@ -316,9 +316,8 @@ void MountsRegistryEntrySm::handleMountState(SystemId const& systemId) {
 
 void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state) {
   KIV_SM_DUALLOG(5, kivSigUpdateMountersStatus, " %s connection:%s", entryName(), systemId);
-  std::vector<Kiv::Ptr<Mounter>> mounters;
-  for (auto it = registryEntry_->mounterIter(); it; ++it) mounters.push_back(it.value());
-  for (Kiv::Ptr<Mounter> const& mounter : mounters) updateMounterStatus(mounter, systemId, state);
+  for (Kiv::Ptr<Mounter> const& mounter : Kiv::valuesOf(registryEntry_->mounterIter()))
+    updateMounterStatus(mounter, systemId, state);
 }
 
 void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
@@ -401,9 +400,7 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
   Kiv::PtrConst<PeerTable> table = peerTable();
   bool const registered = table && table->peer(systemId);
   Kiv::Name const systemName(systemId.stringValue());
-  std::vector<Kiv::Ptr<Mounter>> mounters;
-  for (auto it = registryEntry_->mounterIter(); it; ++it) mounters.push_back(it.value());
-  for (Kiv::Ptr<Mounter> const& mounter : mounters) {
+  for (Kiv::Ptr<Mounter> const& mounter : Kiv::valuesOf(registryEntry_->mounterIter())) {
     Kiv::Ptr<ServiceMountStatus> const& status = mounter->serviceMountStatus();
     if (!status) continue;
     if (registered) {
@@ -420,9 +417,7 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
 void MountsRegistryEntrySm::doCleanup() {
   KIV_SM_TRACE(8, "doCleanup", " " << entryName());
   mountsEndBegin();
-  std::vector<SystemId> ids;
-  for (auto it = mountSm_.begin(); it; ++it) ids.push_back(it.key());
-  for (SystemId const& id : ids) mountEnd(id);
+  for (SystemId const& id : Kiv::keysOf(mountSm_.begin())) mountEnd(id);
   // The filter machines withdraw what their mounters were given.
   mounterConfigSmDelAll();
 }

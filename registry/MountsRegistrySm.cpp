@@ -9,10 +9,7 @@ namespace Controller {
 
 namespace {
 std::vector<SystemId> peersOf(Kiv::PtrConst<PeerTable> const& table) {
-  std::vector<SystemId> ids;
-  if (table)
-    for (auto it = table->peerIter(); it; ++it) ids.push_back(it.key());
-  return ids;
+  return table ? Kiv::keysOf(table->peerIter()) : std::vector<SystemId>();
 }
 }  // namespace
 
@@ -50,9 +47,8 @@ MountsRegistrySm::~MountsRegistrySm() {
   mountsRegistryEntrySmDelAll();
   publishRegistryEntrySmDelAll();
   // Then as if every peer left, and no service's readiness stands any more.
-  std::vector<Kiv::Name> connections;
-  for (auto it = connectionServiceStatusDirSm_.begin(); it; ++it) connections.push_back(it.key());
-  for (Kiv::Name const& connection : connections) controllerdbPublishStatus_->systemDel(SystemId(connection.view()));
+  for (Kiv::Name const& connection : Kiv::keysOf(connectionServiceStatusDirSm_.begin()))
+    controllerdbPublishStatus_->systemDel(SystemId(connection.view()));
   connectionServiceStatusDirSmDelAll();
   controllerdbPublishStatus_->servicePublishReadyDelAll();
 }
@@ -76,9 +72,8 @@ void MountsRegistrySm::handleInitialized() {
   handleSwitchConnection();
   // Readiness is decided only now that every publish entry has its machine: the first machines
   // built would otherwise find their services' other entries missing.
-  std::vector<Kiv::String> services;
-  for (auto it = mountsRegistry_->servicePublishReadyIter(); it; ++it) services.push_back(it.key());
-  for (Kiv::String const& service : services) handleServicePublishReady(service);
+  for (Kiv::String const& service : Kiv::keysOf(mountsRegistry_->servicePublishReadyIter()))
+    handleServicePublishReady(service);
 }
 
 void MountsRegistrySm::handleSwitchConnection() {
@@ -89,12 +84,8 @@ void MountsRegistrySm::handleSwitchConnection() {
 
 void MountsRegistrySm::handleSwitchConnection(SystemId const& systemId) {
   KIV_SM_TRACE_AT(8, 616, "handleSwitchConnection", " " << systemId);
-  std::vector<Kiv::Ptr<MountsRegistryEntrySm>> entries;
-  for (auto it = mountsRegistryEntrySm_.begin(); it; ++it) entries.push_back(it.value());
-  for (auto const& sm : entries) sm->handleSwitchConnection(systemId);
-  std::vector<Kiv::Ptr<PublishRegistryEntrySm>> publishers;
-  for (auto it = publishRegistryEntrySm_.begin(); it; ++it) publishers.push_back(it.value());
-  for (auto const& sm : publishers) sm->handleSwitchConnection(systemId);
+  for (auto const& sm : Kiv::valuesOf(mountsRegistryEntrySm_.begin())) sm->handleSwitchConnection(systemId);
+  for (auto const& sm : Kiv::valuesOf(publishRegistryEntrySm_.begin())) sm->handleSwitchConnection(systemId);
 }
 
 void MountsRegistrySm::handleServiceVersion(Kiv::String const& serviceName, Kiv::String const& connectionName) {
@@ -103,9 +94,7 @@ void MountsRegistrySm::handleServiceVersion(Kiv::String const& serviceName, Kiv:
 }
 
 void MountsRegistrySm::handleMountEntry() {
-  std::vector<Kiv::Name> keys;
-  for (auto it = mountsRegistry_->mountEntryIter(); it; ++it) keys.push_back(it.key());
-  for (Kiv::Name const& key : keys) handleMountEntry(key);
+  for (Kiv::Name const& key : Kiv::keysOf(mountsRegistry_->mountEntryIter())) handleMountEntry(key);
 }
 
 void MountsRegistrySm::handleMountEntry(Kiv::Name const& remotePath) {
@@ -123,9 +112,7 @@ void MountsRegistrySm::handleMountEntry(Kiv::Name const& remotePath) {
 
 void MountsRegistrySm::handlePublishEntry() {
   KIV_SM_TRACE_AT(8, 732, "handlePublishEntry", "");
-  std::vector<Kiv::Name> keys;
-  for (auto it = mountsRegistry_->publishEntryIter(); it; ++it) keys.push_back(it.key());
-  for (Kiv::Name const& key : keys) handlePublishEntry(key);
+  for (Kiv::Name const& key : Kiv::keysOf(mountsRegistry_->publishEntryIter())) handlePublishEntry(key);
 }
 
 void MountsRegistrySm::handlePublishEntry(Kiv::Name const& path) {

@@ -202,9 +202,7 @@ void PublishRegistryEntrySm::handleReadyToPublish() {
 
 void PublishRegistryEntrySm::doCleanup() {
   KIV_SM_TRACE(8, "doCleanup", " " << publishEntry_->name());
-  std::vector<SystemId> switches;
-  for (auto it = controllerdbPublishStatus_->systemIter(); it; ++it) switches.push_back(it.key());
-  for (SystemId const& id : switches) doDisconnectSwitch(id);
+  for (SystemId const& id : Kiv::keysOf(controllerdbPublishStatus_->systemIter())) doDisconnectSwitch(id);
   entityPresenceCheckTimeMinIs(Kiv::kInfinity);
 }
 

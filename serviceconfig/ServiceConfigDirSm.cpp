@@ -7,14 +7,6 @@
 
 namespace Controller {
 
-namespace {
-std::vector<Kiv::Name> namesIn(Kiv::PtrConst<Kiv::Dir> const& dir) {
-  std::vector<Kiv::Name> names;
-  for (auto it = dir->entityPtrIter(); it; ++it) names.push_back(it.key());
-  return names;
-}
-}  // namespace
-
 ServiceConfigDirSm::ServiceConfigDirSm(Kiv::PtrConst<Controllerdb::Status> const& controllerdbStatus,
                                        Kiv::PtrConst<Kiv::Dir> const& mountConfigDir,
                                        Kiv::Ptr<Kiv::Dir> const& mountStatusDir,
@@ -45,19 +37,19 @@ void ServiceConfigDirSm::handleInitialized() {
 void ServiceConfigDirSm::handleServiceMount() {
   KIV_SM_TRACE(8, "handleServiceMount", "");
   if (!initialized_) return;
-  for (Kiv::Name const& name : namesIn(mountConfigDir_)) handleServiceMount(name);
+  for (Kiv::Name const& name : Kiv::keysOf(mountConfigDir_->entityPtrIter())) handleServiceMount(name);
 }
 
 void ServiceConfigDirSm::handleProxyServiceMount() {
   KIV_SM_TRACE(8, "handleProxyServiceMount", "");
   if (!initialized_) return;
-  for (Kiv::Name const& name : namesIn(proxyMountConfigDir_)) handleProxyServiceMount(name);
+  for (Kiv::Name const& name : Kiv::keysOf(proxyMountConfigDir_->entityPtrIter())) handleProxyServiceMount(name);
 }
 
 void ServiceConfigDirSm::handleServicePublish() {
   KIV_SM_TRACE(8, "handleServicePublish", "");
   if (!initialized_) return;
-  for (Kiv::Name const& name : namesIn(publishConfigDir_)) handleServicePublish(name);
+  for (Kiv::Name const& name : Kiv::keysOf(publishConfigDir_->entityPtrIter())) handleServicePublish(name);
 }
 
 void ServiceConfigDirSm::handleServiceMount(Kiv::Name const& service) {

@@ -43,9 +43,7 @@ void ServiceMountConfigSm::handleServiceName() {
 void ServiceMountConfigSm::handleMountGroupConfig() {
   KIV_SM_TRACE(8, "handleMountGroupConfig", "");
   if (!initialized_) return;
-  std::vector<Kiv::Name> groups;
-  for (auto it = serviceMountConfig_->mountGroupConfigIter(); it; ++it) groups.push_back(it.key());
-  for (Kiv::Name const& group : groups) handleMountGroupConfig(group);
+  for (Kiv::Name const& group : Kiv::keysOf(serviceMountConfig_->mountGroupConfigIter())) handleMountGroupConfig(group);
 }
 
 void ServiceMountConfigSm::handleMountGroupConfig(Kiv::Name const& group) {

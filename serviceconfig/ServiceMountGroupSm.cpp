@@ -44,9 +44,7 @@ void ServiceMountGroupSm::handleLeaderGenId() {
 void ServiceMountGroupSm::handleMountConfig() {
   if (!initialized_) return;
   KIV_SM_TRACE(8, "handleMountConfig", "");
-  std::vector<Kiv::Name> paths;
-  for (auto it = mountGroupConfig_->mountConfigIter(); it; ++it) paths.push_back(it.key());
-  for (Kiv::Name const& path : paths) handleMountConfig(path);
+  for (Kiv::Name const& path : Kiv::keysOf(mountGroupConfig_->mountConfigIter())) handleMountConfig(path);
 }
 
 void ServiceMountGroupSm::handleMountConfig(Kiv::Name const& remotePath) {
@@ -124,9 +122,7 @@ void ServiceMountGroupSm::removeMountConfig(Kiv::Name const& remotePath) {
 
 void ServiceMountGroupSm::doCleanup() {
   KIV_SM_TRACE(8, "doCleanup", "");
-  std::vector<Kiv::Name> paths;
-  for (auto it = mountGroupConfig_->mountConfigIter(); it; ++it) paths.push_back(it.key());
-  for (Kiv::Name const& path : paths) removeMountConfig(path);
+  for (Kiv::Name const& path : Kiv::keysOf(mountGroupConfig_->mountConfigIter())) removeMountConfig(path);
 }
 
 }  // namespace Controller

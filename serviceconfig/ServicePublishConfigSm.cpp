@@ -23,9 +23,7 @@ ServicePublishConfigSm::~ServicePublishConfigSm() = default;
 // service's readiness.
 void ServicePublishConfigSm::doCleanup() {
   KIV_SM_TRACE(8, "doCleanup", "");
-  std::vector<Kiv::Name> groups;
-  for (auto it = publishGroupSm_.begin(); it; ++it) groups.push_back(it.key());
-  for (Kiv::Name const& group : groups) {
+  for (Kiv::Name const& group : Kiv::keysOf(publishGroupSm_.begin())) {
     publishGroupSmDel(group);
     servicePublishStatus_->servicePublishGroupStatusDel(group);
   }
@@ -61,9 +59,7 @@ void ServicePublishConfigSm::handleLeaderGenId() {
   if (canPublish()) {
     // The entries come back before the readiness, so that the registry has them to wait for;
     // the groups' own reactors then find them in place.
-    std::vector<Kiv::Ptr<ServicePublishGroupSm>> groups;
-    for (auto it = publishGroupSm_.begin(); it; ++it) groups.push_back(it.value());
-    for (auto const& group : groups) group->handleLeaderGenId();
+    for (auto const& group : Kiv::valuesOf(publishGroupSm_.begin())) group->handleLeaderGenId();
     handlePublishReady();
     return;
   }
@@ -81,9 +77,8 @@ void ServicePublishConfigSm::handlePublishReady() {
 void ServicePublishConfigSm::handlePublishGroupConfig() {
   KIV_SM_TRACE(8, "handlePublishGroupConfig", "");
   if (!initialized_) return;
-  std::vector<Kiv::Name> groups;
-  for (auto it = servicePublishConfig_->publishGroupConfigIter(); it; ++it) groups.push_back(it.key());
-  for (Kiv::Name const& group : groups) handlePublishGroupConfig(group);
+  for (Kiv::Name const& group : Kiv::keysOf(servicePublishConfig_->publishGroupConfigIter()))
+    handlePublishGroupConfig(group);
 }
 
 void ServicePublishConfigSm::handlePublishGroupConfig(Kiv::Name const& group) {

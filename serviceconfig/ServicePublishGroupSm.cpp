@@ -64,9 +64,7 @@ void ServicePublishGroupSm::handleVersionFilter() {
 }
 
 void ServicePublishGroupSm::handlePublishConfig() {
-  std::vector<Kiv::Name> paths;
-  for (auto it = publishGroupConfig_->publishConfigIter(); it; ++it) paths.push_back(it.key());
-  for (Kiv::Name const& path : paths) handlePublishConfig(path);
+  for (Kiv::Name const& path : Kiv::keysOf(publishGroupConfig_->publishConfigIter())) handlePublishConfig(path);
 }
 
 void ServicePublishGroupSm::handlePublishConfig(Kiv::Name const& path) {
@@ -82,9 +80,7 @@ void ServicePublishGroupSm::handlePublishConfig(Kiv::Name const& path) {
 }
 
 void ServicePublishGroupSm::handlePublishDir() {
-  std::vector<Kiv::Name> dirs;
-  for (auto it = publishGroupConfig_->publishDirIter(); it; ++it) dirs.push_back(it.key());
-  for (Kiv::Name const& dir : dirs) handlePublishDir(dir);
+  for (Kiv::Name const& dir : Kiv::keysOf(publishGroupConfig_->publishDirIter())) handlePublishDir(dir);
 }
 
 void ServicePublishGroupSm::handlePublishDir(Kiv::Name const& dir) {
@@ -149,9 +145,7 @@ void ServicePublishGroupSm::removePublishDirOrConfig(Kiv::String const& cpath) {
 
 void ServicePublishGroupSm::doCleanup() {
   KIV_SM_TRACE(8, "doCleanup", "");
-  std::vector<Kiv::Name> paths;
-  for (auto it = published_.begin(); it; ++it) paths.push_back(it.key());
-  for (Kiv::Name const& path : paths) removePublishDirOrConfig(path);
+  for (Kiv::Name const& path : Kiv::keysOf(published_.begin())) removePublishDirOrConfig(path);
   publishDirSm_.clear();
 }
 
