@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <string>
 #include <utility>
@@ -121,40 +120,6 @@ TEST_F(KitchenSinkReplication, ArrivesWholeAndFollowsEveryKindOfChange) {
   loop.runUntilIdle();
   EXPECT_EQ(r->leaf("fir")->pool(), r);
   EXPECT_TRUE(b->error().empty()) << b->error();
-}
-
-TEST_F(KitchenSinkReplication, ChangesWhileTheOutputIsFullGoOutOnceWithTheLatestState) {
-  connect();
-  Kiv::Ptr<Pool> r = replica();
-  ASSERT_TRUE(r);
-  Kiv::Ptr<Recorder<Pool>> calls(new Recorder<Pool>(r));
-  stream->stalledIs(true);
-  a->outputRoomIs(1);
-  pool->budgetIs(1);  // alone in the output, so it goes
-  std::uint64_t const before = a->framesOut();
-  pool->budgetIs(2);
-  pool->budgetIs(3);
-  pool->leafIs("ash", "", 1, Ns::colorRed);
-  pool->leafDel("ash");
-  pool->leafDel("oak");
-  pool->scoreIs(6, true);
-  pool->spare("s")->noteIs("later");
-  EXPECT_EQ(a->framesOut(), before);
-
-  a->outputRoomIs(Demuxer::kDefaultOutputRoom);
-  stream->stalledIs(false);
-  loop.runUntilIdle();
-  // budget once; the deletions of ash (never sent) and oak; the entry; the note.
-  EXPECT_EQ(a->framesOut() - before, 5u);
-  std::vector<std::string> got = callsOf(calls);
-  std::sort(got.begin(), got.end());
-  // The replica never had ash: its deletion changes nothing there.
-  EXPECT_EQ(got, (std::vector<std::string>{"budget", "budget", "leaf(oak)", "score(6)"}));
-  EXPECT_EQ(r->budget(), 3);
-  EXPECT_FALSE(r->leaf("ash"));
-  EXPECT_FALSE(r->leaf("oak"));
-  EXPECT_TRUE(r->score(6));
-  EXPECT_EQ(r->spare("s")->note(), Kiv::String("later"));
 }
 
 TEST_F(KitchenSinkReplication, ARemountKeepsWhatIsUnchangedAndDropsWhatWasNotSent) {
