@@ -13,6 +13,7 @@
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::Ge;
 using ::testing::Pair;
 using Fired = std::vector<std::pair<std::string, Kiv::Seconds>>;
 
@@ -60,7 +61,6 @@ TEST_F(ClockTest, TimersFireInTimestampOrderAtTheirOwnTimes) {
   EXPECT_EQ(Kiv::System::currentTime(), 6);
   EXPECT_EQ(b->armedInHandler, Kiv::kInfinity);  // disarmed before its handler runs
   EXPECT_EQ(a->timeMin(), Kiv::kInfinity);
-  EXPECT_EQ(c->timeMin(), 9);
   EXPECT_THAT(loop.pendingTimers(), ElementsAre(9));
 
   loop.advanceBy(3);
@@ -151,10 +151,6 @@ TEST_F(ClockTest, RunUntilStopsWhenThePredicateHoldsOrAtTheLimit) {
   EXPECT_EQ(loop.now(), 10);  // nothing needed to happen
 }
 
-}  // namespace
-
-namespace {
-
 // A timer is armed only while bound to a live loop's clock: unbinding, rebinding or destroying
 // it disarms it, and a loop that goes lets go of its timers, which then outlive it harmlessly.
 TEST_F(ClockTest, TimerLifetimeIsExact) {
@@ -227,11 +223,7 @@ TEST(EventLoopWallClock, BoundedRunEndsOnTimeWithoutSpinning) {
   double const cpu = static_cast<double>(std::clock() - cpuBefore) / CLOCKS_PER_SEC;
   Kiv::Seconds const took = loop.now() - start;
 
-  ASSERT_EQ(fired.size(), 2u);
-  EXPECT_EQ(fired[0].first, "first");
-  EXPECT_GE(fired[0].second, start + 0.02);
-  EXPECT_EQ(fired[1].first, "second");
-  EXPECT_GE(fired[1].second, start + 0.04);
+  EXPECT_THAT(fired, ElementsAre(Pair("first", Ge(start + 0.02)), Pair("second", Ge(start + 0.04))));
   EXPECT_GE(took, 0.1);
   EXPECT_LT(took, 10.0) << "the run outlived its bound";
   EXPECT_LT(cpu, took / 2) << "the loop spun instead of sleeping";
