@@ -149,10 +149,4 @@ TEST(PtrZeroRef, LastReferenceDeletesUnlessMarkedForDeferredDeletion) {
   EXPECT_EQ(deletions, 3);
 }
 
-TEST(AssertDeathTest, MessageCarriesTheExpressionText) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  int refCount = 1;
-  EXPECT_DEATH(KIV_ASSERT(refCount > 1), "assertion failed: refCount > 1");
-}
-
 }  // namespace

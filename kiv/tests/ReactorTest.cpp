@@ -97,12 +97,4 @@ TEST(ChildMapDeathTest, ChildrenLeftAtDestructionAreABrokenInvariant) {
   EXPECT_DEATH(dropChildren(), "children deleted without their clean-up");
 }
 
-TEST(Reactor, NullParameterIsRefused) {
-  EXPECT_THAT([] { Kiv::throwNullParameter("x", "Some::Class"); },
-              ThrowsMessage<Kiv::RangeException>(StrEq("null _x parameter to mutator for Some::Class::x not allowed")));
-  Kiv::Ptr<Kiv::Dir> none;
-  EXPECT_THROW(Kiv::nullCheck(none, "dir", "Some::Class"), Kiv::RangeException);
-  EXPECT_NO_THROW(Kiv::nullCheck(Kiv::Dir::DirIs("d"), "dir", "Some::Class"));
-}
-
 }  // namespace

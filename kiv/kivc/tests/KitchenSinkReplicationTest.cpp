@@ -3,10 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "KitchenSinkTesting.h"
@@ -25,8 +23,6 @@ namespace {
 
 template <class T>
 using Recorder = Ns::kivtesting::Traits<T>::Recorder;
-
-std::vector<std::string> callsOf(Kiv::Ptr<Recorder<Pool>> const& r) { return std::exchange(r->calls, {}); }
 
 class KitchenSinkReplication : public ::testing::Test {
  protected:
@@ -92,69 +88,22 @@ TEST_F(KitchenSinkReplication, ArrivesWholeAndFollowsEveryKindOfChange) {
   EXPECT_TRUE(rSpare->peer() == rOak);
   EXPECT_THROW(r->labelIs(V()), Kiv::InternalException);
 
+  // Collections, sets and references to null follow as in the model's replication tests; what
+  // the model has not: value types, I32, and init parameters changed in place.
   Kiv::Ptr<Recorder<Pool>> calls(new Recorder<Pool>(r));
   Kiv::Ptr<Recorder<Mount>> spareCalls(new Recorder<Mount>(rSpare));
   pool->labelIs(V("x", "y"));
   pool->budgetIs(INT32_MIN);
-  pool->favouriteIs(nullptr);
-  pool->leafDel("elm");
-  pool->leafIs("fir", "needle", 2, Ns::colorRed);
-  pool->scoreIs(5, true);
-  pool->scoreDel(3);
-  pool->scoreIs(4, true);
   pool->spare("s")->noteIs("changed");
   pool->spare("s")->peerIs(nullptr);
   loop.runUntilIdle();
-  EXPECT_EQ(callsOf(calls), (std::vector<std::string>{"label", "budget", "favourite", "leaf(elm)", "leaf(fir)",
-                                                      "score(5)", "score(3)", "score(4)"}));
+  EXPECT_EQ(calls->calls, (std::vector<std::string>{"label", "budget"}));
+  EXPECT_EQ(r->label(), V("x", "y"));
   EXPECT_EQ(r->budget(), INT32_MIN);
-  EXPECT_FALSE(r->leaf("elm"));
-  ASSERT_TRUE(r->leaf("fir"));
-  EXPECT_EQ(r->scoreSize(), 2u);
-  EXPECT_TRUE(r->score(4) && r->score(5));
   EXPECT_EQ(spareCalls->calls, (std::vector<std::string>{"note", "peer"}));
   EXPECT_EQ(rSpare->note(), Kiv::String("changed"));
   EXPECT_FALSE(rSpare->peer());
-
-  // A member of the new leaf follows as well: its adapter was made when it was added.
-  pool->leaf("fir")->poolIs(pool);
-  loop.runUntilIdle();
-  EXPECT_EQ(r->leaf("fir")->pool(), r);
   EXPECT_TRUE(b->error().empty()) << b->error();
-}
-
-TEST_F(KitchenSinkReplication, ChangesWhileTheOutputIsFullGoOutOnceWithTheLatestState) {
-  connect();
-  Kiv::Ptr<Pool> r = replica();
-  ASSERT_TRUE(r);
-  Kiv::Ptr<Recorder<Pool>> calls(new Recorder<Pool>(r));
-  stream->stalledIs(true);
-  a->outputRoomIs(1);
-  pool->budgetIs(1);  // alone in the output, so it goes
-  std::uint64_t const before = a->framesOut();
-  pool->budgetIs(2);
-  pool->budgetIs(3);
-  pool->leafIs("ash", "", 1, Ns::colorRed);
-  pool->leafDel("ash");
-  pool->leafDel("oak");
-  pool->scoreIs(6, true);
-  pool->spare("s")->noteIs("later");
-  EXPECT_EQ(a->framesOut(), before);
-
-  a->outputRoomIs(Demuxer::kDefaultOutputRoom);
-  stream->stalledIs(false);
-  loop.runUntilIdle();
-  // budget once; the deletions of ash (never sent) and oak; the entry; the note.
-  EXPECT_EQ(a->framesOut() - before, 5u);
-  std::vector<std::string> got = callsOf(calls);
-  std::sort(got.begin(), got.end());
-  // The replica never had ash: its deletion changes nothing there.
-  EXPECT_EQ(got, (std::vector<std::string>{"budget", "budget", "leaf(oak)", "score(6)"}));
-  EXPECT_EQ(r->budget(), 3);
-  EXPECT_FALSE(r->leaf("ash"));
-  EXPECT_FALSE(r->leaf("oak"));
-  EXPECT_TRUE(r->score(6));
-  EXPECT_EQ(r->spare("s")->note(), Kiv::String("later"));
 }
 
 TEST_F(KitchenSinkReplication, ARemountKeepsWhatIsUnchangedAndDropsWhatWasNotSent) {
@@ -248,7 +197,6 @@ TEST_F(KitchenSinkFrames, MembersAndEntriesAreCheckedWholeBeforeAnythingChanges)
   EXPECT_EQ(member("b", 8, V("c", "x"), 1, "n"), "key does not match its member's parameters");
   EXPECT_EQ(member("b", 7, V("b", "x"), 1, "n"), "handle 7 is not free");
   EXPECT_EQ(member("b", 8, V("b", "x"), 1, "n", true), "trailing bytes in frame");
-  EXPECT_NE(member("", 8, V("", "x"), 1, "n"), "");
   EXPECT_EQ(registry->mountSize(), 1u);
 
   // Equal const parameters keep the member; its init parameters go through its setters.
@@ -276,9 +224,6 @@ TEST_F(KitchenSinkFrames, MembersAndEntriesAreCheckedWholeBeforeAnythingChanges)
 
   EXPECT_EQ(apply(Registry::kivMottoAttrId, Op::value, [](Encoder& e) { e.value(Kiv::String("new")); }), "");
   EXPECT_EQ(registry->motto(), Kiv::String("new"));
-  EXPECT_EQ(apply(Registry::kivMountAttrId, Op::value, [](Encoder& e) { e.value(Kiv::String("a")); }),
-            "Ns::Registry::mount takes no value update");
-  EXPECT_EQ(apply(999, Op::value, [](Encoder&) {}), "Ns::Registry has no attribute 999");
 
   EXPECT_EQ(apply(Registry::kivMountAttrId, Op::del, [](Encoder& e) { e.value(Kiv::String("a")); }), "");
   EXPECT_EQ(registry->mountSize(), 0u);

@@ -65,11 +65,6 @@ TEST(KitchenSinkTypes, SingletonComputedKeysAndOwner) {
   EXPECT_EQ(registry->parent(), nullptr);
   EXPECT_EQ(registry->motto(), Kiv::String("hello"));
 
-  // A computed key is checked before anything is stored.
-  EXPECT_THROW(registry->mountIs(V("", "x"), 1, "n", Ns::colorRed, nullptr), Kiv::RangeException);
-  EXPECT_THROW(registry->taggedIs(V("", "x")), Kiv::RangeException);
-  EXPECT_EQ(registry->mountSize() + registry->taggedSize(), 0u);
-
   // The parent's notifiees hear of a removal only once the member has let go of it.
   struct Watch : Ns::Registry::NotifieeConst {
     using NotifieeConst::NotifieeConst;
