@@ -1,8 +1,8 @@
 #pragma once
-// Trees of every mount interface type for the replication tests, the socket peer and the fuzzer
-// corpus: a builder with every attribute away from its default, scripted changes, and a canonical
-// text of a tree (members sorted by key, references as paths from the root) read through the
-// generated test traits, so it owes nothing to the replication code it checks.
+// Trees of every mount interface type for the replication tests and the fuzzer corpus: a builder
+// with every attribute away from its default, scripted changes, and a canonical text of a tree
+// (members sorted by key, references as paths from the root) read through the generated test
+// traits, so it owes nothing to the replication code it checks.
 
 #include <map>
 #include <string>
