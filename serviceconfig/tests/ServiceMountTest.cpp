@@ -12,6 +12,32 @@ using ::testing::IsEmpty;
 
 class ServiceMount : public ::testing::Test, public ServiceConfigWorld {};
 
+TEST_F(ServiceMount, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
+  mountConfig->entryIs<ServiceMountConfig>("svc");  // no status yet
+  start();
+  EXPECT_EQ(sm->serviceMountConfigSmSize(), 0u);
+  mountStatus->entryIs<ServiceMountStatus>("svc");
+  auto machine = sm->serviceMountConfigSm("svc");
+  ASSERT_TRUE(machine);
+  EXPECT_FALSE(machine->isProxyService());
+  mountStatus->entityPtrNotify("svc");
+  EXPECT_EQ(sm->serviceMountConfigSm("svc"), machine);
+
+  // An entity that disappears keeps the machine; one replaced by another type deletes it.
+  mountStatus->entityPtrDel("svc");
+  EXPECT_EQ(sm->serviceMountConfigSm("svc"), machine);
+  mountStatus->entryIs<Kiv::Dir>("svc");
+  EXPECT_FALSE(sm->serviceMountConfigSm("svc"));
+
+  // A proxy of the same name shares the one collection: whichever pair is complete first wins.
+  proxyMountConfig->entryIs<ServiceMountConfig>("svc");
+  proxyMountStatus->entryIs<ServiceMountStatus>("svc");
+  EXPECT_TRUE(sm->serviceMountConfigSm("svc")->isProxyService());
+  mountStatus->entityPtrDel("svc");
+  mountStatus->entryIs<ServiceMountStatus>("svc");
+  EXPECT_TRUE(sm->serviceMountConfigSm("svc")->isProxyService());
+}
+
 TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
   auto svc = mountService("svcA");
   auto group = svc->mountGroupConfigIs("g1");
@@ -71,21 +97,9 @@ TEST_F(ServiceMount, TwoServicesShareOneEntryAndOnePrefix) {
   start();
   mountService("svcA")->mountGroupConfigIs("g")->mountConfigIs("/shared", "T", "r", "");
   mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/shared", "T", "r", "ignored/for/second");
-  EXPECT_EQ(registry->mountEntrySize(), 1u);
   EXPECT_THAT(mountersOf("/shared"), ElementsAre("svcA/g", "svcB/h"));
   EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/shared")->pathPrefix(), "mounts//shared");
   EXPECT_FALSE(root->entityAtPath("ignored"));
-}
-
-TEST_F(ServiceMount, WithoutAControllerGenerationOnlyProxiesMount) {
-  mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/o", "T", "r", "");
-  mountService("svc2-proxy", "old", true)->mountGroupConfigIs("g")->mountConfigIs("/x", "T", "r", "");
-  db->leaderGenIdIs("");
-  start();
-  EXPECT_THAT(mountersOf("/o"), IsEmpty());
-  EXPECT_THAT(mountersOf("/x"), ElementsAre("svc2-proxy/g"));
-  db->leaderGenIdIs("gen1");
-  EXPECT_THAT(mountersOf("/o"), ElementsAre("svc/g"));
 }
 
 TEST_F(ServiceMount, RemovingAGroupWithdrawsItsMountersBeforeItsMachineGoes) {
