@@ -2,7 +2,6 @@
 
 #include <sstream>
 
-#include "host/Scenario.h"
 #include "host/Simulation.h"
 
 namespace Host {
@@ -14,9 +13,6 @@ TEST(Simulation, ASeedIsTheSameScenarioEverywhere) {
   EXPECT_EQ(seven.substr(0, 48), "# seed 7\nheartbeat 2\ntimeout 3\nretries 0\nswitch ");
   EXPECT_EQ(generateScenario(7), seven);
   EXPECT_NE(generateScenario(8), seven);
-  // Every generated text is one the reader accepts.
-  for (std::uint64_t seed = 1; seed <= 50; ++seed)
-    EXPECT_NO_THROW(parseScenario(generateScenario(seed), "seed")) << seed;
 }
 
 TEST(Simulation, PlaysAScenarioWithEveryCheckAndTheSameLogTwice) {
