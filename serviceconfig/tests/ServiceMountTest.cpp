@@ -102,6 +102,18 @@ TEST_F(ServiceMount, TwoServicesShareOneEntryAndOnePrefix) {
   EXPECT_FALSE(root->entityAtPath("ignored"));
 }
 
+// No controller generation at all: only proxies mount.
+TEST_F(ServiceMount, WithoutAControllerGenerationOnlyProxiesMount) {
+  mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/o", "T", "r", "");
+  declared<ServiceMountConfig, ServiceMountStatus>(proxyMountConfig, proxyMountStatus, "p-proxy")
+      ->mountGroupConfigIs("g")
+      ->mountConfigIs("/x", "T", "r", "");
+  db->leaderGenIdIs("");
+  start();
+  EXPECT_THAT(mountersOf("/o"), IsEmpty());
+  EXPECT_THAT(mountersOf("/x"), ElementsAre("p-proxy/g"));
+}
+
 TEST_F(ServiceMount, RemovingAGroupWithdrawsItsMountersBeforeItsMachineGoes) {
   struct Order : MountsRegistryEntry::NotifieeConst {
     Order(Kiv::PtrConst<MountsRegistryEntry> const& e, ServiceMountConfigSm* s) : NotifieeConst(e), sm(s) {}
