@@ -38,7 +38,7 @@ TEST_F(ServiceMount, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
   EXPECT_TRUE(sm->serviceMountConfigSm("svc")->isProxyService());
 }
 
-TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
+TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargetsAndShareAnEntry) {
   auto svc = mountService("svcA");
   auto group = svc->mountGroupConfigIs("g1");
   group->mountConfigIs("/sys/a", "Sim::Record", "r", "");            // under the registry's directory
@@ -51,7 +51,6 @@ TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
   EXPECT_TRUE(root->entityAtPath("mounts/sys/a"));
   EXPECT_EQ(registry->mountEntry("/sys/b")->targetPath(), "local/b/here");
   EXPECT_TRUE(Kiv::entityCast<Kiv::Dir>(root->entityAtPath("local/b/here")));
-  EXPECT_THAT(mountersOf("/sys/a"), ElementsAre("svcA/g1"));
   auto status = mountStatusOf("svcA");
   EXPECT_EQ(status->mountedPathPrefix("/sys/a")->pathPrefix(), "mounts//sys/a");
   EXPECT_EQ(status->mountedPathPrefix("/sys/b")->pathPrefix(), "local/b/here");
@@ -61,13 +60,19 @@ TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
   EXPECT_EQ(status->serviceName(), "svcA2");
   svc->serviceNameIs("svcA");
 
+  // Another service shares the entry and its prefix: its own target is not made.
+  mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/sys/a", "Sim::Record", "r", "ignored/for/second");
+  EXPECT_THAT(mountersOf("/sys/a"), ElementsAre("svcA/g1", "svcB/h"));
+  EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/sys/a")->pathPrefix(), "mounts//sys/a");
+  EXPECT_FALSE(root->entityAtPath("ignored"));
+
   // Paths come and go with the configuration; the entry stays without mounters.
   group->mountConfigIs("/sys/c", "Sim::Record", "r", "");
   EXPECT_THAT(mountersOf("/sys/c"), ElementsAre("svcA/g1"));
-  group->mountConfigDel("/sys/a");
-  EXPECT_THAT(mountersOf("/sys/a"), IsEmpty());
-  EXPECT_TRUE(registry->mountEntry("/sys/a"));
-  EXPECT_FALSE(status->mountedPathPrefix("/sys/a"));
+  group->mountConfigDel("/sys/b");
+  EXPECT_THAT(mountersOf("/sys/b"), IsEmpty());
+  EXPECT_TRUE(registry->mountEntry("/sys/b"));
+  EXPECT_FALSE(status->mountedPathPrefix("/sys/b"));
 }
 
 TEST_F(ServiceMount, TheMounterIsAddedAfterItsPrefixAndTheFirstGroupOfAServiceWins) {
@@ -91,15 +96,6 @@ TEST_F(ServiceMount, TheMounterIsAddedAfterItsPrefixAndTheFirstGroupOfAServiceWi
   b->mountGroupConfigDel("g2");
   EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
   EXPECT_TRUE(mountStatusOf("svcB")->mountedPathPrefix("/p"));
-}
-
-TEST_F(ServiceMount, TwoServicesShareOneEntryAndOnePrefix) {
-  start();
-  mountService("svcA")->mountGroupConfigIs("g")->mountConfigIs("/shared", "T", "r", "");
-  mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/shared", "T", "r", "ignored/for/second");
-  EXPECT_THAT(mountersOf("/shared"), ElementsAre("svcA/g", "svcB/h"));
-  EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/shared")->pathPrefix(), "mounts//shared");
-  EXPECT_FALSE(root->entityAtPath("ignored"));
 }
 
 // No controller generation at all: only proxies mount.
