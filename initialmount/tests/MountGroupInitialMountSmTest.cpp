@@ -130,9 +130,7 @@ TEST_F(MountGroupInitialMountTest, ADemuxerThatCatchesUpCompletesTheFlushAtTheNe
   sw(1).attrLogStream()->stalledIs(true);
   loop.advanceTo(50);
   sw(1).attrLogStream()->stalledIs(false);
-  completesAt(51);
-  EXPECT_THAT(capture.messages(8),
-              Contains("MountGroupInitialMountSm::handleAttrlogFlushTimer Attrlog flush completed for svc:g"));
+  completesAt(51);  // long before the timeout at 126
 }
 
 TEST_F(MountGroupInitialMountTest, WithoutConnectedPassiveDemuxersCompletionIsWrittenWhenThePeriodEnds) {

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "serviceconfig/DirPath.h"
 #include "serviceconfig/tests/ServiceConfigFixture.h"
 
@@ -11,6 +13,15 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class ServiceMount : public ::testing::Test, public ServiceConfigWorld {};
+
+// What `probe` says each time an entry's mounters change.
+struct OnMounter : MountsRegistryEntry::NotifieeConst {
+  OnMounter(Kiv::PtrConst<MountsRegistryEntry> const& e, std::function<bool()> p)
+      : NotifieeConst(e), probe(std::move(p)) {}
+  void onMounter(Kiv::String const&) override { seen.push_back(probe()); }
+  std::function<bool()> probe;
+  std::vector<bool> seen;
+};
 
 TEST_F(ServiceMount, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
   mountConfig->entryIs<ServiceMountConfig>("svc");  // no status yet
@@ -76,26 +87,20 @@ TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargetsAndShareAnEnt
 }
 
 TEST_F(ServiceMount, TheMounterIsAddedAfterItsPrefixAndTheFirstGroupOfAServiceWins) {
-  struct PrefixOnMounter : MountsRegistryEntry::NotifieeConst {
-    PrefixOnMounter(Kiv::PtrConst<MountsRegistryEntry> const& e, Kiv::Ptr<ServiceMountStatus> s)
-        : NotifieeConst(e), status(std::move(s)) {}
-    void onMounter(Kiv::String const&) override { prefixSeen.push_back(bool(status->mountedPathPrefix("/p"))); }
-    Kiv::Ptr<ServiceMountStatus> status;
-    std::vector<bool> prefixSeen;
-  };
   start();
   auto b = mountService("svcB");
   auto entry = registry->mountEntryIs("/p", "mounts//p", "T", "r");
-  Kiv::Ptr<PrefixOnMounter> watch(new PrefixOnMounter(entry, mountStatusOf("svcB")));
+  auto status = mountStatusOf("svcB");
+  Kiv::Ptr<OnMounter> prefixSeen(new OnMounter(entry, [&] { return !!status->mountedPathPrefix("/p"); }));
   b->mountGroupConfigIs("g1")->mountConfigIs("/p", "T", "r", "");
   b->mountGroupConfigIs("g2")->mountConfigIs("/p", "T", "r", "");
-  EXPECT_THAT(watch->prefixSeen, ElementsAre(true));
+  EXPECT_THAT(prefixSeen->seen, ElementsAre(true));
   EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
 
   // The losing group's withdrawal leaves the winner's mounter and prefix alone.
   b->mountGroupConfigDel("g2");
   EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
-  EXPECT_TRUE(mountStatusOf("svcB")->mountedPathPrefix("/p"));
+  EXPECT_TRUE(status->mountedPathPrefix("/p"));
 }
 
 // No controller generation at all: only proxies mount.
@@ -111,19 +116,14 @@ TEST_F(ServiceMount, WithoutAControllerGenerationOnlyProxiesMount) {
 }
 
 TEST_F(ServiceMount, RemovingAGroupWithdrawsItsMountersBeforeItsMachineGoes) {
-  struct Order : MountsRegistryEntry::NotifieeConst {
-    Order(Kiv::PtrConst<MountsRegistryEntry> const& e, ServiceMountConfigSm* s) : NotifieeConst(e), sm(s) {}
-    void onMounter(Kiv::String const&) override { machinePresent.push_back(bool(sm->mountGroupSm("g"))); }
-    ServiceMountConfigSm* sm;
-    std::vector<bool> machinePresent;
-  };
   auto svc = mountService("svc");
   svc->mountGroupConfigIs("g")->mountConfigIs("/a", "T", "r", "");
   start();
   auto configSm = sm->serviceMountConfigSm("svc");
-  Kiv::Ptr<Order> order(new Order(registry->mountEntry("/a"), configSm.ptr()));
+  Kiv::Ptr<OnMounter> machineSeen(
+      new OnMounter(registry->mountEntry("/a"), [&] { return !!configSm->mountGroupSm("g"); }));
   svc->mountGroupConfigDel("g");
-  EXPECT_THAT(order->machinePresent, ElementsAre(true));
+  EXPECT_THAT(machineSeen->seen, ElementsAre(true));
   EXPECT_FALSE(configSm->mountGroupSm("g"));
   EXPECT_EQ(mountStatusOf("svc")->mountedPathPrefixSize(), 0u);
 }
