@@ -54,6 +54,13 @@ class InitialMountTest : public ::testing::Test, public Host::Wiring {
     return service ? service->mountGroupInitialMountSm(g) : nullptr;
   }
   bool complete(std::string const& g = "g") { return status()->initialMountsComplete(g); }
+  // Completion is written at t and not a millisecond before.
+  void completesAt(Kiv::Seconds t) {
+    loop.advanceTo(t - 0.001);
+    EXPECT_FALSE(complete()) << "before " << t;
+    loop.advanceTo(t);
+    EXPECT_TRUE(complete()) << "at " << t;
+  }
 
   Kiv::TraceCapture capture;
   Kiv::Ptr<InitialMountSm>& sm = initialMount;

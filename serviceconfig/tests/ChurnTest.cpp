@@ -1,6 +1,10 @@
 // The whole mount and publish side under the churn the seeded simulation does not play: filters
 // swapped, entities replaced, entries that come and go, machines shut down.
-#include "serviceconfig/tests/EndToEndFixture.h"
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/SimNetwork.h"
+#include "serviceconfig/tests/ServiceConfigFixture.h"
 
 namespace Controller::testing {
 namespace {
@@ -9,28 +13,29 @@ using ::testing::Contains;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-class Churn : public EndToEnd {
+// The service configuration machines and the registry machines over simulated switches.
+class Churn : public ::testing::Test, public ServiceConfigWorld {
  protected:
+  Churn() : ServiceConfigWorld({.initialMount = false}) {}
+  Kiv::Ptr<MountStatus> statusOf(std::string const& service, Sim::Switch const& s, std::string const& group,
+                                 std::string const& path) {
+    auto system = mountStatusOf(service)->systemStatus(s.name());
+    auto groupStatus = system ? system->serviceMountGroupStatus(group) : nullptr;
+    return groupStatus ? groupStatus->mountStatus(path) : nullptr;
+  }
   // A publishing service of the current generation, ready, with one group "g".
-  Kiv::Ptr<ServicePublishConfig> publisher(std::string const& name = "pub") {
-    auto svc = publishService(name);
+  Kiv::Ptr<ServicePublishConfig> publisher() {
+    auto svc = publishService("pub");
     svc->readyIs(true);
     svc->publishGroupConfigIs("g");
     return svc;
   }
-  bool publishedTo(Sim::Switch const& s, std::string const& path) {
-    auto system = dbPublish->system(s.systemId());
-    return system && !!system->publishedMount(path);
-  }
   Kiv::Ptr<SystemStatus> systemStatus(std::string const& service, Sim::Switch const& s) {
     return mountStatusOf(service)->systemStatus(s.name());
   }
-  bool ready(std::string const& service = "pub") { return dbPublish->servicePublishReady(service); }
-  // The publisher's group "g" publishes /local/state, which exists.
-  void publishState(Kiv::Ptr<ServicePublishConfig> const& pub) {
-    pub->publishGroupConfig("g")->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
-    root->subdirIs("local")->entryIs<Kiv::Dir>("state");
-  }
+  bool ready() { return dbPublish->servicePublishReady("pub"); }
+
+  Sim::Network& network = *net;
 };
 
 // Every value the publish status's readiness of a service took, in order.
@@ -56,7 +61,7 @@ TEST_F(Churn, AGroupThatTakesAnotherFilterIsFollowed) {
   }
   g->systemFilterIs(only[0]);
   g->mountConfigIs("/a", "Sim::Record", "r", "");
-  startAll();
+  start();
   auto mounted = [&](Sim::Switch const& s) {
     auto row = statusOf("svc", s, "g", "/a");
     return row && row->mountState() == mountStateMounted;
@@ -84,7 +89,7 @@ TEST_F(Churn, PublishReadinessComesBackOnlyOnceEveryEntryIsProcessed) {
   auto local = root->subdirIs("local");
   local->entryIs<Kiv::Dir>("a");
   local->entryIs<Kiv::Dir>("b");
-  startAll();
+  start();
   ASSERT_TRUE(ready());
 
   // When the generation comes back, the entries come back before the readiness does, and it waits
@@ -116,7 +121,7 @@ TEST_F(Churn, AReplacedStatusEntityTakesTheRowsAlongAndAFreshOneGetsThemBack) {
   s1.entityIs("b");
   s1.serviceVersionIs("svc", 1).connect();
   mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/b", "Sim::Record", "r", "");
-  startAll();
+  start();
   loop.advanceBy(2);
   Kiv::Ptr<ServiceMountStatus> old = mountStatusOf("svc");
   ASSERT_EQ(statusOf("svc", s1, "g", "/b")->mountState(), mountStateMounted);
@@ -143,7 +148,7 @@ TEST_F(Churn, AMounterLeavesWhatOtherGroupsAndPathsStillUse) {
   g->versionFilterIs(versions);
   g->mountConfigIs("/a", "Sim::Record", "r", "");
   g->mountConfigIs("/b", "Sim::Record", "r", "");
-  startAll();
+  start();
   ASSERT_TRUE(systemStatus("svc", s1)->serviceMountGroupStatus("g"));
   // Written by someone else, empty: not a mounter's to remove.
   mountStatusOf("svc")->systemStatusIs("00:00:00:00:00:09");
@@ -164,11 +169,13 @@ class Shutdown : public Churn {
     s1.entityIs("a");
     s1.serviceVersionIs("svc", 1).serviceVersionIs("pub", 1).connect();
     mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/a", "Sim::Record", "r", "");
-    publishState(publisher());
-    startAll();
+    publisher()->publishGroupConfig("g")->publishConfigIs("/local/state", "/remote/state", "Sim::Record");
+    root->subdirIs("local")->entryIs<Kiv::Dir>("state");
+    start();
     loop.advanceBy(2);
     EXPECT_EQ(statusOf("svc", s1, "g", "/a")->mountState(), mountStateMounted);
-    EXPECT_TRUE(publishedTo(s1, "/local/state"));
+    auto published = dbPublish->system(s1.systemId());
+    EXPECT_TRUE(published && !!published->publishedMount("/local/state"));
     EXPECT_TRUE(ready());
     return s1;
   }

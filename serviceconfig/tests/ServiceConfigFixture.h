@@ -21,24 +21,24 @@ struct ServiceConfigWorld : Host::Wiring {
 
   Kiv::Ptr<ServiceConfigDirSm>& sm = serviceConfig;
 
-  // A service's mount configuration and status; proxy services go to the proxy directories.
-  Kiv::Ptr<ServiceMountConfig> mountService(std::string const& name, std::string const& genId = "gen1",
-                                            bool proxy = false) {
-    auto config = (proxy ? proxyMountConfig : mountConfig)->entryIs<ServiceMountConfig>(name);
-    config->leaderGenIdIs(genId);
+  // A service's configuration, of the current generation, and its status.
+  template <class Config, class Status>
+  Kiv::Ptr<Config> declared(Kiv::Ptr<Kiv::Dir> const& configs, Kiv::Ptr<Kiv::Dir> const& statuses,
+                            std::string const& name) {
+    auto config = configs->entryIs<Config>(name);
+    config->leaderGenIdIs("gen1");
     config->serviceNameIs(name);
-    (proxy ? proxyMountStatus : mountStatus)->entryIs<ServiceMountStatus>(name);
+    statuses->entryIs<Status>(name);
     return config;
   }
-  Kiv::Ptr<ServiceMountStatus> mountStatusOf(std::string const& name, bool proxy = false) {
-    return Kiv::entityCast<ServiceMountStatus>((proxy ? proxyMountStatus : mountStatus)->entityPtr(name));
+  Kiv::Ptr<ServiceMountConfig> mountService(std::string const& name) {
+    return declared<ServiceMountConfig, ServiceMountStatus>(mountConfig, mountStatus, name);
   }
-  Kiv::Ptr<ServicePublishConfig> publishService(std::string const& name, std::string const& genId = "gen1") {
-    auto config = publishConfig->entryIs<ServicePublishConfig>(name);
-    config->leaderGenIdIs(genId);
-    config->serviceNameIs(name);
-    publishStatus->entryIs<ServicePublishStatus>(name);
-    return config;
+  Kiv::Ptr<ServicePublishConfig> publishService(std::string const& name) {
+    return declared<ServicePublishConfig, ServicePublishStatus>(publishConfig, publishStatus, name);
+  }
+  Kiv::Ptr<ServiceMountStatus> mountStatusOf(std::string const& name) {
+    return Kiv::entityCast<ServiceMountStatus>(mountStatus->entityPtr(name));
   }
   Kiv::Ptr<ServicePublishStatus> publishStatusOf(std::string const& name) {
     return Kiv::entityCast<ServicePublishStatus>(publishStatus->entityPtr(name));

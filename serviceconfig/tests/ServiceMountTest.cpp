@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "serviceconfig/DirPath.h"
 #include "serviceconfig/tests/ServiceConfigFixture.h"
 
@@ -12,7 +14,42 @@ using ::testing::IsEmpty;
 
 class ServiceMount : public ::testing::Test, public ServiceConfigWorld {};
 
-TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
+// What `probe` says each time an entry's mounters change.
+struct OnMounter : MountsRegistryEntry::NotifieeConst {
+  OnMounter(Kiv::PtrConst<MountsRegistryEntry> const& e, std::function<bool()> p)
+      : NotifieeConst(e), probe(std::move(p)) {}
+  void onMounter(Kiv::String const&) override { seen.push_back(probe()); }
+  std::function<bool()> probe;
+  std::vector<bool> seen;
+};
+
+TEST_F(ServiceMount, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
+  mountConfig->entryIs<ServiceMountConfig>("svc");  // no status yet
+  start();
+  EXPECT_EQ(sm->serviceMountConfigSmSize(), 0u);
+  mountStatus->entryIs<ServiceMountStatus>("svc");
+  auto machine = sm->serviceMountConfigSm("svc");
+  ASSERT_TRUE(machine);
+  EXPECT_FALSE(machine->isProxyService());
+  mountStatus->entityPtrNotify("svc");
+  EXPECT_EQ(sm->serviceMountConfigSm("svc"), machine);
+
+  // An entity that disappears keeps the machine; one replaced by another type deletes it.
+  mountStatus->entityPtrDel("svc");
+  EXPECT_EQ(sm->serviceMountConfigSm("svc"), machine);
+  mountStatus->entryIs<Kiv::Dir>("svc");
+  EXPECT_FALSE(sm->serviceMountConfigSm("svc"));
+
+  // A proxy of the same name shares the one collection: whichever pair is complete first wins.
+  proxyMountConfig->entryIs<ServiceMountConfig>("svc");
+  proxyMountStatus->entryIs<ServiceMountStatus>("svc");
+  EXPECT_TRUE(sm->serviceMountConfigSm("svc")->isProxyService());
+  mountStatus->entityPtrDel("svc");
+  mountStatus->entryIs<ServiceMountStatus>("svc");
+  EXPECT_TRUE(sm->serviceMountConfigSm("svc")->isProxyService());
+}
+
+TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargetsAndShareAnEntry) {
   auto svc = mountService("svcA");
   auto group = svc->mountGroupConfigIs("g1");
   group->mountConfigIs("/sys/a", "Sim::Record", "r", "");            // under the registry's directory
@@ -25,83 +62,67 @@ TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargets) {
   EXPECT_TRUE(root->entityAtPath("mounts/sys/a"));
   EXPECT_EQ(registry->mountEntry("/sys/b")->targetPath(), "local/b/here");
   EXPECT_TRUE(Kiv::entityCast<Kiv::Dir>(root->entityAtPath("local/b/here")));
-  EXPECT_THAT(mountersOf("/sys/a"), ElementsAre("svcA/g1"));
   auto status = mountStatusOf("svcA");
   EXPECT_EQ(status->mountedPathPrefix("/sys/a")->pathPrefix(), "mounts//sys/a");
   EXPECT_EQ(status->mountedPathPrefix("/sys/b")->pathPrefix(), "local/b/here");
-  EXPECT_EQ(a->mounter("svcA")->mountGroupConfig(), group);
   EXPECT_EQ(status->serviceName(), "svcA");
   svc->serviceNameIs("svcA2");
   EXPECT_EQ(status->serviceName(), "svcA2");
   svc->serviceNameIs("svcA");
 
+  // Another service shares the entry and its prefix: its own target is not made.
+  mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/sys/a", "Sim::Record", "r", "ignored/for/second");
+  EXPECT_THAT(mountersOf("/sys/a"), ElementsAre("svcA/g1", "svcB/h"));
+  EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/sys/a")->pathPrefix(), "mounts//sys/a");
+  EXPECT_FALSE(root->entityAtPath("ignored"));
+
   // Paths come and go with the configuration; the entry stays without mounters.
   group->mountConfigIs("/sys/c", "Sim::Record", "r", "");
   EXPECT_THAT(mountersOf("/sys/c"), ElementsAre("svcA/g1"));
-  group->mountConfigDel("/sys/a");
-  EXPECT_THAT(mountersOf("/sys/a"), IsEmpty());
-  EXPECT_TRUE(registry->mountEntry("/sys/a"));
-  EXPECT_FALSE(status->mountedPathPrefix("/sys/a"));
+  group->mountConfigDel("/sys/b");
+  EXPECT_THAT(mountersOf("/sys/b"), IsEmpty());
+  EXPECT_TRUE(registry->mountEntry("/sys/b"));
+  EXPECT_FALSE(status->mountedPathPrefix("/sys/b"));
 }
 
 TEST_F(ServiceMount, TheMounterIsAddedAfterItsPrefixAndTheFirstGroupOfAServiceWins) {
-  struct PrefixOnMounter : MountsRegistryEntry::NotifieeConst {
-    PrefixOnMounter(Kiv::PtrConst<MountsRegistryEntry> const& e, Kiv::Ptr<ServiceMountStatus> s)
-        : NotifieeConst(e), status(std::move(s)) {}
-    void onMounter(Kiv::String const&) override { prefixSeen.push_back(bool(status->mountedPathPrefix("/p"))); }
-    Kiv::Ptr<ServiceMountStatus> status;
-    std::vector<bool> prefixSeen;
-  };
   start();
   auto b = mountService("svcB");
   auto entry = registry->mountEntryIs("/p", "mounts//p", "T", "r");
-  Kiv::Ptr<PrefixOnMounter> watch(new PrefixOnMounter(entry, mountStatusOf("svcB")));
+  auto status = mountStatusOf("svcB");
+  Kiv::Ptr<OnMounter> prefixSeen(new OnMounter(entry, [&] { return !!status->mountedPathPrefix("/p"); }));
   b->mountGroupConfigIs("g1")->mountConfigIs("/p", "T", "r", "");
   b->mountGroupConfigIs("g2")->mountConfigIs("/p", "T", "r", "");
-  EXPECT_THAT(watch->prefixSeen, ElementsAre(true));
+  EXPECT_THAT(prefixSeen->seen, ElementsAre(true));
   EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
 
   // The losing group's withdrawal leaves the winner's mounter and prefix alone.
   b->mountGroupConfigDel("g2");
   EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
-  EXPECT_TRUE(mountStatusOf("svcB")->mountedPathPrefix("/p"));
+  EXPECT_TRUE(status->mountedPathPrefix("/p"));
 }
 
-TEST_F(ServiceMount, TwoServicesShareOneEntryAndOnePrefix) {
-  start();
-  mountService("svcA")->mountGroupConfigIs("g")->mountConfigIs("/shared", "T", "r", "");
-  mountService("svcB")->mountGroupConfigIs("h")->mountConfigIs("/shared", "T", "r", "ignored/for/second");
-  EXPECT_EQ(registry->mountEntrySize(), 1u);
-  EXPECT_THAT(mountersOf("/shared"), ElementsAre("svcA/g", "svcB/h"));
-  EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/shared")->pathPrefix(), "mounts//shared");
-  EXPECT_FALSE(root->entityAtPath("ignored"));
-}
-
+// No controller generation at all: only proxies mount.
 TEST_F(ServiceMount, WithoutAControllerGenerationOnlyProxiesMount) {
   mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/o", "T", "r", "");
-  mountService("svc2-proxy", "old", true)->mountGroupConfigIs("g")->mountConfigIs("/x", "T", "r", "");
+  declared<ServiceMountConfig, ServiceMountStatus>(proxyMountConfig, proxyMountStatus, "p-proxy")
+      ->mountGroupConfigIs("g")
+      ->mountConfigIs("/x", "T", "r", "");
   db->leaderGenIdIs("");
   start();
   EXPECT_THAT(mountersOf("/o"), IsEmpty());
-  EXPECT_THAT(mountersOf("/x"), ElementsAre("svc2-proxy/g"));
-  db->leaderGenIdIs("gen1");
-  EXPECT_THAT(mountersOf("/o"), ElementsAre("svc/g"));
+  EXPECT_THAT(mountersOf("/x"), ElementsAre("p-proxy/g"));
 }
 
 TEST_F(ServiceMount, RemovingAGroupWithdrawsItsMountersBeforeItsMachineGoes) {
-  struct Order : MountsRegistryEntry::NotifieeConst {
-    Order(Kiv::PtrConst<MountsRegistryEntry> const& e, ServiceMountConfigSm* s) : NotifieeConst(e), sm(s) {}
-    void onMounter(Kiv::String const&) override { machinePresent.push_back(bool(sm->mountGroupSm("g"))); }
-    ServiceMountConfigSm* sm;
-    std::vector<bool> machinePresent;
-  };
   auto svc = mountService("svc");
   svc->mountGroupConfigIs("g")->mountConfigIs("/a", "T", "r", "");
   start();
   auto configSm = sm->serviceMountConfigSm("svc");
-  Kiv::Ptr<Order> order(new Order(registry->mountEntry("/a"), configSm.ptr()));
+  Kiv::Ptr<OnMounter> machineSeen(
+      new OnMounter(registry->mountEntry("/a"), [&] { return !!configSm->mountGroupSm("g"); }));
   svc->mountGroupConfigDel("g");
-  EXPECT_THAT(order->machinePresent, ElementsAre(true));
+  EXPECT_THAT(machineSeen->seen, ElementsAre(true));
   EXPECT_FALSE(configSm->mountGroupSm("g"));
   EXPECT_EQ(mountStatusOf("svc")->mountedPathPrefixSize(), 0u);
 }
