@@ -104,32 +104,6 @@ class MountsRegistryEntrySmTest : public ::testing::Test, public EntryWorld {};
 class MounterConfigSmTest : public ::testing::Test, public EntryWorld {};
 class MounterConfigSmDeathTest : public MounterConfigSmTest {};
 
-TEST_F(MountsRegistryEntrySmTest, AWildcardMounterTakesEverySwitchThatNegotiatedItsService) {
-  auto svc = service("svc");
-  mount(svc, "g", "/sys/a");
-  auto& s1 = offering(kS1, "svc");
-  auto& s2 = offering(kS2, "other");
-  s1.connect();
-  s2.connect();
-  start();
-  auto entry = entrySm("/sys/a");
-  ASSERT_TRUE(entry);
-  EXPECT_TRUE(entry->wildCardMount());
-  loop.advanceBy(2);
-
-  EXPECT_TRUE(copied(s1, "/sys/a"));
-  ASSERT_TRUE(row("svc", s1, "g", "/sys/a"));
-  EXPECT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateMounted);
-  EXPECT_EQ(row("svc", s1, "g", "/sys/a")->mountedPath(), "mounts/sys/a/" + s1.name().stdString() + "/a");
-  EXPECT_EQ(groupStatus("svc", s1, "g")->mountState(), mountStateMounted);
-  EXPECT_TRUE(groupStatus("svc", s1, "g")->processed());
-
-  // No version of any mounter's service: never mounted, wildcard or not.
-  EXPECT_FALSE(entry->mountSm(s2.systemId()));
-  EXPECT_FALSE(copied(s2, "/sys/a"));
-  EXPECT_EQ(stateOf("svc", s2, "g", "/sys/a"), mountStateUnmounted);
-}
-
 TEST_F(MountsRegistryEntrySmTest, FiltersChooseTheSwitchesAndFollowTheirChanges) {
   auto svc = service("svc");
   auto systems = svc->systemFilterIs("sf");
@@ -283,13 +257,19 @@ TEST(MountsRegistryEntrySmWildcard, OnlyAGroupWithNeitherFilterIsOne) {
   }
 }
 
-TEST_F(MountsRegistryEntrySmTest, ADisabledServiceCountsAsNotNegotiated) {
+// A mounter without filters takes every switch that negotiated a version of a mounter's service,
+// and no other: a disabled service counts as not negotiated.
+TEST_F(MountsRegistryEntrySmTest, AWildcardTakesOnlyNegotiatedSwitchesAndADisabledServiceIsNot) {
   mount(service("svc"), "g", "/sys/a");
   auto& s1 = offering(kS1, "svc");
   s1.connect();
   start();
   loop.advanceBy(2);
+  EXPECT_TRUE(entrySm("/sys/a")->wildCardMount());
   ASSERT_EQ(stateOf("svc", s1, "g", "/sys/a"), mountStateMounted);
+  EXPECT_EQ(row("svc", s1, "g", "/sys/a")->mountedPath(), "mounts/sys/a/" + s1.name().stdString() + "/a");
+  EXPECT_EQ(groupStatus("svc", s1, "g")->mountState(), mountStateMounted);
+  EXPECT_TRUE(groupStatus("svc", s1, "g")->processed());
   auto status = oob->connection(s1.name())->serviceStatusDir()->service("svc");
   status->enabledIs(false);
   EXPECT_EQ(sm->negotiatedServiceVersionForConnection("svc", s1.name()), 0u);
