@@ -418,10 +418,6 @@ TEST_F(MountsRegistryEntrySmTest, FieldMessagesKeepTextLevelAndLineAndMountsHear
   other->mountGroupConfig("g")->preserveMountsOnDisconnectIs(true);
   mount(service("any"), "g", "/sys/b");
   root->subdirIs("local")->entryIs<Kiv::Dir>("a");
-  auto publish = [&](char const* path) {
-    registry->publishEntryIs(path, std::string("/remote") + path, "Sim::Record", false, "pub", nullptr, nullptr)
-        ->readyToPublishIs(true);
-  };
   publish("/local/a");
   registry->servicePublishReadyIs("pub", true);
   auto& s1 = offering(kS1, "svc").serviceVersionIs("svc2", 1).serviceVersionIs("pub", 1);

@@ -11,15 +11,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::ThrowsMessage;
 
-class RegistryPublish : public ::testing::Test, public RegistryWorld {
- protected:
-  Kiv::Ptr<PublishRegistryEntry> publish(std::string const& path, Kiv::PtrConst<MountFilterSystem> systems = nullptr,
-                                         Kiv::PtrConst<MountFilterServiceVersion> versions = nullptr) {
-    auto entry = registry->publishEntryIs(path, "/remote" + path, "Sim::Record", false, "pub", versions, systems);
-    entry->readyToPublishIs(true);
-    return entry;
-  }
-};
+class RegistryPublish : public ::testing::Test, public RegistryWorld {};
 
 TEST_F(RegistryPublish, PeersBringTheirConnectionMachinesAndPublishStatus) {
   auto& s1 = switchWith("00:00:00:00:00:01", "pub");

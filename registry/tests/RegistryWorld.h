@@ -24,6 +24,13 @@ struct RegistryWorld : Host::Wiring {
     s.connect();
     return s;
   }
+  // Service "pub" publishes the record at `path`, ready.
+  Kiv::Ptr<PublishRegistryEntry> publish(std::string const& path, Kiv::PtrConst<MountFilterSystem> systems = nullptr,
+                                         Kiv::PtrConst<MountFilterServiceVersion> versions = nullptr) {
+    auto entry = registry->publishEntryIs(path, "/remote" + path, "Sim::Record", false, "pub", versions, systems);
+    entry->readyToPublishIs(true);
+    return entry;
+  }
   Kiv::Ptr<Controllerdb::SystemPublishedMount> published(Sim::Switch const& s) {
     return dbPublish->system(s.systemId());
   }
