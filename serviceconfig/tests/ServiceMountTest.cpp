@@ -31,8 +31,6 @@ TEST_F(ServiceMount, OneMachinePerCompletePairDeletedOnlyOnATypeMismatch) {
   auto machine = sm->serviceMountConfigSm("svc");
   ASSERT_TRUE(machine);
   EXPECT_FALSE(machine->isProxyService());
-  mountStatus->entityPtrNotify("svc");
-  EXPECT_EQ(sm->serviceMountConfigSm("svc"), machine);
 
   // An entity that disappears keeps the machine; one replaced by another type deletes it.
   mountStatus->entityPtrDel("svc");
@@ -76,9 +74,7 @@ TEST_F(ServiceMount, GroupsAndPathsReachTheRegistryWithTheirTargetsAndShareAnEnt
   EXPECT_EQ(mountStatusOf("svcB")->mountedPathPrefix("/sys/a")->pathPrefix(), "mounts//sys/a");
   EXPECT_FALSE(root->entityAtPath("ignored"));
 
-  // Paths come and go with the configuration; the entry stays without mounters.
-  group->mountConfigIs("/sys/c", "Sim::Record", "r", "");
-  EXPECT_THAT(mountersOf("/sys/c"), ElementsAre("svcA/g1"));
+  // A path withdrawn from the configuration leaves its entry without mounters.
   group->mountConfigDel("/sys/b");
   EXPECT_THAT(mountersOf("/sys/b"), IsEmpty());
   EXPECT_TRUE(registry->mountEntry("/sys/b"));
@@ -100,18 +96,6 @@ TEST_F(ServiceMount, TheMounterIsAddedAfterItsPrefixAndTheFirstGroupOfAServiceWi
   b->mountGroupConfigDel("g2");
   EXPECT_THAT(mountersOf("/p"), ElementsAre("svcB/g1"));
   EXPECT_TRUE(status->mountedPathPrefix("/p"));
-}
-
-// No controller generation at all: only proxies mount.
-TEST_F(ServiceMount, WithoutAControllerGenerationOnlyProxiesMount) {
-  mountService("svc")->mountGroupConfigIs("g")->mountConfigIs("/o", "T", "r", "");
-  declared<ServiceMountConfig, ServiceMountStatus>(proxyMountConfig, proxyMountStatus, "p-proxy")
-      ->mountGroupConfigIs("g")
-      ->mountConfigIs("/x", "T", "r", "");
-  db->leaderGenIdIs("");
-  start();
-  EXPECT_THAT(mountersOf("/o"), IsEmpty());
-  EXPECT_THAT(mountersOf("/x"), ElementsAre("p-proxy/g"));
 }
 
 TEST_F(ServiceMount, RemovingAGroupWithdrawsItsMountersBeforeItsMachineGoes) {
