@@ -62,7 +62,6 @@ TEST(HostRun, TheDefaultScenarioShowsWhatItIsBuiltToShowWithTheRingLog) {
   ASSERT_EQ(hostMain({"--ringlog"}, out, err), 0) << err.str();
   std::string const& o = out.str();
   EXPECT_TRUE(has(o, "Initial mounts (t=600.0)")) << o;
-  EXPECT_TRUE(has(o, "telemetry-proxy")) << o;
   EXPECT_TRUE(has(o, "Ring log")) << o;
   // The switch without a version keeps the groups waiting for the whole 240-s window after the
   // leader generation is current again at 330 s; the flush adds one poll.

@@ -80,7 +80,6 @@ TEST_F(ServiceInitialMountTest, AServiceHasAMachineWhileItHasConfigurationAndSta
   EXPECT_NE(sm->serviceInitialMountSm("svc"), nullptr);
   mountStatus->entityPtrDel("svc");
   EXPECT_EQ(sm->serviceInitialMountSm("svc"), nullptr);
-  EXPECT_EQ(sm->serviceInitialMountSmSize(), 1u);
 }
 
 TEST_F(ServiceInitialMountTest, ARemovedGroupOrServiceTakesOnlyItsOwnCompletionWithIt) {

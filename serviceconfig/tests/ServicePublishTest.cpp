@@ -23,13 +23,9 @@ class ServicePublish : public ::testing::Test, public ServiceConfigWorld {
   }
 };
 
-TEST_F(ServicePublish, EntriesCarryTheGroupsFiltersAndDirectoriesWaitForReadiness) {
+TEST_F(ServicePublish, EntriesCarryTheGroupsFiltersDirectoriesWaitForReadinessAndGoWithTheGroup) {
   auto svc = declare("pub");
   start();
-  auto entity = registry->publishEntry("/local/pub");
-  ASSERT_TRUE(entity);
-  EXPECT_FALSE(entity->isPrefixPath());
-
   auto dir = registry->publishEntry("/dir/pub");
   ASSERT_TRUE(dir);
   EXPECT_TRUE(dir->isPrefixPath());
@@ -49,6 +45,11 @@ TEST_F(ServicePublish, EntriesCarryTheGroupsFiltersAndDirectoriesWaitForReadines
   auto groupStatus = publishStatusOf("pub")->servicePublishGroupStatus("grp");
   EXPECT_EQ(groupStatus->publishState(), publishStateComplete);
   EXPECT_EQ(groupStatus->publishStatus("/local/pub")->publishState(), publishStateComplete);
+
+  // A removed group takes its entries and its status with it.
+  svc->publishGroupConfigDel("grp");
+  EXPECT_EQ(registry->publishEntrySize(), 0u);
+  EXPECT_EQ(publishStatusOf("pub")->servicePublishGroupStatusSize(), 0u);
 }
 
 TEST_F(ServicePublish, TheFirstPublisherOfAPathKeepsItAndTheOtherIsToldAtLevelOne) {
@@ -82,25 +83,6 @@ TEST_F(ServicePublish, TheFirstPublisherOfAPathKeepsItAndTheOtherIsToldAtLevelOn
   EXPECT_EQ(registry->publishEntry("/shared"), entry);
   EXPECT_EQ(entry->remotePath(), "/r1");
   EXPECT_TRUE(entry->readyToPublish());
-}
-
-TEST_F(ServicePublish, RemovingAGroupRemovesItsEntriesBeforeItsStatus) {
-  struct Order : MountsRegistry::NotifieeConst {
-    Order(Kiv::PtrConst<MountsRegistry> const& r, Kiv::Ptr<ServicePublishStatus> s)
-        : NotifieeConst(r), status(std::move(s)) {}
-    void onPublishEntry(Kiv::Name const&) override {
-      statusPresent.push_back(bool(status->servicePublishGroupStatus("grp")));
-    }
-    Kiv::Ptr<ServicePublishStatus> status;
-    std::vector<bool> statusPresent;
-  };
-  auto svc = declare("pub");
-  start();
-  Kiv::Ptr<Order> order(new Order(registry, publishStatusOf("pub")));
-  svc->publishGroupConfigDel("grp");
-  EXPECT_THAT(order->statusPresent, ElementsAre(true, true));
-  EXPECT_EQ(publishStatusOf("pub")->servicePublishGroupStatusSize(), 0u);
-  EXPECT_EQ(registry->publishEntrySize(), 0u);
 }
 
 // A stale generation withdraws the entries; group statuses belong to the configuration and stay.
