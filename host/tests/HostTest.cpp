@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <set>
 #include <sstream>
 
 #include "host/CommandLine.h"
 #include "host/Run.h"
-#include "host/World.h"
 
 namespace Host {
 namespace {
@@ -109,23 +107,6 @@ TEST(HostRun, TheJsonReportEscapesWhatJsonRequires) {
   std::ostringstream out, err;
   ASSERT_EQ(runScenario(s, json(), out, err), 0) << err.str();
   EXPECT_TRUE(has(out.str(), "{\"service\": \"q\\\"\\\\\xc3\xa9\", \"group\": \"g\\u0001\\ufffd\"")) << out.str();
-}
-
-// The reader keeps local paths out of the world's own directories: it must know all of them.
-TEST(HostWorld, EveryDirectoryTheWorldBuildsIsOneTheReaderKnows) {
-  Scenario const s = parseScenario(std::string(kOneSwitch) +
-                                       "service svc\nmount svc g /sys/config type Sim::Record\n"
-                                       "service pub ready\nlocal /l\npublish pub pg /l remote /r type Sim::Record\n",
-                                   "t.scn");
-  World w(s, Kiv::EventLoop::Mode::virtualTime);
-  w.configure();
-  w.start();
-  w.loop.advanceTo(10);
-  std::set<std::string> const known(kHostDirs.begin(), kHostDirs.end());
-  for (auto it = w.root->entityPtrIter(); it; ++it) {
-    std::string const path = "/" + it.key().stdString();
-    EXPECT_TRUE(path == "/l" || known.count(path)) << path;
-  }
 }
 
 }  // namespace

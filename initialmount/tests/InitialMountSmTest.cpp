@@ -21,12 +21,10 @@ TEST_F(ConnectionPeriodTest, EndsThreeHeartbeatsAfterTheLastNewPeerAndReturningP
   loop.advanceTo(7);
   sw(1).flap(1);
   loop.advanceTo(10.999);
-  EXPECT_TRUE(sw(1).connected());
   EXPECT_FALSE(sm->connectionPeriod()->complete());
   loop.advanceTo(11);
   EXPECT_TRUE(sm->connectionPeriod()->complete());
   EXPECT_EQ(sm->initialSwitchSet()->initialSwitchSize(), 2u);
-  EXPECT_FALSE(sm->initialSwitchSet()->complete());
   EXPECT_EQ(capture.messages(5),
             (std::vector<std::string>{std::string(kHandlePeer) + ": reset timeMin to 6",
                                       std::string(kHandlePeer) + ": reset timeMin to 11",
@@ -50,7 +48,6 @@ TEST_F(ConnectionPeriodTest, CountsPeersFromBeforeTheStartAndNeverEndsWithoutAny
   start();
   loop.advanceTo(1000);
   EXPECT_FALSE(sm->connectionPeriod()->complete());
-  EXPECT_EQ(sm->connectionClockTimeMin(), Kiv::kInfinity);
 
   // Connected before the machine: its deadline runs from the start.
   sm = nullptr;
