@@ -34,22 +34,8 @@ constexpr BadInput kBadInputs[] = {
     {"UnknownStatement", "# fine\nfrobnicate 3\n", "2: unknown statement 'frobnicate'"},
     {"MissingValue", "heartbeat\n", "1: missing the heartbeat interval"},
     {"ZeroHeartbeat", "heartbeat 0\n", "1: bad heartbeat interval '0' (want 1e-6 to 1e9 seconds)"},
-    {"InfiniteTimeout", "timeout inf\n", "1: bad mount timeout 'inf' (want 1e-6 to 1e9 seconds)"},
-    {"EndTooFar", "run 1e10\n", "1: bad end time '1e10' (want 1e-6 to 1e9 seconds)"},
-    {"RetriesPastU32", "retries 4294967296\n", "1: bad retry count '4294967296' (want 0 to 4294967295)"},
     {"NegativeLatency", "switch 00:00:00:00:00:01 latency -1\n", "1: bad latency '-1' (want 0 or 1e-6 to 1e9 seconds)"},
-    {"SubnormalHandshake", "switch 00:00:00:00:00:01 handshake 1e-310\n",
-     "1: bad handshake latency '1e-310' (want 0 or 1e-6 to 1e9 seconds)"},
     {"VersionZero", "switch 00:00:00:00:00:01 version svc=0\n", "1: bad version '0' (want 1 to 4294967295)"},
-    {"FilterVersionPastU32", "service svc\nmount svc g /a type T versions 1,4294967296\n",
-     "2: bad version '4294967296' (want 1 to 4294967295)"},
-    {"NanDownTime", "switch 00:00:00:00:00:01\nat 1 flap 00:00:00:00:00:01 nan\n",
-     "2: bad down time 'nan' (want 1e-6 to 1e9 seconds)"},
-    {"InfiniteLatencyEvent", "switch 00:00:00:00:00:01\nat 1 latency 00:00:00:00:00:01 inf\n",
-     "2: bad latency 'inf' (want 0 or 1e-6 to 1e9 seconds)"},
-    {"EventVersionPastU32", "switch 00:00:00:00:00:01\nat 1 version 00:00:00:00:00:01 svc=99999999999\n",
-     "2: bad version '99999999999' (want 1 to 4294967295)"},
-    {"ShortAddress", "switch 00:00:01\n", "1: bad switch address '00:00:01' (want a non-zero xx:xx:xx:xx:xx:xx)"},
     {"ZeroAddress", "switch 00:00:00:00:00:00\n",
      "1: bad switch address '00:00:00:00:00:00' (want a non-zero xx:xx:xx:xx:xx:xx)"},
     {"SwitchTwice", "switch 00:00:00:00:00:0a\nswitch 00:00:00:00:00:0A\n",
@@ -57,10 +43,8 @@ constexpr BadInput kBadInputs[] = {
     {"UnknownSwitchOption", "switch 00:00:00:00:00:01 speed 3\n", "1: unknown switch option 'speed'"},
     {"VersionWithoutNumber", "switch 00:00:00:00:00:01 version svc\n", "1: bad service version 'svc' (want service=N)"},
     {"EntityWithoutPath", "switch 00:00:00:00:00:01 entity\n", "1: missing value after 'entity'"},
-    {"EntityOfSlashesOnly", "switch 00:00:00:00:00:01 entity //\n", "1: bad path '//' (a name in it is empty)"},
     {"EntityInsideEntity", "switch 00:00:00:00:00:01 entity /a /a/b\n",
      "1: entity '/a/b' overlaps entity '/a' of the same switch"},
-    {"LocalWithTrailingSlash", "local /a/\n", "1: bad path '/a/' (a name in it is empty)"},
     {"CreateWithEmptyName", "at 1 create /a//b\n", "1: bad path '/a//b' (a name in it is empty)"},
     {"UndeclaredService", "mount svc g /a type T\n", "1: unknown service 'svc' (declare it with 'service' first)"},
     {"ServiceTwice", "service svc\nservice svc\n", "2: service 'svc' declared twice"},
@@ -72,9 +56,6 @@ constexpr BadInput kBadInputs[] = {
      "2: unknown switch '00:00:00:00:00:09'"},
     {"OtherTypeForAMountedPath", "service svc\nservice web\nmount svc g /a type T\nmount web g /a type U\n",
      "4: '/a' is mounted with type 'T' and flags '' (line 3); every mount of a path must agree"},
-    {"OtherFlagsForAMountedPath",
-     "service svc\nservice web-proxy proxy\nmount svc g /a type T flags r\nmount web-proxy g /a type T\n",
-     "4: '/a' is mounted with type 'T' and flags 'r' (line 3); every mount of a path must agree"},
     {"OnePathInTwoGroups", "service svc\nmount svc g /a type T\nmount svc h /a type T\n",
      "3: service 'svc' already mounts '/a' in group 'g' (line 2)"},
     {"ProxyPublishing", "service p-proxy proxy\npublish p-proxy g /l remote /r type T\n",
@@ -82,9 +63,6 @@ constexpr BadInput kBadInputs[] = {
     {"PublishWithoutRemote", "service p\npublish p g /l type T\n", "2: publish needs 'remote <path>'"},
     {"OnePathPublishedTwiceInAGroup", "service p\npublish p g /l remote /r type T\npublish p g /l remote /s type T\n",
      "3: group 'g' of service 'p' already publishes '/l' (line 2)"},
-    {"LocalInAHostDirectory", "local /mountConfig/x\n",
-     "1: '/mountConfig/x' is under '/mountConfig', which the host builds"},
-    {"CreateInTheRegistry", "at 1 create /mounts\n", "1: '/mounts' is under '/mounts', which the host builds"},
     {"CreateAmongMountedCopies", "service svc\nmount svc g /a type T target /t\nat 1 create /t/x\n",
      "3: '/t/x' is under '/t', which holds mounted copies (line 2)"},
     {"TargetOverALocalPath", "local /t/x\nservice svc\nmount svc g /a type T target /t\n",
@@ -92,18 +70,12 @@ constexpr BadInput kBadInputs[] = {
     {"TargetInAHostDirectory", "service svc\nmount svc g /a type T target /publishStatus/x\n",
      "2: target '/publishStatus/x' is under '/publishStatus', which the host builds"},
     {"UnknownAction", "at 5 explode\n", "1: unknown action 'explode'"},
-    {"TimeNotANumber", "at soon leader gen2\n", "1: bad time 'soon' (want 0 or 1e-6 to 1e9 seconds)"},
-    {"UnknownSwitchInEvent", "at 5 connect 00:00:00:00:00:02\n", "1: unknown switch '00:00:00:00:00:02'"},
     {"NeitherOnNorOff", "service p\nat 5 ready p maybe\n", "2: want 'on' or 'off', not 'maybe'"},
     {"ExtraWord", "leader gen1 gen2\n", "1: unexpected 'gen2'"},
-    {"MissingEventArgument", "run 30\nat 1 leader g\nat 2 leader\n", "3: missing a generation id"},
     {"EventAfterRun", "at 1 leader a\nat 31 leader b\nrun 30\n", "2: event at 31 is after the end time 30 (line 3)"},
     {"EventAfterTheDefaultEnd", "at 60.5 leader b\n",
      "1: event at 60.5 is after the end time 60 (the default; 'run' sets it)"},
-    {"ControlByteInAName", "service s\x01v\n", "1: 's\\x01v' is not printable UTF-8"},
-    {"DelInAGroup", "service s\nmount s g\x7f /a type T\n", "2: 'g\\x7f' is not printable UTF-8"},
     {"C1ControlInAType", "service s\nmount s g /a type T\xc2\x85\n", "2: 'T\\xc2\\x85' is not printable UTF-8"},
-    {"StrayByteInAPath", "local /caf\xe9\n", "1: '/caf\\xe9' is not printable UTF-8"},
     {"OverlongSlash", "switch 00:00:00:00:00:01 entity /a\xc0\xaf" "b\n", "1: '/a\\xc0\\xafb' is not printable UTF-8"},
 };
 
@@ -118,12 +90,8 @@ TEST(HostScenarioParse, ReadsDeclarationsAndOrdersEventsByTimeKeepingFileOrderFo
       "versions 1,2 preserve   # trailing comment\n"
       "at 9 leader b\nat 3 leader a\nat 9 leader c\nrun 12\n",
       "x.scn");
-  ASSERT_EQ(s.switches.size(), 1u);
-  EXPECT_EQ(s.switches[0].versions.at("svc"), 1u);
-  EXPECT_EQ(s.switches[0].entities, std::vector<std::string>{"/a"});
   ASSERT_EQ(s.mounts.size(), 1u);
   auto const& m = s.mounts[0];
-  EXPECT_EQ(m.type, "Sim::Record");
   EXPECT_EQ(m.flags, "r");
   EXPECT_EQ(m.target, "/t");
   EXPECT_EQ(m.versions, (std::vector<unsigned>{1, 2}));
@@ -144,17 +112,16 @@ TEST(HostScenarioParse, AcceptsTheEdgesOfEveryRangeAndSpellsEachAddressOneWay) {
       "switch 00:00:00:00:00:0A latency 0 handshake 1e9 version svc=4294967295\n"
       "at 0 disconnect 00:00:00:00:00:0a\nat 1e9 flap 00:00:00:00:00:0A 1e-6\nrun 1e9\n",
       "x.scn");
-  EXPECT_EQ(s.heartbeat, 1e-6);
-  EXPECT_EQ(s.retries, 4294967295u);
-  EXPECT_EQ(s.until, 1e9);
   EXPECT_EQ(s.switches[0].address, "00:00:00:00:00:0a");
   ASSERT_EQ(s.events.size(), 2u);
-  EXPECT_EQ(s.events[0].words[1], "00:00:00:00:00:0a");
   EXPECT_EQ(s.events[1].words[1], "00:00:00:00:00:0a");
 }
 
-TEST(HostCommandLine, BadUsageExitsWithTwoAndHelpAndVersionWithZero) {
+// --until replaces the scenario's end: events may go up to it and no further.
+TEST(HostCommandLine, BadUsageAndEventsPastTheEndExitWithTwoAndHelpAndVersionWithZero) {
   std::ostringstream out, err;
+  EXPECT_EQ(hostMain({"--until", "100"}, out, err), 2);
+  EXPECT_EQ(err.str(), "<default>:20: event at 300 is after the end time 100 (--until)\n");
   EXPECT_EQ(hostMain({"--frob"}, out, err), 2);
   EXPECT_NE(err.str().find("unknown option '--frob'"), std::string::npos);
   for (char const* until : {"x", "nan", "inf", "0", "2e9"})
@@ -166,26 +133,16 @@ TEST(HostCommandLine, BadUsageExitsWithTwoAndHelpAndVersionWithZero) {
   EXPECT_NE(out.str().find("usage: mounthost"), std::string::npos);
   EXPECT_EQ(hostMain({"--version"}, out, err), 0);
   EXPECT_NE(out.str().find(kVersion), std::string::npos);
-}
-
-// --until replaces the scenario's end: events may go up to it and no further.
-TEST(HostCommandLine, EventsAfterTheEndGivenByUntilAreRefused) {
-  std::ostringstream out, err;
-  EXPECT_EQ(hostMain({"--until", "100"}, out, err), 2);
-  EXPECT_EQ(err.str(), "<default>:20: event at 300 is after the end time 100 (--until)\n");
-  EXPECT_EQ(out.str(), "");
   Options o;
   o.until = 5;
   EXPECT_EQ(runScenarioText("at 4 leader b\nrun 3\n", "t.scn", o, out, err), 0) << err.str();
 }
 
-TEST(HostCommandLine, ADirectoryAnEmptyFileOrOneOfCommentsIsNoScenario) {
+TEST(HostCommandLine, ADirectoryOrAFileOfOnlyCommentsIsNoScenario) {
   std::string const dir = ::testing::TempDir() + "host-input";
   std::filesystem::create_directories(dir);
-  std::ofstream(dir + "/empty.scn");
   std::ofstream(dir + "/comments.scn") << "# only\n   \t\n  # comments\r\n";
   for (auto const& [file, message] : {std::pair{dir, "is a directory, not a scenario file"},
-                                      {dir + "/empty.scn", "has no statements"},
                                       {dir + "/comments.scn", "has no statements"},
                                       {dir + "/missing.scn", "cannot read"}}) {
     std::ostringstream out, err;

@@ -44,7 +44,7 @@ struct ServiceConfigWorld : Host::Wiring {
     return Kiv::entityCast<ServicePublishStatus>(publishStatus->entityPtr(name));
   }
 
-  // "service/group" of every mounter of a path, and every path with mounters.
+  // "service/group" of every mounter of a path.
   std::vector<std::string> mountersOf(std::string const& path) {
     std::vector<std::string> out;
     if (auto entry = registry->mountEntry(path))
@@ -52,11 +52,6 @@ struct ServiceConfigWorld : Host::Wiring {
         out.push_back(it.value()->serviceName().stdString() + "/" + it.value()->groupName().stdString());
     std::sort(out.begin(), out.end());
     return out;
-  }
-  std::size_t mounterCount() {
-    std::size_t n = 0;
-    for (auto it = registry->mountEntryIter(); it; ++it) n += it.value()->mounterSize();
-    return n;
   }
 };
 
