@@ -102,35 +102,6 @@ TEST_F(Replication, EveryTypeArrivesAndFollowsChangesAsLocalReactorsSeeThemThrou
   EXPECT_TRUE(b->error().empty()) << b->error();
 }
 
-TEST_F(Replication, AKeyThatChangesFasterThanTheStreamDrainsTravelsOnceWithItsLatestState) {
-  using Controller::ServiceMountStatus;
-  start(1);
-  auto status = Kiv::entityCast<ServiceMountStatus>(local->entityPtr(modeltrees::kMountStatus));
-  auto mount = status->systemStatus("00:00:00:00:00:01")->serviceMountGroupStatus("g1")->mountStatus("/a");
-  Kiv::Ptr<Recorder<ServiceMountStatus>> there(
-      new Recorder<ServiceMountStatus>(replica<ServiceMountStatus>(modeltrees::kMountStatus)));
-
-  std::uint64_t const framesBefore = b->framesIn();
-  stream->stalledIs(true);
-  for (int i = 0; i < 100; ++i) {
-    status->initialMountsCompleteIs("k" + std::to_string(i % 5), i % 2 == 0);
-    mount->mountStateIs(static_cast<Controller::MountState>(i % 5));
-    mount->mountedPathIs("/mnt/" + std::to_string(i));
-  }
-  stream->stalledIs(false);
-  loop.runUntilIdle();
-  EXPECT_EQ(dump(*b->replicaDir()), dump(*local));
-
-  // The first change found room; the rest waited, and each key or attribute then went once:
-  // five keys and two attributes.
-  EXPECT_LE(b->framesIn() - framesBefore, 1u + 7u);
-  std::map<std::string, int> heard;
-  for (std::string const& call : there->calls) ++heard[call];
-  EXPECT_EQ(heard.size(), 5u);
-  EXPECT_EQ(heard["initialMountsComplete(k0)"], 2);  // the first change, then the latest
-  for (int k = 1; k < 5; ++k) EXPECT_EQ(heard["initialMountsComplete(k" + std::to_string(k) + ")"], 1);
-}
-
 TEST_F(Replication, ARoundCompletesOnlyOnceWhatWasSentBeforeItIsApplied) {
   start(16);
   stream->latencyIs(1.0);
