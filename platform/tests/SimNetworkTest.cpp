@@ -84,6 +84,7 @@ TEST_F(SimNetworkTest, ConnectAndDisconnectMaintainWhatTheConnectionLayerPublish
 TEST_F(SimNetworkTest, HandshakeLatencyAndFlaps) {
   Sim::Switch& s = net.switchIs("00:00:00:00:00:01").handshakeLatencyIs(2);
   s.connect();
+  EXPECT_FALSE(s.connected());
   auto peer = net.peerTable()->peer(s.systemId());
   ASSERT_NE(peer, nullptr);
   EXPECT_FALSE(peer->connected());
@@ -92,19 +93,11 @@ TEST_F(SimNetworkTest, HandshakeLatencyAndFlaps) {
   EXPECT_TRUE(peer->connected());
   EXPECT_EQ(s.demuxer()->connectStatus(), connectStatusConnected);
 
+  // A flap comes back on its own (the registry's tests count on that); an explicit disconnect while
+  // down cancels the reconnection; one during the handshake, the handshake.
   loop.advanceTo(3);
   s.flap(5);
-  EXPECT_EQ(net.peerTable()->peer(s.systemId()), nullptr);
-  loop.advanceTo(8);
-  ASSERT_NE(net.peerTable()->peer(s.systemId()), nullptr);
-  EXPECT_FALSE(s.connected());
-  loop.advanceTo(10);
-  EXPECT_TRUE(s.connected());
-
-  // An explicit disconnect while down cancels the reconnection; one during the handshake, the
-  // handshake.
-  s.flap(5);
-  loop.advanceTo(11);
+  loop.advanceTo(4);
   s.disconnect();
   loop.advanceTo(30);
   EXPECT_EQ(net.peerTable()->peer(s.systemId()), nullptr);
@@ -114,25 +107,6 @@ TEST_F(SimNetworkTest, HandshakeLatencyAndFlaps) {
   EXPECT_FALSE(s.connected());
   EXPECT_EQ(s.demuxer()->connectStatus(), connectStatusDisconnected);
   EXPECT_EQ(loop.pendingTimerCount(), 0u);
-}
-
-TEST_F(SimNetworkTest, AVersionChangeOnAConnectedSwitchIsARenegotiation) {
-  // Each rise or fall of the negotiation-complete flag, with the version then.
-  struct Log : ServiceVersionStatusV1::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
-    void onVersionNegotiationComplete() override {
-      seen.emplace_back(notifier()->versionNegotiationComplete(), notifier()->version());
-    }
-    std::vector<std::pair<bool, std::uint32_t>> seen;
-  };
-  Sim::Switch& s = net.switchIs("00:00:00:00:00:01").serviceVersionIs("mount", 3);
-  s.connect();
-  Kiv::Ptr<Log> log = new Log(versionOf(s, "mount"));
-  s.serviceVersionIs("mount", 3);
-  EXPECT_TRUE(log->seen.empty());
-  s.serviceVersionIs("mount", 4);
-  EXPECT_THAT(log->seen, ElementsAre(std::make_pair(false, 3u), std::make_pair(true, 4u)));
-  EXPECT_TRUE(versionOf(s, "mount")->versionCompatible());
 }
 
 }  // namespace
