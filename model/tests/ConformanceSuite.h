@@ -6,11 +6,10 @@
 //       kivconformance::Case<Controller::kivtesting::Traits, Controller::MountConfig>, ...)
 //
 // Samples: BuiltinSamples covers the builtin types and enumerations; a unit with value types gives
-// Case its own samples type for those. Needed: get<P>(1) != P{}, get<P>(0) != get<P>(1), and
-// distinct non-empty keys for variants 1 and 2; a key computed from the parameters must differ
-// between all of them at variant 0 and all at variant 1.
-// Entity pointers are null for variant 0, else one instance per variant, made through the same
-// Traits template unless the samples type makes them with
+// Case its own samples type for those. Needed: get<P>(1) != P{}, get<P>(0) != get<P>(1), distinct
+// non-empty keys for variants 1 and 2, and a computed key differing between variants 0 and 1 of
+// all its parameters. Entity pointers are null for variant 0, else one instance per variant, made
+// through the same Traits template unless the samples type makes them with
 //   Kiv::Ptr<T> entity(std::type_identity<T>, Kiv::Name const& name, auto& samples);
 // (another namespace's type, or a hand-written one like Kiv::Dir; `samples` are the suite's).
 // A derived attribute without an expression is expected to be the entity's name.
@@ -153,29 +152,12 @@ template <class S, class M>
 struct Params : Ignore {
   S& samples;
   M const& member;
-  std::vector<std::string> names, current, differing, inits;
+  std::vector<std::string> names, current, differing;
   void constant(char const* n, std::uint32_t, int, auto read) {
     using P = std::decay_t<decltype(read(member))>;
     names.push_back(n);
     current.push_back(Kiv::strep(read(member)));
     differing.push_back(Kiv::strep(samples.template get<P>(1)));
-  }
-  template <class P>
-  void initial(char const* n, auto&&...) { inits.push_back(n); }
-};
-
-// Owners of the parent's type point at `parent` (null once let go); owners of other types are null.
-template <class Parent, class M>
-struct OwnersAre : Ignore {
-  M const& member;
-  Parent const* parent;
-  template <class Target>
-  void owner(char const* n, std::uint32_t, auto read, auto) {
-    if constexpr (std::is_same_v<Target, Parent>) {
-      EXPECT_EQ(read(member), parent) << n;
-    } else {
-      EXPECT_EQ(read(member), nullptr) << n;
-    }
   }
 };
 
@@ -256,16 +238,11 @@ struct CollectionsBehave : Ignore {
   template <class K, class M>
   void collection(char const* n, std::uint32_t, std::vector<std::string> const& compared,
                   std::vector<std::string> const& initial, auto create, auto keyOf, auto get, auto del, auto delAll,
-                  auto size, auto notify, auto iterate) {
+                  auto size, auto, auto) {
     SCOPED_TRACE(n);
-    using Parent = typename F::T;
     using MemberTraits = typename F::template TraitsOf<M>;
     auto& e = *f.entity;
     auto& s = f.samples;
-    auto owners = [](M const& member, Parent const* parent) {
-      OwnersAre<Parent, M> check{{}, member, parent};
-      MemberTraits::visit(check);
-    };
     // A key computed from the parameters ignores the one given.
     K const given1 = s.template get<K>(1), given2 = s.template get<K>(2);
     K const k1 = keyOf(s, given1, 0u), k2 = keyOf(s, given2, ~0u);
@@ -277,16 +254,12 @@ struct CollectionsBehave : Ignore {
     EXPECT_EQ(m->parent(), static_cast<Kiv::Entity*>(&e));
     EXPECT_EQ(m->name(), Kiv::nameOf(k1));
     EXPECT_EQ(m->parentAttrName(), Kiv::Name(n));
-    owners(*m, &e);
     EXPECT_TRUE(get(e, k1) == m);
     EXPECT_EQ(size(e), 1u);
-    EXPECT_TRUE(create(e, given1, s, 0u) == m);
-    EXPECT_EQ(f.calls(), Calls{});
 
-    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}, {}};
+    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}};
     MemberTraits::visit(params);
     EXPECT_EQ(sorted(compared), sorted(params.names));
-    EXPECT_EQ(params.inits, initial);
 
     // A parameter that feeds the key makes another member, so it is left out of what follows.
     unsigned initBits = 0;
@@ -297,7 +270,8 @@ struct CollectionsBehave : Ignore {
       if (keyOf(s, given1, bit(i)) == k1) kept.push_back(i);
     Kiv::Ptr<typename MemberTraits::Recorder> memberCalls(new typename MemberTraits::Recorder(m));
     // With every parameter from kept[p] on different, kept[p] is named, so each is compared and
-    // in the listed order; nothing changes, not even the init parameters that differ too.
+    // in the listed order; nothing changes, not even the init parameters that differ too. Init
+    // parameters set in place are the kitchen sink's replication tests'.
     for (std::size_t p = 0; p < kept.size(); ++p) {
       unsigned mask = initBits;
       for (std::size_t q = p; q < kept.size(); ++q) mask |= bit(kept[q]);
@@ -312,17 +286,6 @@ struct CollectionsBehave : Ignore {
       EXPECT_EQ(thrownText<Kiv::NameInUseException>([&] { create(e, given1, s, mask); }), expected);
     }
     EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{});
-    // A different init value is set in place, through the setter.
-    for (std::size_t i = 0; i < initial.size(); ++i) {
-      unsigned const b = bit(compared.size() + i);
-      if (!(initBits & b)) continue;
-      EXPECT_TRUE(create(e, given1, s, b) == m);
-      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{initial[i]});
-      create(e, given1, s, b);
-      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{});
-      create(e, given1, s, 0u);
-      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{initial[i]});
-    }
     if constexpr (kStringKey<K>) {
       if (keyOf(s, K(), 0u) == K()) {
         EXPECT_THROW(create(e, K(), s, 0u), Kiv::RangeException);
@@ -331,27 +294,20 @@ struct CollectionsBehave : Ignore {
     EXPECT_EQ(f.calls(), Calls{});
     EXPECT_EQ(size(e), 1u);
 
-    notify(e, k1);
-    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     EXPECT_EQ(m->parent(), nullptr);
-    owners(*m, nullptr);
     EXPECT_FALSE(get(e, k1));
     EXPECT_EQ(size(e), 0u);
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{});
 
-    Kiv::Ptr<M> const m1 = create(e, given1, s, 0u);
+    create(e, given1, s, 0u);
     refused(f, n, [&] { create(e, given2, s, ~0u); });
     refused(f, n, [&] { del(e, k1); });
     refused(f, n, [&] { delAll(e); });
-    EXPECT_EQ(size(e), 1u);
-    Kiv::Ptr<M> const m2 = create(e, given2, s, ~0u);
+    create(e, given2, s, ~0u);
     f.calls();
-    std::vector<std::pair<std::string, M const*>> seen, want{{Kiv::strep(k1), m1.ptr()}, {Kiv::strep(k2), m2.ptr()}};
-    iterate(e, [&](K const& k, Kiv::Ptr<M> const& member) { seen.emplace_back(Kiv::strep(k), member.ptr()); });
-    EXPECT_EQ(sorted(seen), sorted(want)) << "iteration visits every member once, under its key";
     delAll(e);
     EXPECT_EQ(sorted(f.calls()), sorted(Calls{on(n, k1), on(n, k2)}));
     EXPECT_EQ(size(e), 0u);
@@ -359,7 +315,7 @@ struct CollectionsBehave : Ignore {
 
   template <class K, class V>
   void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto, auto delAll,
-                       auto size, auto, auto iterate) {
+                       auto size, auto, auto) {
     SCOPED_TRACE(n);
     auto& e = *f.entity;
     // A key computed from the value ignores the one given.
@@ -388,13 +344,8 @@ struct CollectionsBehave : Ignore {
     // Deleting one entry is the collections' own code, checked there.
     write(e, given1, v1);
     refused(f, n, [&] { write(e, given2, v2); });
-    EXPECT_EQ(size(e), 1u);
     write(e, given2, v2);
     f.calls();
-    std::vector<std::pair<std::string, std::string>> seen,
-        entries{{Kiv::strep(k1), Kiv::strep(v1)}, {Kiv::strep(k2), Kiv::strep(v2)}};
-    iterate(e, [&](K const& k, V const& v) { seen.emplace_back(Kiv::strep(k), Kiv::strep(v)); });
-    EXPECT_EQ(sorted(seen), sorted(entries)) << "iteration visits every entry once, under its key";
     delAll(e);
     EXPECT_EQ(sorted(f.calls()), sorted(Calls{on(n, k1), on(n, k2)}));
     EXPECT_EQ(size(e), 0u);
