@@ -32,7 +32,6 @@ inline void build(Kiv::Dir& dir) {
   v1->includedServiceVersionIs(1, true);
   v1->includedServiceVersionIs(2, false);  // present, with the default value
   auto s1 = c->systemFilterIs("s1");
-  s1->includedSystemIs("00:00:00:00:00:01", true);
   auto g1 = c->mountGroupConfigIs("g1");
   g1->versionFilterIs(v1);
   g1->systemFilterIs(s1);
@@ -42,29 +41,21 @@ inline void build(Kiv::Dir& dir) {
 
   auto st = dir.entryIs<ServiceMountStatus>(kMountStatus);
   st->mountedPathPrefixIs("/a", "/mnt/a");
-  auto gs = st->systemStatusIs("00:00:00:00:00:01")->serviceMountGroupStatusIs("g1");
-  gs->processedIs(true);
-  auto ms = gs->mountStatusIs("/a");
+  auto ms = st->systemStatusIs("00:00:00:00:00:01")->serviceMountGroupStatusIs("g1")->mountStatusIs("/a");
   ms->mountStateIs(mountStateMounted);
   ms->mountedPathIs("/mnt/a/x");
   st->initialMountsCompleteIs("g1", true);
 
   auto p = dir.entryIs<ServicePublishConfig>(kPublishConfig);
   p->readyIs(true);
-  auto pv = p->versionFilterIs("v");
-  pv->includedServiceVersionIs(3, true);
-  auto ps = p->systemFilterIs("s");
   auto pg = p->publishGroupConfigIs("pg");
-  pg->versionFilterIs(pv);
-  pg->systemFilterIs(ps);
+  pg->versionFilterIs(p->versionFilterIs("v"));
+  pg->systemFilterIs(p->systemFilterIs("s"));
   pg->publishConfigIs("/db/x", "/r/x", "TX")->readyToPublishIs(true);
-  auto pd = pg->publishDirIs("/db/d", "TD");
-  pd->remoteTargetPathIs("/r/d");
+  pg->publishDirIs("/db/d", "TD");
 
   auto pst = dir.entryIs<ServicePublishStatus>(kPublishStatus);
-  auto pgs = pst->servicePublishGroupStatusIs("pg");
-  pgs->publishStateIs(publishStateComplete);
-  pgs->publishStatusIs("/db/x")->publishStateIs(publishStateComplete);
+  pst->servicePublishGroupStatusIs("pg")->publishStatusIs("/db/x")->publishStateIs(publishStateComplete);
 }
 
 inline constexpr int kSteps = 3;
@@ -106,8 +97,6 @@ inline void change(Kiv::Dir& dir, int step) {
       pst->servicePublishGroupStatus("pg")->publishStatusDel("/db/x");
       break;
     }
-    default:
-      break;
   }
 }
 
@@ -126,16 +115,11 @@ inline void changeWhileDown(Kiv::Dir& dir, Kiv::NboAttrLog::Demuxer& demuxer) {
 
 // --- the canonical text ---
 
-// The path of `e` below `root`: member names joined by '/', "." for the root itself.
+// The path of `e` below `root`: collection and member names joined by '/', "." for the root itself.
 inline std::string pathFrom(Kiv::Entity const& root, Kiv::Entity const& e) {
-  std::vector<std::string> names;
-  Kiv::Entity const* at = &e;
-  for (; at && at != &root; at = at->parent())
-    names.push_back(at->parentAttrName().stdString() + ":" + at->name().stdString());
-  if (!at) return "outside " + e.fullName().stdString();
-  std::string path = ".";
-  for (auto it = names.rbegin(); it != names.rend(); ++it) path += "/" + *it;
-  return path;
+  if (&e == &root) return ".";
+  if (!e.parent()) return "outside " + e.fullName().stdString();
+  return pathFrom(root, *e.parent()) + "/" + e.parentAttrName().stdString() + ":" + e.name().stdString();
 }
 
 template <class T>
