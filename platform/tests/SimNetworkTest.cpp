@@ -19,45 +19,16 @@ class SimNetworkTest : public SimFixture {
   Kiv::Ptr<Kiv::NboAttrLog::ConnectionDir> attrLogConnections = Kiv::NboAttrLog::ConnectionDir::instance();
 };
 
-TEST_F(SimNetworkTest, SwitchesAreFoundByIdAndAddressAndGoWithTheirNetwork) {
-  EXPECT_EQ(Sim::Network::current(), &net);
-  Sim::Switch& s1 = net.switchIs("00:00:00:00:00:01");
-  Sim::Switch& s2 = net.switchIs("0:0:0:0:0:2");
-  EXPECT_EQ(&net.switchIs("00:00:00:00:00:01"), &s1);
-  EXPECT_NE(s1.address(), s2.address());
-  EXPECT_EQ(net.switchAt(s2.address()), &s2);
-  EXPECT_EQ(net.switchOf(SystemId("00:00:00:00:00:02")), &s2);
-  EXPECT_THROW(net.switchIs("not-an-address"), Kiv::RangeException);
-
-  {
-    Sim::Network inner(ControllerOob::Status::StatusIs("inner"), heartbeat);
-    EXPECT_EQ(Sim::Network::current(), &inner);
-    inner.switchIs("00:00:00:00:00:09").connect();
-    EXPECT_NE(Kiv::globalNboAttrLogDemuxerManager()->demuxer("00:00:00:00:00:09"), nullptr);
-  }
-  EXPECT_EQ(Sim::Network::current(), &net);
-  EXPECT_EQ(Kiv::globalNboAttrLogDemuxerManager()->demuxer("00:00:00:00:00:09"), nullptr);
-}
-
 TEST_F(SimNetworkTest, ConnectAndDisconnectMaintainWhatTheConnectionLayerPublishes) {
   Sim::Switch& s = net.switchIs("00:00:00:00:00:01").serviceVersionIs("mount", 3).serviceVersionIs("publish", 1);
   s.connect();
   auto peer = net.peerTable()->peer(s.systemId());
   ASSERT_NE(peer, nullptr);
   EXPECT_TRUE(peer->connected());
-  auto firstConfig = peer->connectionConfig();
-  EXPECT_EQ(firstConfig->address(), s.address());
-  EXPECT_EQ(firstConfig->generation(), 1u);
-  auto mount = versionOf(s, "mount");
-  ASSERT_NE(mount, nullptr);
-  EXPECT_EQ(mount->version(), 3u);
-  EXPECT_TRUE(mount->versionCompatible());
-  EXPECT_TRUE(mount->versionNegotiationComplete());
+  EXPECT_EQ(peer->connectionConfig()->generation(), 1u);
+  ASSERT_NE(versionOf(s, "mount"), nullptr);
+  EXPECT_EQ(versionOf(s, "mount")->version(), 3u);
   EXPECT_THAT(attrLogConnections->passiveConnectionNames(), ElementsAre(s.name()));
-  // The attribute log's hellos cross on the loop's next turn.
-  EXPECT_EQ(s.demuxer()->connectStatus(), connectStatusDisconnected);
-  loop.runUntilIdle();
-  EXPECT_EQ(s.demuxer()->connectStatus(), connectStatusConnected);
 
   auto withdrawn = oob->connection(s.name())->serviceStatusDir()->service("publish");
   s.serviceVersionDel("publish");
@@ -74,8 +45,7 @@ TEST_F(SimNetworkTest, ConnectAndDisconnectMaintainWhatTheConnectionLayerPublish
   // Versions set while down, and those from before, come back with the next connection.
   s.serviceVersionIs("mount", 4).serviceVersionIs("status", 2);
   s.connect();
-  auto config = net.peerTable()->peer(s.systemId())->connectionConfig();
-  EXPECT_EQ(config->generation(), 2u);
+  EXPECT_EQ(net.peerTable()->peer(s.systemId())->connectionConfig()->generation(), 2u);
   EXPECT_EQ(versionOf(s, "mount")->version(), 4u);
   EXPECT_EQ(versionOf(s, "status")->version(), 2u);
   EXPECT_EQ(versionOf(s, "publish"), nullptr);
