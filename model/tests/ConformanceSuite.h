@@ -5,12 +5,11 @@
 //   KIV_CONFORMANCE_SUITE(MountInterface,
 //       kivconformance::Case<Controller::kivtesting::Traits, Controller::MountConfig>, ...)
 //
-// Samples: BuiltinSamples covers the builtin types; a unit with enumerations or value types gives
-// Case its own samples type for those. Needed: get<P>(1) != P{}, get<P>(0) != get<P>(1), and
-// distinct non-empty keys for variants 1 and 2; a key computed from the parameters must differ
-// between all of them at variant 0 and all at variant 1.
-// Entity pointers are null for variant 0, else one instance per variant, made through the same
-// Traits template unless the samples type makes them with
+// Samples: BuiltinSamples covers the builtin types and enumerations; a unit with value types gives
+// Case its own samples type for those. Needed: get<P>(1) != P{}, get<P>(0) != get<P>(1), distinct
+// non-empty keys for variants 1 and 2, and a computed key differing between variants 0 and 1 of
+// all its parameters. Entity pointers are null for variant 0, else one instance per variant, made
+// through the same Traits template unless the samples type makes them with
 //   Kiv::Ptr<T> entity(std::type_identity<T>, Kiv::Name const& name, auto& samples);
 // (another namespace's type, or a hand-written one like Kiv::Dir; `samples` are the suite's).
 // A derived attribute without an expression is expected to be the entity's name.
@@ -42,6 +41,8 @@ struct BuiltinSamples {
       return variant % 2 == 1;
     } else if constexpr (std::is_arithmetic_v<P>) {
       return static_cast<P>(40 + variant);
+    } else if constexpr (std::is_enum_v<P>) {
+      return static_cast<P>(variant % 2);  // every enumeration has a first and a second value
     } else {
       static_assert(kUnsupported<P>, "give Case a samples type that supplies this type");
     }
@@ -138,40 +139,12 @@ struct Ignore {
   void valueCollection(auto&&...) {}
 };
 
-// Checks each attribute against the type's registration as it is visited, in order.
-struct Listing {
-  Kiv::TypeInfo const& info;
-  std::uint32_t attrs = 0;
+// Counts the constructor parameters.
+struct ParamCount : Ignore {
   int params = 0;
-
-  void add(char const* n, std::uint32_t id, Kiv::AttrKind kind, int index = -1) {
-    EXPECT_EQ(id, 258 + attrs) << n;
-    if (attrs < info.attrCount) {
-      EXPECT_EQ(info.attrs[attrs].id, id) << n;
-      EXPECT_EQ(info.attrs[attrs].name, std::string(n));
-      EXPECT_EQ(info.attrs[attrs].kind, kind) << n;
-    }
-    ++attrs;
-    if (index >= 0) {
-      EXPECT_EQ(index, params++) << n;
-    }
-  }
-  void derived(char const* n, std::uint32_t id, auto&&...) { add(n, id, Kiv::AttrKind::derived); }
-  void constant(char const* n, std::uint32_t id, int index, auto) { add(n, id, Kiv::AttrKind::constant, index); }
+  void constant(auto&&...) { ++params; }
   template <class P>
-  void initial(char const* n, std::uint32_t id, int index, auto&&...) {
-    add(n, id, kEntityPointer<P> ? Kiv::AttrKind::reference : Kiv::AttrKind::value, index);
-  }
-  template <class P>
-  void value(char const* n, std::uint32_t id, auto&&...) { add(n, id, Kiv::AttrKind::value); }
-  template <class Target, bool isConst>
-  void reference(char const* n, std::uint32_t id, auto&&...) { add(n, id, Kiv::AttrKind::reference); }
-  template <class Target>
-  void owner(char const* n, std::uint32_t id, auto&&...) { add(n, id, Kiv::AttrKind::owner); }
-  template <class K, class M>
-  void collection(char const* n, std::uint32_t id, auto&&...) { add(n, id, Kiv::AttrKind::collection); }
-  template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t id, auto&&...) { add(n, id, Kiv::AttrKind::valueCollection); }
+  void initial(auto&&...) { ++params; }
 };
 
 // The constructor parameters of a member: names, current values and the values that differ.
@@ -179,34 +152,29 @@ template <class S, class M>
 struct Params : Ignore {
   S& samples;
   M const& member;
-  std::vector<std::string> names, current, differing, inits;
+  std::vector<std::string> names, current, differing;
   void constant(char const* n, std::uint32_t, int, auto read) {
     using P = std::decay_t<decltype(read(member))>;
     names.push_back(n);
     current.push_back(Kiv::strep(read(member)));
     differing.push_back(Kiv::strep(samples.template get<P>(1)));
   }
-  template <class P>
-  void initial(char const* n, auto&&...) { inits.push_back(n); }
 };
 
-// Owners of the parent's type point at `parent` (null once let go); owners of other types are null.
-template <class Parent, class M>
-struct OwnersAre : Ignore {
-  M const& member;
-  Parent const* parent;
-  template <class Target>
-  void owner(char const* n, std::uint32_t, auto read, auto) {
-    if constexpr (std::is_same_v<Target, Parent>) {
-      EXPECT_EQ(read(member), parent) << n;
-    } else {
-      EXPECT_EQ(read(member), nullptr) << n;
-    }
-  }
-};
+// A write while read-only: refused, naming the attribute, and nobody told.
+template <class F>
+void refused(F& f, char const* n, auto&& write) {
+  f.calls();
+  f.entity->kivReadOnlyIs(true);
+  EXPECT_EQ(thrownText<Kiv::InternalException>(write),
+            std::string("write-update from readonly proxy: ") + F::Traits::kTypeName + "::" + n + " of subject");
+  f.entity->kivReadOnlyIs(false);
+  EXPECT_EQ(f.calls(), Calls{});
+}
 
 // Derived attributes and constants read their sources; the rest, from where they start, tell each
-// change once and read it back, and tell nobody of the same value again.
+// change once and read it back, tell nobody of the same value again, and refuse to change while
+// read-only.
 template <class F>
 struct ReadsAndNotifies : Ignore {
   F& f;
@@ -238,6 +206,8 @@ struct ReadsAndNotifies : Ignore {
       write(e, *to);
       EXPECT_EQ(f.calls(), Calls{});
     }
+    refused(f, n, [&] { write(e, changed); });
+    EXPECT_TRUE(read(e) == first);
   }
   template <class P>
   void value(char const* n, std::uint32_t, auto read, auto write) {
@@ -268,16 +238,11 @@ struct CollectionsBehave : Ignore {
   template <class K, class M>
   void collection(char const* n, std::uint32_t, std::vector<std::string> const& compared,
                   std::vector<std::string> const& initial, auto create, auto keyOf, auto get, auto del, auto delAll,
-                  auto size, auto notify, auto iterate) {
+                  auto size, auto, auto) {
     SCOPED_TRACE(n);
-    using Parent = typename F::T;
     using MemberTraits = typename F::template TraitsOf<M>;
     auto& e = *f.entity;
     auto& s = f.samples;
-    auto owners = [](M const& member, Parent const* parent) {
-      OwnersAre<Parent, M> check{{}, member, parent};
-      MemberTraits::visit(check);
-    };
     // A key computed from the parameters ignores the one given.
     K const given1 = s.template get<K>(1), given2 = s.template get<K>(2);
     K const k1 = keyOf(s, given1, 0u), k2 = keyOf(s, given2, ~0u);
@@ -289,16 +254,12 @@ struct CollectionsBehave : Ignore {
     EXPECT_EQ(m->parent(), static_cast<Kiv::Entity*>(&e));
     EXPECT_EQ(m->name(), Kiv::nameOf(k1));
     EXPECT_EQ(m->parentAttrName(), Kiv::Name(n));
-    owners(*m, &e);
     EXPECT_TRUE(get(e, k1) == m);
     EXPECT_EQ(size(e), 1u);
-    EXPECT_TRUE(create(e, given1, s, 0u) == m);
-    EXPECT_EQ(f.calls(), Calls{});
 
-    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}, {}};
+    Params<decltype(s), M> params{{}, s, *m, {}, {}, {}};
     MemberTraits::visit(params);
     EXPECT_EQ(sorted(compared), sorted(params.names));
-    EXPECT_EQ(params.inits, initial);
 
     // A parameter that feeds the key makes another member, so it is left out of what follows.
     unsigned initBits = 0;
@@ -309,7 +270,8 @@ struct CollectionsBehave : Ignore {
       if (keyOf(s, given1, bit(i)) == k1) kept.push_back(i);
     Kiv::Ptr<typename MemberTraits::Recorder> memberCalls(new typename MemberTraits::Recorder(m));
     // With every parameter from kept[p] on different, kept[p] is named, so each is compared and
-    // in the listed order; nothing changes, not even the init parameters that differ too.
+    // in the listed order; nothing changes, not even the init parameters that differ too. Init
+    // parameters set in place are the kitchen sink's replication tests'.
     for (std::size_t p = 0; p < kept.size(); ++p) {
       unsigned mask = initBits;
       for (std::size_t q = p; q < kept.size(); ++q) mask |= bit(kept[q]);
@@ -324,17 +286,6 @@ struct CollectionsBehave : Ignore {
       EXPECT_EQ(thrownText<Kiv::NameInUseException>([&] { create(e, given1, s, mask); }), expected);
     }
     EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{});
-    // A different init value is set in place, through the setter.
-    for (std::size_t i = 0; i < initial.size(); ++i) {
-      unsigned const b = bit(compared.size() + i);
-      if (!(initBits & b)) continue;
-      EXPECT_TRUE(create(e, given1, s, b) == m);
-      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{initial[i]});
-      create(e, given1, s, b);
-      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{});
-      create(e, given1, s, 0u);
-      EXPECT_EQ(std::exchange(memberCalls->calls, {}), Calls{initial[i]});
-    }
     if constexpr (kStringKey<K>) {
       if (keyOf(s, K(), 0u) == K()) {
         EXPECT_THROW(create(e, K(), s, 0u), Kiv::RangeException);
@@ -343,33 +294,28 @@ struct CollectionsBehave : Ignore {
     EXPECT_EQ(f.calls(), Calls{});
     EXPECT_EQ(size(e), 1u);
 
-    notify(e, k1);
-    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{on(n, k1)});
     EXPECT_EQ(m->parent(), nullptr);
-    owners(*m, nullptr);
     EXPECT_FALSE(get(e, k1));
     EXPECT_EQ(size(e), 0u);
     del(e, k1);
     EXPECT_EQ(f.calls(), Calls{});
 
-    Kiv::Ptr<M> const m1 = create(e, given1, s, 0u), m2 = create(e, given2, s, ~0u);
-    owners(*m2, &e);
+    create(e, given1, s, 0u);
+    refused(f, n, [&] { create(e, given2, s, ~0u); });
+    refused(f, n, [&] { del(e, k1); });
+    refused(f, n, [&] { delAll(e); });
+    create(e, given2, s, ~0u);
     f.calls();
-    std::vector<std::pair<std::string, M const*>> seen, want{{Kiv::strep(k1), m1.ptr()}, {Kiv::strep(k2), m2.ptr()}};
-    iterate(e, [&](K const& k, Kiv::Ptr<M> const& member) { seen.emplace_back(Kiv::strep(k), member.ptr()); });
-    EXPECT_EQ(sorted(seen), sorted(want)) << "iteration visits every member once, under its key";
     delAll(e);
     EXPECT_EQ(sorted(f.calls()), sorted(Calls{on(n, k1), on(n, k2)}));
     EXPECT_EQ(size(e), 0u);
-    owners(*m1, nullptr);
-    owners(*m2, nullptr);
   }
 
   template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto del, auto delAll,
-                       auto size, auto notify, auto iterate) {
+  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto, auto delAll,
+                       auto size, auto, auto) {
     SCOPED_TRACE(n);
     auto& e = *f.entity;
     // A key computed from the value ignores the one given.
@@ -395,88 +341,14 @@ struct CollectionsBehave : Ignore {
         EXPECT_THROW(write(e, K(), V{}), Kiv::RangeException);
       }
     }
-    notify(e, k2);
-    EXPECT_EQ(f.calls(), Calls{on(n, k2)});
-    EXPECT_EQ(size(e), 1u);
-
-    del(e, k1);
-    EXPECT_EQ(f.calls(), Calls{on(n, k1)});
-    EXPECT_EQ(size(e), 0u);
-    del(e, k1);
-    EXPECT_EQ(f.calls(), Calls{});
-
+    // Deleting one entry is the collections' own code, checked there.
     write(e, given1, v1);
+    refused(f, n, [&] { write(e, given2, v2); });
     write(e, given2, v2);
     f.calls();
-    std::vector<std::pair<std::string, std::string>> seen,
-        entries{{Kiv::strep(k1), Kiv::strep(v1)}, {Kiv::strep(k2), Kiv::strep(v2)}};
-    iterate(e, [&](K const& k, V const& v) { seen.emplace_back(Kiv::strep(k), Kiv::strep(v)); });
-    EXPECT_EQ(sorted(seen), sorted(entries)) << "iteration visits every entry once, under its key";
     delAll(e);
     EXPECT_EQ(sorted(f.calls()), sorted(Calls{on(n, k1), on(n, k2)}));
     EXPECT_EQ(size(e), 0u);
-  }
-};
-
-// Fills every collection (populate), or tries every write and expects each to be refused.
-template <class F>
-struct RefusesWrites : Ignore {
-  F& f;
-  bool populate;
-
-  void refused(char const* n, auto&& write) {
-    EXPECT_EQ(thrownText<Kiv::InternalException>(write), std::string("write-update from readonly proxy: ") +
-                                                             F::Traits::kTypeName + "::" + n + " of subject");
-  }
-  template <class P>
-  void kept(char const* n, auto read, auto write, P const& was) {
-    if (populate) return;
-    refused(n, [&] { write(*f.entity, f.samples.template get<P>(1)); });
-    EXPECT_TRUE(read(*f.entity) == was) << n;
-  }
-  template <class P>
-  void value(char const* n, std::uint32_t, auto read, auto write) { kept<P>(n, read, write, P{}); }
-  template <class P>
-  void initial(char const* n, std::uint32_t, int, auto read, auto write) {
-    kept<P>(n, read, write, f.samples.template get<P>(0));
-  }
-  template <class Target, bool isConst>
-  void reference(char const* n, std::uint32_t, auto read, auto write) {
-    if (populate) return;
-    refused(n, [&] { write(*f.entity, f.template make<Target>("target")); });
-    EXPECT_FALSE(read(*f.entity)) << n;
-  }
-  template <class K, class M>
-  void collection(char const* n, std::uint32_t, auto const&, auto const&, auto create, auto keyOf, auto, auto del,
-                  auto delAll, auto size, auto...) {
-    auto& e = *f.entity;
-    K const given1 = f.samples.template get<K>(1);
-    if (populate) {
-      create(e, given1, f.samples, 0u);
-      return;
-    }
-    refused(n, [&] { create(e, f.samples.template get<K>(2), f.samples, ~0u); });
-    refused(n, [&] { del(e, keyOf(f.samples, given1, 0u)); });
-    refused(n, [&] { delAll(e); });
-    EXPECT_EQ(size(e), 1u) << n;
-  }
-  template <class K, class V>
-  void valueCollection(char const* n, std::uint32_t, auto read, auto write, auto keyOf, auto del, auto delAll,
-                       auto size, auto...) {
-    auto& e = *f.entity;
-    K const given1 = f.samples.template get<K>(1);
-    V const v1 = f.samples.template get<V>(1);
-    K const k1 = keyOf(given1, v1);
-    if (populate) {
-      write(e, given1, v1);
-      return;
-    }
-    refused(n, [&] { write(e, f.samples.template get<K>(2), f.samples.template get<V>(2)); });
-    refused(n, [&] { write(e, given1, V{}); });
-    refused(n, [&] { del(e, k1); });
-    refused(n, [&] { delAll(e); });
-    EXPECT_EQ(size(e), 1u) << n;
-    EXPECT_EQ(read(e, k1), v1) << n;
   }
 };
 
@@ -504,18 +376,16 @@ class KivConformance : public ::testing::Test {
 
 TYPED_TEST_SUITE_P(KivConformance);
 
-TYPED_TEST_P(KivConformance, AttributesAreNumberedFrom258AsRegistered) {
+TYPED_TEST_P(KivConformance, IsRegisteredUnderItsNameAndMadeByNameOnlyWithoutParameters) {
   using T = typename TestFixture::T;
   Kiv::TypeInfo const& info = T::kivTypeInfo();
-  detail::Listing listing{info};
-  TestFixture::Traits::visit(listing);
-  EXPECT_EQ(listing.attrs, info.attrCount);
   EXPECT_STREQ(info.name, TestFixture::Traits::kTypeName);
   EXPECT_EQ(&this->entity->kivEntityType(), &info);
   EXPECT_EQ(Kiv::typeNamed(info.name), &info);
   EXPECT_EQ(info.attrLogAdapter != nullptr, TestFixture::Traits::kReplicated);
-  // Only a type without constructor parameters can be created by name.
-  ASSERT_EQ(info.create != nullptr, listing.params == 0);
+  detail::ParamCount count;
+  TestFixture::Traits::visit(count);
+  ASSERT_EQ(info.create != nullptr, count.params == 0);
   if (info.create) {
     Kiv::Ptr<Kiv::Entity> made = info.create(Kiv::EntityInit{Kiv::Name("byName"), nullptr, Kiv::Name()});
     EXPECT_TRUE(Kiv::entityCast<T>(made));
@@ -523,29 +393,19 @@ TYPED_TEST_P(KivConformance, AttributesAreNumberedFrom258AsRegistered) {
   }
 }
 
-TYPED_TEST_P(KivConformance, AttributesReadTheirSourcesAndNotifyOnlyOnChange) {
+TYPED_TEST_P(KivConformance, AttributesReadTheirSourcesNotifyOnlyOnChangeAndRefuseWhileReadOnly) {
   detail::ReadsAndNotifies<TestFixture> check{{}, *this};
   TestFixture::Traits::visit(check);
 }
 
-TYPED_TEST_P(KivConformance, CollectionsCreateCheckNotifyAndDelete) {
+TYPED_TEST_P(KivConformance, CollectionsCreateCheckNotifyDeleteAndRefuseWhileReadOnly) {
   detail::CollectionsBehave<TestFixture> check{{}, *this};
   TestFixture::Traits::visit(check);
 }
 
-TYPED_TEST_P(KivConformance, ReadOnlyRefusesEveryWrite) {
-  detail::RefusesWrites<TestFixture> populate{{}, *this, true};
-  TestFixture::Traits::visit(populate);
-  this->entity->kivReadOnlyIs(true);
-  this->calls();
-  detail::RefusesWrites<TestFixture> check{{}, *this, false};
-  TestFixture::Traits::visit(check);
-  EXPECT_EQ(this->calls(), detail::Calls{});
-}
-
-REGISTER_TYPED_TEST_SUITE_P(KivConformance, AttributesAreNumberedFrom258AsRegistered,
-                            AttributesReadTheirSourcesAndNotifyOnlyOnChange, CollectionsCreateCheckNotifyAndDelete,
-                            ReadOnlyRefusesEveryWrite);
+REGISTER_TYPED_TEST_SUITE_P(KivConformance, IsRegisteredUnderItsNameAndMadeByNameOnlyWithoutParameters,
+                            AttributesReadTheirSourcesNotifyOnlyOnChangeAndRefuseWhileReadOnly,
+                            CollectionsCreateCheckNotifyDeleteAndRefuseWhileReadOnly);
 
 }  // namespace kivconformance
 

@@ -20,9 +20,6 @@ struct PlatformSamples : kivconformance::BuiltinSamples {
       return Controller::SystemId(Ovel::EthAddr(std::array<std::uint8_t, 6>{0x00, 0x1c, 0x73, 0x0a, 0x00, v}));
     } else if constexpr (std::is_same_v<P, Ovel::IpAndPort>) {
       return Ovel::IpAndPort(0x0a000000u + v, 6042);
-    } else if constexpr (std::is_same_v<P, Controller::MountState>) {
-      return variant == 0 ? Controller::mountStateUnmounted
-                          : variant == 1 ? Controller::mountStateMounted : Controller::mountStateFailed;
     } else if constexpr (std::is_same_v<P, Controller::MountDesc>) {
       std::string const n = std::to_string(variant);
       return Controller::MountDesc("/local/" + n, "/remote/" + n, "Sim::Record", "service" + n);
