@@ -83,6 +83,13 @@ class ChildMap {
     return child;
   }
 
+  // Takes in a child made elsewhere (by another library's factory, say); a child already at k is
+  // cleaned up and released first.
+  void adopt(K const& k, Ptr<T> child) {
+    erase(k);
+    map_.insert(k, std::move(child));
+  }
+
   // Runs the doCleanup() of the child at k, then removes and releases it; false when absent.
   bool erase(K const& k) {
     Ptr<T> child = map_.get(k);

@@ -54,7 +54,7 @@ void MountsRegistryEntrySm::mountSmDataDel(SystemId const& systemId) {
 }
 
 void MountsRegistryEntrySm::mountSmIs(SystemId const& systemId, Kiv::ValidPtr<MountSm> sm) {
-  mountSm_.assign(SystemId(systemId), Kiv::Ptr<MountSm>(sm));
+  mountSm_.adopt(systemId, Kiv::Ptr<MountSm>(sm));
 }
 
 void MountsRegistryEntrySm::mountSmDel(SystemId const& systemId) {
@@ -305,7 +305,6 @@ void MountsRegistryEntrySm::handleMountState(SystemId const& systemId) {
     KIV_SM_TRACE(8, "handleMountState", ": Deleting mountSm for " << connectionId);
     // The text of the reactor that once made this check.
     KIV_ASSERT_TEXT(mountSm(connectionId), "mountsRegistryEntrySm()->mountSm( connectionId )");
-    mountSm(connectionId)->doCleanup();
     mountSmDel(connectionId);
     mountSmDataDel(connectionId);
   }
@@ -433,7 +432,6 @@ void MountsRegistryEntrySm::mountEnd(SystemId const& systemId) {
   Kiv::Ptr<MountSm> sm = mountSm(systemId);
   if (!sm) return;
   if (preserveOnEnd_) sm->doStatePreservingUnmount();
-  sm->doCleanup();
   mountSmDel(systemId);
   mountSmDataDel(systemId);
 }

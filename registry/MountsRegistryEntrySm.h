@@ -60,6 +60,7 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   Kiv::Ptr<MountSm> mountSm(SystemId const& systemId) const { return mountSm_.get(systemId); }
   std::size_t mountSms() const { return mountSm_.size(); }
   void mountSmIs(SystemId const& systemId, Kiv::ValidPtr<MountSm> sm);
+  // Runs the machine's doCleanup() before it goes.
   void mountSmDel(SystemId const& systemId);
 
   void handleInitialized();
@@ -110,7 +111,8 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   bool wildCardMount_ = false;
   // The data is held here; mountSmDataSm() follows it.
   Kiv::HashMap<SystemId, Kiv::Ptr<MountSmData>> mountSmData_;
-  Kiv::HashMap<SystemId, Kiv::Ptr<MountSm>> mountSm_;
+  // Made by the mount library's factory, so adopted rather than built here.
+  Kiv::ChildMap<SystemId, MountSm> mountSm_;
   bool initialized_ = false;
   bool preserveOnEnd_ = false;  // set by mountsEndBegin()
 };

@@ -71,6 +71,13 @@ TEST(ChildMap, InstantiateReturnsTheExistingChildOnlyForEqualParameters) {
   EXPECT_NE(second, first);
   EXPECT_EQ(made, 2);
 
+  // A child made elsewhere takes the place of the one at its key after that one's clean-up.
+  Kiv::Ptr<Child> adopted(new Child(5, 5, root));
+  children.adopt(Kiv::Name("c"), adopted);
+  EXPECT_EQ(second->cleanups, 1);
+  EXPECT_EQ(children.get(Kiv::Name("c")), adopted);
+  second = adopted;
+
   // clear() cleans up every child, also one that a clean-up adds.
   Kiv::Ptr<Child> added;
   second->onCleanup = [&] {

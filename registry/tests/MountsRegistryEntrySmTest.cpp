@@ -561,7 +561,6 @@ TEST_F(MounterConfigSmDeathTest, AMountMachineMissingWhenItsUnmountEndsIsFatal) 
   start();
   loop.advanceBy(2);
   auto entry = entrySm("/sys/a");
-  entry->mountSm(s1.systemId())->doCleanup();
   entry->mountSmDel(s1.systemId());
   EXPECT_DEATH(entry->mountSmData(s1.systemId())->mountStateIs(mountStateUnmounted),
                "mountsRegistryEntrySm\\(\\)->mountSm\\( connectionId \\)");
