@@ -301,13 +301,13 @@ class Checker {
       if (!sm) fail("one entry machine per registry entry", "none for " + std::string(e.key().view()));
       if (sm->mounterConfigSmSize() != e.value()->mounterSize())
         fail("one filter machine per mounter", std::string(e.key().view()));
-      if (sm->mountSms() != sm->mountSmDatas()) fail("mount data per mount machine", std::string(e.key().view()));
+      if (sm->mountSmSize() != sm->mountSmDataSize()) fail("mount data per mount machine", std::string(e.key().view()));
       std::map<std::string, std::uint32_t> recount;
       for (auto m = e.value()->mounterIter(); m; ++m)
         if (auto systems = m.value()->systemFilter())
           for (auto i = systems->includedSystemIter(); i; ++i)
             if (i.value()) ++recount[std::string(i.key().view())];
-      if (sm->connectionFilters() != recount.size())
+      if (sm->connectionFilterSize() != recount.size())
         fail("connection-filter counts match the mounters' filters", std::string(e.key().view()));
       for (auto const& [system, n] : recount)
         if (sm->connectionFilter(system) != n)
@@ -386,7 +386,7 @@ class Checker {
       std::string const path(e.key().view());
       if (e.value()->mounterSize() != 0) fail("nothing left after teardown", "a mounter of " + path);
       auto sm = w_.registrySm->mountsRegistryEntrySm(e.key());
-      if (sm && (sm->mountSms() != 0 || sm->mounterConfigSmSize() != 0))
+      if (sm && (sm->mountSmSize() != 0 || sm->mounterConfigSmSize() != 0))
         fail("nothing left after teardown", "a machine of " + path);
     }
     if (w_.registry->publishEntrySize() != 0) fail("nothing left after teardown", "publish entries");

@@ -46,19 +46,19 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   // The merged filter tables. How many mounters include the system; 0 when none.
   std::uint32_t connectionFilter(Kiv::String const& systemName) const { return connectionFilter_.get(systemName); }
   bool connectionFilterContains(Kiv::String const& systemName) const { return connectionFilter_.contains(systemName); }
-  std::size_t connectionFilters() const { return connectionFilter_.size(); }
+  std::size_t connectionFilterSize() const { return connectionFilter_.size(); }
   Kiv::Ptr<ServiceVersionFilter> versionFilter(Kiv::Name const& serviceName) const {
     return versionFilter_.get(serviceName);
   }
-  std::size_t versionFilters() const { return versionFilter_.size(); }
+  std::size_t versionFilterSize() const { return versionFilter_.size(); }
 
   Kiv::Ptr<MountSmData> mountSmData(SystemId const& systemId) const { return mountSmData_.get(systemId); }
-  std::size_t mountSmDatas() const { return mountSmData_.size(); }
+  std::size_t mountSmDataSize() const { return mountSmData_.size(); }
   // Stores the switch's mount data and starts following it.
   void mountSmDataIs(SystemId const& systemId, Kiv::ValidPtr<MountSmData> data);
   void mountSmDataDel(SystemId const& systemId);
   Kiv::Ptr<MountSm> mountSm(SystemId const& systemId) const { return mountSm_.get(systemId); }
-  std::size_t mountSms() const { return mountSm_.size(); }
+  std::size_t mountSmSize() const { return mountSm_.size(); }
   void mountSmIs(SystemId const& systemId, Kiv::ValidPtr<MountSm> sm);
   // Runs the machine's doCleanup() before it goes.
   void mountSmDel(SystemId const& systemId);

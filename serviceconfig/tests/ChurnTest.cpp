@@ -75,7 +75,7 @@ TEST_F(Churn, AGroupThatTakesAnotherFilterIsFollowed) {
   loop.advanceBy(2);
   EXPECT_TRUE(mounted(s1));
   EXPECT_TRUE(mounted(s2));
-  EXPECT_EQ(registrySm->mountsRegistryEntrySm("/a")->connectionFilters(), 0u);
+  EXPECT_EQ(registrySm->mountsRegistryEntrySm("/a")->connectionFilterSize(), 0u);
 }
 
 TEST_F(Churn, PublishReadinessComesBackOnlyOnceEveryEntryIsProcessed) {
