@@ -24,6 +24,7 @@ struct Lists {
   FreeBlock* free[kLargest / kGrain] = {};
   char* next = nullptr;  // the unused rest of the current chunk
   char* end = nullptr;
+  PoolBytes bytes;
 };
 
 thread_local Lists lists;
@@ -37,6 +38,7 @@ void* poolAllocate(std::size_t size) {
   Lists& l = lists;
   std::size_t const c = classOf(size);
   std::size_t const block = (c + 1) * kGrain;
+  l.bytes.inUse += block;
   if (FreeBlock* b = l.free[c]) {
     l.free[c] = b->next;
     return b;
@@ -50,6 +52,7 @@ void* poolAllocate(std::size_t size) {
     }
     l.next = static_cast<char*>(::operator new(kChunk));
     l.end = l.next + kChunk;
+    l.bytes.chunks += kChunk;
   }
   void* p = l.next;
   l.next += block;
@@ -64,11 +67,14 @@ void poolRelease(void* p, std::size_t size) noexcept {
   }
   Lists& l = lists;
   std::size_t const c = classOf(size);
+  l.bytes.inUse -= (c + 1) * kGrain;
   auto* b = static_cast<FreeBlock*>(p);
   b->next = l.free[c];
   l.free[c] = b;
 }
 
 bool poolEnabled() { return kPooled; }
+
+PoolBytes poolBytes() { return lists.bytes; }
 
 }  // namespace Kiv

@@ -23,4 +23,13 @@ void poolRelease(void* p, std::size_t size) noexcept;
 // False when every request goes to the general allocator (under AddressSanitizer).
 bool poolEnabled();
 
+// This thread's pool: the chunks taken from the general allocator, and the blocks handed out of
+// them and not yet released. What a world of objects really holds is the general allocator's
+// figure less `chunks` plus `inUse`.
+struct PoolBytes {
+  std::size_t chunks = 0;
+  std::size_t inUse = 0;
+};
+PoolBytes poolBytes();
+
 }  // namespace Kiv
