@@ -189,19 +189,20 @@ void MounterConfigSm::withdrawMountStatus() {
   status->mountedPathPrefixDel(path);
   Kiv::Name const group(mounter_->groupName());
   bool const groupStays = groupMountsElsewhere();
+  GroupStateTally& tally = mountsRegistryEntrySm_->mountsRegistrySm()->groupStateTally();
   for (Kiv::Name const& system : Kiv::keysOf(status->systemStatusIter())) {
     Kiv::Ptr<SystemStatus> systemStatus = status->systemStatus(system);
     Kiv::Ptr<ServiceMountGroupStatus> groupStatus = systemStatus->serviceMountGroupStatus(group);
     if (!groupStatus) continue;
     if (groupStatus->mountStatus(path)) {
       KIV_SM_TRACE_AT(8, 897, "doCleanup", ": Deleting mount status for " << path);
-      groupStatus->mountStatusDel(path);
+      tally.rowDel(*groupStatus, path);
       // The group's state is the rows' that are left.
-      if (groupStatus->mountStatusSize() != 0)
-        groupStatus->mountStateIs(MountsRegistryEntrySm::combinedMountState(*groupStatus));
+      if (groupStatus->mountStatusSize() != 0) groupStatus->mountStateIs(tally.combined(*groupStatus));
     }
     if (groupStays || groupStatus->mountStatusSize() != 0) continue;
     KIV_SM_TRACE_AT(8, 902, "doCleanup", ": Deleting mount group status for " << group);
+    tally.groupDel(*groupStatus);
     systemStatus->serviceMountGroupStatusDel(group);
     if (systemStatus->serviceMountGroupStatusSize() == 0) {
       KIV_SM_TRACE_AT(8, 907, "doCleanup", ": Deleting system status for " << system);

@@ -334,10 +334,10 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
   KIV_SM_TRACE_TEXT(8, "updateMounterStatus",
                     "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
   Kiv::Name const path = registryEntry_->remotePath();
+  GroupStateTally& tally = mountsRegistrySm_->groupStateTally();
   if (mounterIsInterestedInConnection(mounter, systemId.stringValue())) {
-    groupStatus->mountStatusIs(path);
-  } else if (groupStatus->mountStatus(path)) {
-    groupStatus->mountStatusDel(path);
+    tally.rowIs(*groupStatus, path);
+  } else if (tally.rowDel(*groupStatus, path)) {
     // A withdrawn row no longer counts towards the group's state.
     if (groupStatus->mountStatusSize() != 0) updateMountGroupMountState(groupStatus, state);
   }
@@ -361,7 +361,7 @@ void MountsRegistryEntrySm::handleMountState(Kiv::PtrConst<Mounter> const& mount
     // Where the mount machine placed the copy, as it reports it.
     if (Kiv::Ptr<MountSmData> data = mountSmData(systemId)) row->mountedPathIs(data->mountedPath());
   }
-  row->mountStateIs(state);
+  mountsRegistrySm_->groupStateTally().rowStateIs(*groupStatus, *row, state);
   updateMountGroupMountState(groupStatus, state);
 }
 
@@ -391,7 +391,7 @@ MountState MountsRegistryEntrySm::combinedMountState(ServiceMountGroupStatus con
 void MountsRegistryEntrySm::updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus,
                                                        MountState state) {
   KIV_SM_TRACE(8, "updateMountGroupMountState", " " << entryName() << " " << state);
-  groupStatus->mountStateIs(combinedMountState(*groupStatus));
+  groupStatus->mountStateIs(mountsRegistrySm_->groupStateTally().combined(*groupStatus));
 }
 
 void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
@@ -404,7 +404,8 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
     if (!status) continue;
     if (registered) {
       status->systemStatusIs(systemName)->serviceMountGroupStatusIs(Kiv::Name(mounter->groupName()));
-    } else {
+    } else if (Kiv::Ptr<SystemStatus> system = status->systemStatus(systemName)) {
+      mountsRegistrySm_->groupStateTally().systemDel(*system);
       status->systemStatusDel(systemName);
     }
   }

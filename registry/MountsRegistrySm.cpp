@@ -36,6 +36,7 @@ MountsRegistrySm::~MountsRegistrySm() {
       if (Kiv::Ptr<ServiceMountStatus> const& status = m.value()->serviceMountStatus())
         if (std::find(statuses.begin(), statuses.end(), status) == statuses.end()) statuses.push_back(status);
   for (Kiv::Ptr<ServiceMountStatus> const& status : statuses) status->systemStatusDelAll();
+  groupStateTally_.clear();
   // The mounts end switch by switch, the order they were made in, which keeps the walk over their
   // memory close; a mount from a switch no longer in the table ends in its entry's clean-up.
   std::vector<MountsRegistryEntrySm*> entries;

@@ -5,6 +5,7 @@
 #include "MountsRegistryMachines.h"
 #include "platform/SystemId.h"
 #include "registry/ConnectionServiceStatusDirSm.h"
+#include "registry/GroupStateTally.h"
 #include "registry/MountsRegistryEntrySm.h"
 #include "registry/PublishRegistryEntrySm.h"
 
@@ -44,6 +45,8 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   // The switch's text form; one shared string per peer, so that the many per-switch names made
   // from it (directories, mount data, connection names) share it.
   Kiv::Name switchName(SystemId const& systemId) const;
+  // The entries' rows are counted here, since the entries of a group share its status.
+  GroupStateTally& groupStateTally() { return groupStateTally_; }
 
  private:
   friend class ServiceStatusSm;
@@ -54,6 +57,7 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   Kiv::PtrConst<ControllerOob::Connection> connectionOf(Kiv::PtrConst<Peer> const& peer) const;
 
   bool initialized_ = false;
+  GroupStateTally groupStateTally_;
 };
 
 }  // namespace Controller
