@@ -94,21 +94,24 @@ MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::Connec
       mountTimeout_(mountTimeout),
       mountSmData_(std::move(mountSmData)) {}
 
-// The timers are made on first use: most machines never need their request or unmount timer.
+// The timers are made on first use: most machines never need their request timer.
 // Each step holds the machine: the owner's reactors may release it while the step reports.
 Platform::Timer& MountSm::requestTimer() {
   if (!requestTimer_) requestTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onRequestTime(); });
   return *requestTimer_;
 }
 
-Platform::Timer& MountSm::attemptTimer() {
-  if (!attemptTimer_) attemptTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onAttemptTime(); });
-  return *attemptTimer_;
+Platform::Timer& MountSm::stepTimer() {
+  if (!stepTimer_) stepTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onStepTime(); });
+  return *stepTimer_;
 }
 
-Platform::Timer& MountSm::unmountTimer() {
-  if (!unmountTimer_) unmountTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onUnmountTime(); });
-  return *unmountTimer_;
+void MountSm::onStepTime() {
+  if (state_ == mountStateMounting) {
+    onAttemptTime();
+  } else {
+    onUnmountTime();
+  }
 }
 
 void MountSm::disarm(Kiv::Ptr<Platform::Timer> const& t) {
@@ -129,6 +132,7 @@ void MountSm::connectionConfigIs(Kiv::PtrConst<Controller::ConnectionConfig> cfg
 
 void MountSm::doRemount() {
   if (cleanedUp_) return;
+  if (state_ == mountStateMounting && request_ == Request::none && connectionConfig_ == mountingConfig_) return;
   startMounting();
 }
 
@@ -141,8 +145,7 @@ void MountSm::doCleanup() {
   cleanedUp_ = true;
   request_ = Request::none;
   disarm(requestTimer_);
-  disarm(attemptTimer_);
-  disarm(unmountTimer_);
+  disarm(stepTimer_);
   // What the machine placed goes with it, unless the state was to be preserved.
   if (!keepCopy_ && copy_) {
     copyDel();
@@ -176,10 +179,9 @@ void MountSm::onRequestTime() {
     case mountStateMounted:
       break;
   }
-  disarm(attemptTimer_);
   unmounting_ = r;
   Sim::Switch* sw = findSwitch();
-  unmountTimer().armIn(sw ? sw->unmountLatency() : 0);
+  stepTimer().armIn(sw ? sw->unmountLatency() : 0);
   stateIs(mountStateUnmounting);
 }
 
@@ -197,8 +199,8 @@ void MountSm::startMounting() {
   request_ = Request::none;
   keepCopy_ = false;
   disarm(requestTimer_);
-  disarm(unmountTimer_);
   unmounting_ = Request::none;
+  mountingConfig_ = connectionConfig_;
   attempts_ = 0;
   startAttempt();
   stateIs(mountStateMounting);
@@ -212,7 +214,7 @@ void MountSm::startAttempt() {
   attemptGeneration_ = sw ? sw->generation() : 0;
   KIV_TRACE(trace, 8, __FILE__, __LINE__, __func__,
             systemId_ << " attempt " << attempts_ << (awaitingCompletion_ ? " reaches the switch" : " will time out"));
-  attemptTimer().armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
+  stepTimer().armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
 }
 
 void MountSm::onAttemptTime() {
@@ -227,7 +229,7 @@ void MountSm::onAttemptTime() {
       if (!cleanedUp_) stateIs(mountStateMounted);
       return;
     }
-    attemptTimer().armAt(attemptStart_ + mountTimeout_);
+    stepTimer().armAt(attemptStart_ + mountTimeout_);
     return;
   }
   if (attempts_ <= reconnectRetries_) {

@@ -17,7 +17,9 @@
 //    nothing, except that an ordinary unmount removes a copy a state-preserving one kept.
 //  - doRemount() cancels a pending request and a running unmount or attempt and starts over at 1
 //    with the configuration last given to connectionConfigIs() (which starts nothing itself). A
-//    copy still in place stays until the new mount replaces it.
+//    copy still in place stays until the new mount replaces it. Mounting already, with no request
+//    pending and on that same configuration, it changes nothing: the attempts under way are the
+//    remount asked for, and starting over would only put their end off.
 //  - doCleanup() ends the machine: timers disarmed, a pending request dropped, later operations
 //    ignored. The copy it made is removed (and mountedPath cleared) unless the last request was a
 //    state-preserving unmount, whose point is to keep it. Its owner must run it before releasing
@@ -101,8 +103,9 @@ class MountSm : public Kiv::PtrInterface {
   Sim::Switch* findSwitch() const;
   void stateIs(Controller::MountState s);
   Platform::Timer& requestTimer();
-  Platform::Timer& attemptTimer();
-  Platform::Timer& unmountTimer();
+  // An attempt (state 1) or an unmount (state 2): never both at once.
+  Platform::Timer& stepTimer();
+  void onStepTime();
   static void disarm(Kiv::Ptr<Platform::Timer> const& t);
 
   Controller::SystemId systemId_;
@@ -134,9 +137,11 @@ class MountSm : public Kiv::PtrInterface {
   Kiv::Ptr<Kiv::Entity> copy_;
   Kiv::Ptr<Kiv::Dir> copyParent_;
 
+  // The configuration the attempts under way went out with.
+  Kiv::PtrConst<Controller::ConnectionConfig> mountingConfig_;
+
   Kiv::Ptr<Platform::Timer> requestTimer_;
-  Kiv::Ptr<Platform::Timer> attemptTimer_;
-  Kiv::Ptr<Platform::Timer> unmountTimer_;
+  Kiv::Ptr<Platform::Timer> stepTimer_;
 };
 
 }  // namespace Controller

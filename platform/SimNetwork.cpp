@@ -29,6 +29,7 @@ Switch::~Switch() {
 
 Switch& Switch::addressIs(Ovel::IpAndPort const& address) {
   address_ = address;
+  network_.addressesIndex();
   return *this;
 }
 
@@ -195,19 +196,24 @@ Switch& Network::switchIs(std::string_view ethAddr) {
   auto n = static_cast<std::uint32_t>(switches_.size() + 1);
   Ovel::IpAndPort address((10u << 24) | n, Switch::kDefaultPort);
   switches_.push_back(std::unique_ptr<Switch>(new Switch(*this, id, address)));
+  byId_.emplace(id, switches_.back().get());
+  byAddress_.emplace(address, switches_.back().get());
   return *switches_.back();
 }
 
+void Network::addressesIndex() {
+  byAddress_.clear();
+  for (auto const& s : switches_) byAddress_.emplace(s->address(), s.get());
+}
+
 Switch* Network::switchOf(Controller::SystemId const& id) const {
-  for (auto const& s : switches_)
-    if (s->systemId() == id) return s.get();
-  return nullptr;
+  auto it = byId_.find(id);
+  return it == byId_.end() ? nullptr : it->second;
 }
 
 Switch* Network::switchAt(Ovel::IpAndPort const& address) const {
-  for (auto const& s : switches_)
-    if (s->address() == address) return s.get();
-  return nullptr;
+  auto it = byAddress_.find(address);
+  return it == byAddress_.end() ? nullptr : it->second;
 }
 
 }  // namespace Sim

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "HeartbeatConfig.h"
@@ -168,7 +169,14 @@ class Network {
  private:
   Kiv::Ptr<ControllerOob::Status> oobStatus_;
   Kiv::Ptr<Controller::Heartbeat::Config> heartbeatConfig_;
+  friend class Switch;
+  // Where a switch at the address is looked up (the first created, should two share it).
+  void addressesIndex();
+
   std::vector<std::unique_ptr<Switch>> switches_;
+  // Every mount attempt looks its switch up: indexed, not searched.
+  std::unordered_map<Controller::SystemId, Switch*> byId_;
+  std::unordered_map<Ovel::IpAndPort, Switch*> byAddress_;
   Network* previous_;
 };
 

@@ -142,6 +142,18 @@ TEST_F(MountSmTest, RemountCancelsAPendingUnmountAndReachesOnlyTheConfiguredAddr
   sm->doRemount();
   loop.advanceTo(50);
   EXPECT_EQ(data->mountState(), mountStateMounted);
+
+  // Mid-attempt, a remount on the same configuration lets the attempt end; on another it starts over.
+  for (bool fresh : {false, true}) {
+    auto m = mount();
+    loop.advanceBy(1);
+    auto config = ConnectionConfig::ConnectionConfigIs("config");
+    config->addressIs(sw.address());
+    if (fresh) m->connectionConfigIs(config);
+    m->doRemount();
+    loop.advanceBy(5);
+    EXPECT_EQ(log->text, fresh ? "Mounting@0 Mounted@3" : "Mounting@0 Mounted@2");
+  }
 }
 
 TEST_F(MountSmTest, CleanupEndsEveryRequestAndTakesTheCopyAlongUnlessAskedToPreserveIt) {
