@@ -216,7 +216,7 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   Kiv::PtrConst<PeerTable> table = peerTable();
   if (table && table->peer(id)) {
     updateSystemStatus(id);
-    if (canMountFromConnection(id.stringValue())) {
+    if (canMountFromConnection(mountsRegistrySm_->switchName(id))) {
       doConnectSwitch(id);
     } else {
       KIV_SM_DUALLOG(5, kivSigHandleSwitchConnection, " Cannot mount:%s from:%s", entryName(), id);
@@ -283,7 +283,7 @@ void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
   }
   KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " unmounting:%s from:%s", entryName(), systemId);
   // The machine itself goes once its state is back at unmounted (handleMountState).
-  if (preserveMountsOnDisconnect(systemId.stringValue())) {
+  if (preserveMountsOnDisconnect(mountsRegistrySm_->switchName(systemId))) {
     KIV_SM_TRACE_TEXT(8, "doDisconnectSwitch", ": unmount is state-preserving");
     sm->doStatePreservingUnmount();
   } else {
@@ -323,7 +323,8 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
                                                 MountState state) {
   Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus = mounter->serviceMountStatus();
   KIV_ASSERT(serviceMountStatus);
-  Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus->systemStatus(Kiv::Name(systemId.stringValue()));
+  Kiv::Name const systemName = mountsRegistrySm_->switchName(systemId);
+  Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus->systemStatus(systemName);
   if (!systemStatus) return;
   Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig = mounter->mountGroupConfig();
   KIV_ASSERT(mountGroupConfig);
@@ -335,7 +336,7 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
                     "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
   Kiv::Name const path = registryEntry_->remotePath();
   GroupStateTally& tally = mountsRegistrySm_->groupStateTally();
-  if (mounterIsInterestedInConnection(mounter, systemId.stringValue())) {
+  if (mounterIsInterestedInConnection(mounter, systemName)) {
     tally.rowIs(*groupStatus, path);
   } else if (tally.rowDel(*groupStatus, path)) {
     // A withdrawn row no longer counts towards the group's state.
@@ -352,7 +353,7 @@ void MountsRegistryEntrySm::handleMountState(Kiv::PtrConst<Mounter> const& mount
                     "mount state:" << state << " connection:" << systemId << " service:" << mounter->serviceName()
                                    << " mountGroup:" << mounter->groupName() << " remote path:" << path);
   Kiv::Ptr<SystemStatus> systemStatus =
-      mounter->serviceMountStatus()->systemStatus(Kiv::Name(systemId.stringValue()));
+      mounter->serviceMountStatus()->systemStatus(mountsRegistrySm_->switchName(systemId));
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus =
       systemStatus ? systemStatus->serviceMountGroupStatus(Kiv::Name(mounter->groupName())) : nullptr;
   Kiv::Ptr<MountStatus> row = groupStatus ? groupStatus->mountStatus(path) : nullptr;
@@ -398,7 +399,7 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
   KIV_SM_TRACE(8, "updateSystemStatus", " " << entryName());
   Kiv::PtrConst<PeerTable> table = peerTable();
   bool const registered = table && table->peer(systemId);
-  Kiv::Name const systemName(systemId.stringValue());
+  Kiv::Name const systemName = mountsRegistrySm_->switchName(systemId);
   for (Kiv::Ptr<Mounter> const& mounter : Kiv::valuesOf(registryEntry_->mounterIter())) {
     Kiv::Ptr<ServiceMountStatus> const& status = mounter->serviceMountStatus();
     if (!status) continue;

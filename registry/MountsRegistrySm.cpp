@@ -162,6 +162,11 @@ Kiv::PtrConst<ControllerOob::Connection> MountsRegistrySm::connectionOf(Kiv::Ptr
   return nullptr;
 }
 
+bool MountsRegistrySm::hasConnection(Kiv::PtrConst<Peer> const& peer, Kiv::Name const& name) const {
+  Kiv::PtrConst<ControllerOob::Connection> const named = oobStatus_->connection(name);
+  return (named && named->address() == peer->connectionAddress()) || connectionOf(peer);
+}
+
 void MountsRegistrySm::handlePeer() {
   for (SystemId const& id : peersOf(peerTable_)) handlePeer(id);
 }
@@ -211,12 +216,14 @@ std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::Strin
   KIV_SM_TRACE_AT(8, 677, "negotiatedServiceVersionForConnection", " " << serviceName << " " << connectionName);
   Ovel::EthAddr addr;
   if (!peerTable_ || !Ovel::EthAddr::parse(connectionName.view(), addr)) return 0;
-  Kiv::PtrConst<Peer> const current = peerTable_->peer(SystemId(addr));
+  SystemId const id(addr);
+  Kiv::PtrConst<Peer> const current = peerTable_->peer(id);
   if (!current) return 0;
+  Kiv::Name const name = switchName(id);
   Kiv::String const service = isProxyServiceName(serviceName.view()) ? realServiceNameOfProxy(serviceName) : serviceName;
   Kiv::PtrConst<ServiceVersionStatusV1> version;
-  if (Kiv::PtrConst<ControllerOob::Connection> connection = connectionOf(current)) {
-    if (auto sm = connectionServiceStatusDirSm(Kiv::Name(SystemId(addr).stringValue()))) {
+  if (hasConnection(current, name)) {
+    if (auto sm = connectionServiceStatusDirSm(name)) {
       if (auto follower = sm->serviceStatus(service); follower && !follower->goingAway()) {
         Kiv::PtrConst<ServiceStatusV1> status = follower->serviceStatus();
         if (status && status->enabled()) version = status->versionStatus();

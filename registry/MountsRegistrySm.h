@@ -55,6 +55,9 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   void handleServiceVersion(Kiv::String const& serviceName, Kiv::String const& connectionName);
   // The connection of oobStatus whose address is the peer's, or null.
   Kiv::PtrConst<ControllerOob::Connection> connectionOf(Kiv::PtrConst<Peer> const& peer) const;
+  // Whether there is such a connection. The one keyed by the switch's name nearly always is it,
+  // and is looked at before the others are searched.
+  bool hasConnection(Kiv::PtrConst<Peer> const& peer, Kiv::Name const& name) const;
 
   bool initialized_ = false;
   GroupStateTally groupStateTally_;
