@@ -4,6 +4,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <functional>
+#include <ostream>
 #include <map>
 #include <string>
 #include <string_view>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "MountInterface.h"
+#include "kiv/Clock.h"
 #include "kiv/Dir.h"
 #include "kiv/HashMap.h"
 #include "kiv/Ptr.h"
@@ -197,6 +200,61 @@ void BM_TraceBaseline(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_TraceBaseline);
+
+// A small value type a machine logs, such as a switch's address.
+struct Addr {
+  unsigned char bytes[6];
+};
+std::ostream& operator<<(std::ostream& os, Addr const& a) {
+  return os << int(a.bytes[0]) << ':' << int(a.bytes[5]);
+}
+
+// The common case: the level is off and only the ring keeps the message.
+void BM_DuallogDisabled(benchmark::State& state) {
+  benchTrace.levelsIs(0);
+  Kiv::String const what = "system-7";
+  Addr const addr{{0, 0x1c, 0x73, 0x0a, 0, 1}};
+  int n = 0;
+  for (auto _ : state) {
+    KIV_DUALLOG(benchTrace, 5, __FILE__, __LINE__, "Bench::step", " mount:%s count:%s from:%s", what, n, addr);
+    ++n;
+  }
+  benchmark::DoNotOptimize(Kiv::Ringlog::defaultHandle().written());
+}
+BENCHMARK(BM_DuallogDisabled);
+
+// --- timers ---
+
+struct BenchTimer : Kiv::Clock::NotifieeConst {
+  using NotifieeConst::NotifieeConst;
+  void onTime() override { timeMinIs(Kiv::System::currentTime() + (*next)()); }
+  std::function<double()>* next = nullptr;
+};
+
+// Each iteration fires the earliest of `pending` timers (which re-arms itself further out) and
+// moves another one, as reactors do when they reschedule.
+void BM_TimerRearmFire(benchmark::State& state) {
+  Kiv::EventLoop loop;
+  std::uint64_t x = 88172645463325252ull;
+  std::function<double()> next = [&x] {
+    x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+    return 1.0 + double(x % 1000000) / 1000.0;
+  };
+  std::vector<Kiv::Ptr<BenchTimer>> timers;
+  for (long i = 0; i < state.range(0); ++i) {
+    timers.emplace_back(new BenchTimer(loop.clock()));
+    timers.back()->next = &next;
+    timers.back()->timeMinIs(next());
+  }
+  std::size_t i = 0;
+  for (auto _ : state) {
+    loop.advanceTo(loop.nextTimerTime());
+    timers[i]->timeMinIs(loop.now() + next());
+    if (++i == timers.size()) i = 0;
+  }
+  benchmark::DoNotOptimize(loop.pendingTimerCount());
+}
+BENCHMARK(BM_TimerRearmFire)->ArgName("pending")->Arg(100000);
 
 // --- summary ---
 

@@ -26,11 +26,12 @@ void Clock::NotifieeConst::disarm() {
 }
 
 void Clock::NotifieeConst::timeMinIs(Seconds t) {
-  if (armedOn_) armedOn_->disarm(this);
-  timeMin_ = t;
   // A timer whose clock or loop is gone keeps the time but has nothing to fire it.
   Ptr<Clock const> c = notifier();
-  if (c && c->loop_ && t != kInfinity) c->loop_->arm(this, t);
+  EventLoop* loop = c && t != kInfinity ? c->loop_ : nullptr;
+  if (armedOn_ && armedOn_ != loop) armedOn_->disarm(this);
+  timeMin_ = t;
+  if (loop) loop->arm(this, t);
 }
 
 EventLoop::EventLoop(Mode mode, Seconds start)
@@ -40,11 +41,11 @@ EventLoop::EventLoop(Mode mode, Seconds start)
 }
 
 EventLoop::~EventLoop() {
-  for (auto& [key, n] : timers_) {
-    n->timeMin_ = kInfinity;
-    n->armedOn_ = nullptr;
+  for (Armed const& a : heap_) {
+    a.timer->timeMin_ = kInfinity;
+    a.timer->armedOn_ = nullptr;
   }
-  timers_.clear();
+  heap_.clear();
   clock_->loop_ = nullptr;  // the clock may outlive the loop in someone's Ptr
   PtrInterface::deleteDeferred();
   if (currentLoop == this) currentLoop = previous_;
@@ -55,17 +56,65 @@ EventLoop* EventLoop::current() { return currentLoop; }
 Seconds EventLoop::now() const { return mode_ == Mode::wallClock ? steadyNow() - wallOrigin_ : now_; }
 
 void EventLoop::arm(Clock::NotifieeConst* n, Seconds t) {
-  n->seq_ = ++seq_;
-  timers_.emplace(Key{t, n->seq_}, n);
-  n->armedOn_ = this;
+  Armed const a{t, ++seq_, n};
+  if (n->armedOn_ != this) {
+    heap_.push_back(a);
+    n->armedOn_ = this;
+    siftUp(heap_.size() - 1, a);
+  } else if (a.before(heap_[n->heapIndex_])) {
+    siftUp(n->heapIndex_, a);
+  } else {
+    siftDown(n->heapIndex_, a);
+  }
 }
 
 void EventLoop::disarm(Clock::NotifieeConst* n) {
   KIV_DEBUG_ASSERT(n->armedOn_ == this);
-  std::size_t const erased = timers_.erase(Key{n->timeMin_, n->seq_});
-  KIV_DEBUG_ASSERT(erased == 1 && "an armed timer is missing from its loop");
-  (void)erased;
+  KIV_DEBUG_ASSERT(heap_[n->heapIndex_].timer == n && "an armed timer is missing from its loop");
+  removeAt(n->heapIndex_);
   n->armedOn_ = nullptr;
+}
+
+void EventLoop::place(std::size_t i, Armed const& a) {
+  heap_[i] = a;
+  a.timer->heapIndex_ = i;
+}
+
+// Both fill the hole at i with a, moving what is in the way.
+void EventLoop::siftUp(std::size_t i, Armed const& a) {
+  while (i > 0) {
+    std::size_t const parent = (i - 1) / 4;
+    if (!a.before(heap_[parent])) break;
+    place(i, heap_[parent]);
+    i = parent;
+  }
+  place(i, a);
+}
+
+void EventLoop::siftDown(std::size_t i, Armed const& a) {
+  std::size_t const size = heap_.size();
+  for (;;) {
+    std::size_t const first = 4 * i + 1;
+    if (first >= size) break;
+    std::size_t least = first;
+    for (std::size_t c = first + 1; c < std::min(first + 4, size); ++c)
+      if (heap_[c].before(heap_[least])) least = c;
+    if (!heap_[least].before(a)) break;
+    place(i, heap_[least]);
+    i = least;
+  }
+  place(i, a);
+}
+
+void EventLoop::removeAt(std::size_t i) {
+  Armed const last = heap_.back();
+  heap_.pop_back();
+  if (i == heap_.size()) return;
+  if (i > 0 && last.before(heap_[(i - 1) / 4])) {
+    siftUp(i, last);
+  } else {
+    siftDown(i, last);
+  }
 }
 
 void EventLoop::post(std::function<void()> f) {
@@ -94,12 +143,10 @@ std::size_t EventLoop::runPosted() {
 }
 
 bool EventLoop::fireNext(Seconds upTo) {
-  if (timers_.empty()) return false;
-  auto it = timers_.begin();
-  if (it->first.first > upTo) return false;
-  Clock::NotifieeConst* n = it->second;
-  if (mode_ == Mode::virtualTime && it->first.first > now_) now_ = it->first.first;
-  timers_.erase(it);
+  if (heap_.empty() || heap_.front().time > upTo) return false;
+  Clock::NotifieeConst* n = heap_.front().timer;
+  if (mode_ == Mode::virtualTime && heap_.front().time > now_) now_ = heap_.front().time;
+  removeAt(0);
   n->timeMin_ = kInfinity;
   n->armedOn_ = nullptr;
   // The handler may destroy the timer; nothing here touches it afterwards.
@@ -180,8 +227,9 @@ void EventLoop::stop() {
 
 std::vector<Seconds> EventLoop::pendingTimers() const {
   std::vector<Seconds> times;
-  times.reserve(timers_.size());
-  for (auto const& [key, n] : timers_) times.push_back(key.first);
+  times.reserve(heap_.size());
+  for (Armed const& a : heap_) times.push_back(a.time);
+  std::sort(times.begin(), times.end());
   return times;
 }
 

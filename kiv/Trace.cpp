@@ -194,27 +194,100 @@ Ringlog& Ringlog::defaultHandle() {
   return ring;
 }
 
+namespace {
+constexpr unsigned char kRaw = 0xff;  // text lengths stay below kArgBytes
+static_assert(Ringlog::kArgBytes <= kRaw);
+
+std::vector<std::string> textsOf(RinglogArg const* args, std::size_t count) {
+  std::vector<std::string> texts;
+  texts.reserve(count);
+  for (RinglogArg const* a = args; a != args + count; ++a) texts.push_back(a->text());
+  return texts;
+}
+
+// The arguments as the ring shows them: laid out in buf (kArgBytes), each cut so that all, each
+// followed by a NUL, fit, and read back up to their first NUL. Sets truncated if any was cut.
+std::vector<std::string_view> laidOut(std::vector<std::string> const& texts, char* buf, bool& truncated) {
+  std::size_t used = 0;
+  std::size_t count = 0;
+  for (std::string const& a : texts) {
+    std::size_t room = Ringlog::kArgBytes - used;
+    if (room == 0) {
+      truncated = true;
+      break;
+    }
+    std::size_t n = std::min(a.size(), room - 1);
+    if (n < a.size()) truncated = true;
+    std::memcpy(buf + used, a.data(), n);
+    buf[used + n] = '\0';
+    used += n + 1;
+    ++count;
+  }
+  std::vector<std::string_view> out;
+  for (char const* p = buf; out.size() < count; p += out.back().size() + 1) out.emplace_back(p);
+  return out;
+}
+}  // namespace
+
+std::string RinglogArg::text() const {
+  return format ? format(data) : std::string(static_cast<char const*>(data), size);
+}
+
 void Ringlog::write(RinglogDescriptor const& d, std::initializer_list<std::string_view> args) {
-  Record& r = records_[count_ % records_.size()];
-  ++count_;
-  r.descriptor = &d;
-  r.time = System::currentTime();
+  std::vector<RinglogArg> list;
+  for (std::string_view a : args) list.push_back(RinglogArg::ofText(a));
+  write(d, list.data(), list.size());
+}
+
+// Keeps what lines() needs to lay the arguments out: a text cut only where it would be cut
+// whatever the values' texts turn out to be (each at least a NUL), and nothing past the point
+// where no room would be left. False when the values do not fit in the record.
+bool Ringlog::encode(Record& r, RinglogArg const* args, std::size_t count) {
   r.argCount = 0;
   r.truncated = false;
-  std::size_t used = 0;
-  for (std::string_view a : args) {
-    std::size_t room = kArgBytes - used;
+  std::size_t used = 0;       // of r.args
+  std::size_t leastLaid = 0;  // of the kArgBytes the laid-out texts take, at the least
+  for (RinglogArg const* a = args; a != args + count; ++a) {
+    std::size_t room = kArgBytes - leastLaid;
     if (room == 0) {
       r.truncated = true;
       break;
     }
-    std::size_t n = std::min(a.size(), room - 1);
-    if (n < a.size()) r.truncated = true;
-    std::memcpy(r.args + used, a.data(), n);
-    r.args[used + n] = '\0';
-    used += n + 1;
+    char* out = r.args + used;
+    if (!a->format) {
+      std::size_t n = std::min(a->size, room - 1);
+      if (n < a->size) r.truncated = true;
+      if (used + 1 + n > sizeof r.args) return false;
+      out[0] = static_cast<char>(n);
+      std::memcpy(out + 1, a->data, n);
+      used += 1 + n;
+      leastLaid += n + 1;
+    } else {
+      std::size_t const n = 2 + sizeof a->format + a->size;
+      if (used + n > sizeof r.args) return false;
+      out[0] = static_cast<char>(kRaw);
+      out[1] = static_cast<char>(a->size);
+      std::memcpy(out + 2, &a->format, sizeof a->format);
+      std::memcpy(out + 2 + sizeof a->format, a->data, a->size);
+      used += n;
+      leastLaid += 1;
+    }
     ++r.argCount;
   }
+  return true;
+}
+
+void Ringlog::write(RinglogDescriptor const& d, RinglogArg const* args, std::size_t count) {
+  Record& r = records_[count_ % records_.size()];
+  ++count_;
+  r.descriptor = &d;
+  r.time = System::currentTime();
+  if (encode(r, args, count)) return;
+  // Texts alone always fit: they are cut to kArgBytes.
+  std::vector<std::string> texts = textsOf(args, count);
+  std::vector<RinglogArg> list;
+  for (std::string const& t : texts) list.push_back(RinglogArg::ofText(t));
+  encode(r, list.data(), list.size());
 }
 
 std::string formatRinglogMessage(RinglogDescriptor const& d, std::vector<std::string_view> const& args) {
@@ -241,16 +314,24 @@ std::vector<std::string> Ringlog::lines() const {
   std::size_t n = size();
   for (std::uint64_t i = count_ - n; i < count_; ++i) {
     Record const& r = records_[i % records_.size()];
-    std::vector<std::string_view> args;
-    char const* a = r.args;
-    for (int k = 0; k < r.argCount; ++k) {
-      args.emplace_back(a);
-      a += args.back().size() + 1;
+    std::vector<RinglogArg> kept;
+    for (char const* a = r.args; kept.size() < r.argCount;) {
+      if (static_cast<unsigned char>(a[0]) == kRaw) {
+        RinglogArg::Format format;
+        std::memcpy(&format, a + 2, sizeof format);
+        kept.push_back(RinglogArg{a + 2 + sizeof format, static_cast<unsigned char>(a[1]), format});
+      } else {
+        kept.push_back(RinglogArg{a + 1, static_cast<unsigned char>(a[0]), nullptr});
+      }
+      a = static_cast<char const*>(kept.back().data) + kept.back().size;
     }
+    bool truncated = r.truncated;
+    char buf[kArgBytes];
+    std::vector<std::string_view> args = laidOut(textsOf(kept.data(), kept.size()), buf, truncated);
     std::ostringstream os;
     os << std::fixed << std::setprecision(3) << r.time << ' ' << r.descriptor->file << ':' << r.descriptor->line
        << ' ' << formatRinglogMessage(*r.descriptor, args);
-    if (r.truncated) os << " [truncated]";
+    if (truncated) os << " [truncated]";
     out.push_back(os.str());
   }
   return out;
@@ -261,11 +342,12 @@ void Ringlog::dump(std::ostream& os) const {
 }
 
 namespace detail {
-void duallog(TraceHandle const& handle, int level, RinglogDescriptor const& d,
-             std::initializer_list<std::string_view> args) {
-  Ringlog::defaultHandle().write(d, args);
+void duallog(TraceHandle const& handle, int level, RinglogDescriptor const& d, RinglogArg const* args,
+             std::size_t count) {
+  Ringlog::defaultHandle().write(d, args, count);
   if (!handle.enabled(level)) return;
-  std::string message = formatRinglogMessage(d, std::vector<std::string_view>(args));
+  std::vector<std::string> texts = textsOf(args, count);
+  std::string message = formatRinglogMessage(d, std::vector<std::string_view>(texts.begin(), texts.end()));
   currentSink->write(TraceRecord{System::currentTime(), handle.name(), level, d.file, d.line, d.signature, message});
 }
 }  // namespace detail

@@ -12,9 +12,13 @@
 //
 // Ringlog is an in-memory ring of the most recent messages (fixed size, oldest overwritten,
 // dumpable); Duallog writes one message both to the ring and, when the level is enabled, to the
-// handle's trace.
+// handle's trace. The level is nearly always off, so the ring keeps small values as their bytes
+// and formats them only when it is read.
 
+#include <array>
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <iosfwd>
 #include <optional>
@@ -22,6 +26,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "kiv/Clock.h"
@@ -133,21 +138,46 @@ struct RinglogDescriptor {
   char const* format;     // "%s" marks each argument
 };
 
+// One argument of a ring message: text (format null), or a value's bytes and the function that
+// makes the value's text from them.
+struct RinglogArg {
+  using Format = std::string (*)(void const* bytes);
+  void const* data;
+  std::size_t size;
+  Format format;
+
+  static RinglogArg ofText(std::string_view t) { return RinglogArg{t.data(), t.size(), nullptr}; }
+  std::string text() const;
+};
+
+// Whether the ring keeps an argument of type T as its bytes, to be formatted only if the ring is
+// read: by default small trivially copyable values other than pointers. A type whose text depends
+// on more than its bytes (one that refers to other storage) specializes this as false_type; a
+// larger trivially copyable one may specialize it as true_type.
+template <class T>
+struct RinglogKeepsRaw : std::bool_constant<std::is_trivially_copyable_v<T> && sizeof(T) <= 16 &&
+                                            !std::is_pointer_v<T> && !std::is_array_v<T> &&
+                                            !std::is_member_pointer_v<T>> {};
+
 class Ringlog {
  public:
   static constexpr std::size_t kArgBytes = 240;
+  static constexpr std::size_t kRawBytesMax = 48;
 
   explicit Ringlog(std::size_t capacity = 4096);
   // The per-process ring that Duallog writes to.
   static Ringlog& defaultHandle();
 
   void write(RinglogDescriptor const& d, std::initializer_list<std::string_view> args);
+  void write(RinglogDescriptor const& d, RinglogArg const* args, std::size_t count);
   std::size_t capacity() const { return records_.size(); }
   std::size_t size() const { return count_ < records_.size() ? count_ : records_.size(); }
   // Every record written since construction or clear(), including overwritten ones.
   std::uint64_t written() const { return count_; }
   void clear() { count_ = 0; }
-  // The kept messages, oldest first, each as "<time> <file>:<line> <message>".
+  // The kept messages, oldest first, each as "<time> <file>:<line> <message>". An argument's text
+  // is cut so that all of them, each followed by a NUL, fit in kArgBytes; the line then ends in
+  // " [truncated]".
   std::vector<std::string> lines() const;
   void dump(std::ostream& os) const;
 
@@ -157,8 +187,12 @@ class Ringlog {
     Seconds time;
     std::uint8_t argCount;
     bool truncated;
-    char args[kArgBytes];  // arguments, each followed by a NUL
+    // Each argument as a text (a length byte, then the bytes) or as a value (kRaw, the size, the
+    // format function, then the bytes). Values take more room than texts: the extra room keeps a
+    // few of them, and a record with more holds their texts instead. 320 bytes a record.
+    char args[kArgBytes + 62];
   };
+  static bool encode(Record& r, RinglogArg const* args, std::size_t count);
   std::vector<Record> records_;
   std::uint64_t count_ = 0;
 };
@@ -167,8 +201,8 @@ class Ringlog {
 std::string formatRinglogMessage(RinglogDescriptor const& d, std::vector<std::string_view> const& args);
 
 namespace detail {
-void duallog(TraceHandle const& handle, int level, RinglogDescriptor const& d,
-             std::initializer_list<std::string_view> args);
+void duallog(TraceHandle const& handle, int level, RinglogDescriptor const& d, RinglogArg const* args,
+             std::size_t count);
 template <class T>
 std::string textOf(T const& v) {
   std::ostringstream os;
@@ -183,13 +217,42 @@ inline std::string_view textOf(std::string_view v) { return v; }
 inline std::string_view textOf(char const* v) { return v; }
 inline std::string_view textOf(String const& v) { return v.view(); }
 inline std::string_view textOf(Name const& v) { return v.view(); }
+
+template <class T>
+std::string rawTextOf(void const* bytes) {
+  std::array<unsigned char, sizeof(T)> b;
+  std::memcpy(b.data(), bytes, sizeof(T));
+  return textOf(std::bit_cast<T>(b));
+}
+
+// What an argument needs while its message is written: a RinglogArg, or the text it had to be
+// formatted into at once.
+template <class T>
+auto ringlogHeld(T const& v) {
+  if constexpr (std::is_same_v<decltype(textOf(v)), std::string_view>) {
+    return RinglogArg::ofText(textOf(v));
+  } else if constexpr (std::is_same_v<T, std::string>) {
+    return RinglogArg::ofText(v);  // strep() of a std::string is the string
+  } else if constexpr (RinglogKeepsRaw<T>::value) {
+    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= Ringlog::kRawBytesMax);
+    return RinglogArg{&v, sizeof(T), &rawTextOf<T>};
+  } else {
+    return textOf(v);
+  }
+}
+inline RinglogArg ringlogArg(RinglogArg const& a) { return a; }
+inline RinglogArg ringlogArg(std::string const& s) { return RinglogArg::ofText(s); }
 }  // namespace detail
 
 template <class... A>
 void duallog(TraceHandle const& handle, int level, RinglogDescriptor const& d, A const&... args) {
-  auto texts = std::make_tuple(detail::textOf(args)...);
+  auto held = std::make_tuple(detail::ringlogHeld(args)...);
   std::apply(
-      [&](auto const&... t) { detail::duallog(handle, level, d, {std::string_view(t)...}); }, texts);
+      [&](auto const&... h) {
+        std::array<RinglogArg, sizeof...(A)> const list{detail::ringlogArg(h)...};
+        detail::duallog(handle, level, d, list.data(), list.size());
+      },
+      held);
 }
 
 }  // namespace Kiv

@@ -1,8 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
+#include <map>
+#include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -64,6 +68,52 @@ TEST_F(ClockTest, TimersFireInTimeOrderAndRearmGoesBehind) {
   loop.advanceTo(20);
   EXPECT_EQ(fired.size(), 3u);
   EXPECT_EQ(a->timeMin(), Kiv::kInfinity);
+}
+
+// Arming, moving, disarming and destroying many timers at random, with many due at the same time:
+// they fire as a plain list sorted by (time, arming order) says.
+TEST_F(ClockTest, ManyTimersFireInTimeThenArmingOrder) {
+  std::mt19937 rng(7);
+  std::vector<Kiv::Ptr<Timer>> timers(300);
+  std::map<int, std::pair<Kiv::Seconds, int>> armed;  // id -> (time, arming order)
+  int order = 0;
+  Fired expected;
+  for (int step = 0; step < 20000; ++step) {
+    int const id = static_cast<int>(rng() % timers.size());
+    switch (rng() % 8) {
+      case 0:
+        timers[id] = nullptr;
+        armed.erase(id);
+        break;
+      case 1:
+        if (timers[id]) timers[id]->timeMinIs(Kiv::kInfinity);
+        armed.erase(id);
+        break;
+      case 2: {
+        Kiv::Seconds const to = loop.now() + rng() % 3;
+        std::vector<std::tuple<Kiv::Seconds, int, int>> due;
+        for (auto const& [i, key] : armed)
+          if (key.first <= to) due.emplace_back(key.first, key.second, i);
+        std::sort(due.begin(), due.end());
+        for (auto const& [t, o, i] : due) {
+          expected.emplace_back(std::to_string(i), t);
+          armed.erase(i);
+        }
+        loop.advanceTo(to);
+        break;
+      }
+      default:
+        if (!timers[id]) timers[id] = timer(std::to_string(id));
+        Kiv::Seconds const t = loop.now() + rng() % 8;
+        timers[id]->timeMinIs(t);
+        armed[id] = {t, ++order};
+    }
+  }
+  EXPECT_EQ(fired, expected);
+  std::vector<Kiv::Seconds> times;
+  for (auto const& [i, key] : armed) times.push_back(key.first);
+  std::sort(times.begin(), times.end());
+  EXPECT_EQ(loop.pendingTimers(), times);
 }
 
 // A timer is armed only while bound to a live loop's clock: unbinding, rebinding or destroying

@@ -136,4 +136,38 @@ TEST_F(Trace, DuallogWritesTheRingAlwaysAndTheTraceWhenEnabled) {
             "2 Dual.cpp:32 bare text");
 }
 
+struct Point {
+  int x, y;
+};
+std::ostream& operator<<(std::ostream& os, Point const& p) { return os << '(' << p.x << ',' << p.y << ')'; }
+
+constexpr Kiv::RinglogDescriptor kValues{"ring.cpp", 11, "Sm::raw", "p=%s n=%s d=%s b=%s s=%s"};
+constexpr Kiv::RinglogDescriptor kThree{"ring.cpp", 12, "", "%s%s%s"};
+constexpr Kiv::RinglogDescriptor kSix{"ring.cpp", 13, "", "%s%s%s%s%s%s"};
+
+// Values reach the ring as bytes and become text only when it is read: the lines must read as if
+// they had been formatted when written, cuts included.
+TEST_F(Trace, RingValuesReadAsTheirTextsCutsIncluded) {
+  Kiv::TraceHandle handle("TraceTest.Raw");
+  Kiv::TraceCapture capture;
+  Kiv::Ringlog& ring = Kiv::Ringlog::defaultHandle();
+  Kiv::duallog(handle, 1, kValues, Point{3, -4}, -7, 2.5, true, std::string("str"));
+  EXPECT_EQ(ring.lines().back(), "0.000 ring.cpp:11 Sm::raw: p=(3,-4) n=-7 d=2.5 b=1 s=str");
+  handle.levelIs(1, true);
+  Kiv::duallog(handle, 1, kValues, Point{3, -4}, -7, 2.5, true, std::string("str"));
+  EXPECT_THAT(capture.messages(), ElementsAre("Sm::raw: p=(3,-4) n=-7 d=2.5 b=1 s=str"));
+
+  // 231 + 6 bytes leave 3: "xyz" is cut by the value's text, which its bytes do not tell.
+  std::string const t230(230, 't');
+  Kiv::duallog(handle, 0, kThree, t230, 12345, "xyz");
+  EXPECT_EQ(ring.lines().back(), "0.000 ring.cpp:12 " + t230 + "12345xy [truncated]");
+  std::string const t236(236, 't');
+  Kiv::duallog(handle, 0, kThree, t236, 123456, "xyz");
+  EXPECT_EQ(ring.lines().back(), "0.000 ring.cpp:12 " + t236 + "12 [truncated]");
+  // Too many values for the record's room: their texts are kept instead, 5 x 6 bytes, then 209.
+  Point const p{1, 2};
+  Kiv::duallog(handle, 0, kSix, p, p, p, p, p, std::string(239, 't'));
+  EXPECT_EQ(ring.lines().back(), "0.000 ring.cpp:13 (1,2)(1,2)(1,2)(1,2)(1,2)" + std::string(209, 't') + " [truncated]");
+}
+
 }  // namespace
