@@ -9,6 +9,7 @@
 
 #include "kiv/Clock.h"
 #include "kiv/HashMap.h"
+#include "kiv/Pool.h"
 #include "kiv/Ptr.h"
 #include "kiv/Reactor.h"
 #include "kiv/Trace.h"
@@ -30,17 +31,32 @@
 
 namespace Kiv {
 
+// Storage from the framework's pool: the snapshots below are taken per event, millions of times
+// in a large start-up, and released at once.
+template <class T>
+struct PoolAllocator {
+  using value_type = T;
+  PoolAllocator() = default;
+  template <class U>
+  PoolAllocator(PoolAllocator<U> const&) {}
+  T* allocate(std::size_t n) { return static_cast<T*>(poolAllocate(n * sizeof(T))); }
+  void deallocate(T* p, std::size_t n) noexcept { poolRelease(p, n * sizeof(T)); }
+  friend bool operator==(PoolAllocator, PoolAllocator) { return true; }
+};
+template <class T>
+using Snapshot = std::vector<T, PoolAllocator<T>>;
+
 // The keys (values) of a collection, taken before any member is handled: a handler may add or
 // remove members, which an iteration in progress must not see.
 template <class Iter>
 auto keysOf(Iter it) {
-  std::vector<std::decay_t<decltype(it.key())>> keys;
+  Snapshot<std::decay_t<decltype(it.key())>> keys;
   for (; it; ++it) keys.push_back(it.key());
   return keys;
 }
 template <class Iter>
 auto valuesOf(Iter it) {
-  std::vector<std::decay_t<decltype(it.value())>> values;
+  Snapshot<std::decay_t<decltype(it.value())>> values;
   for (; it; ++it) values.push_back(it.value());
   return values;
 }

@@ -200,12 +200,12 @@ bool MountsRegistryEntrySm::preserveMountsOnDisconnect(Kiv::String connection) {
 
 void MountsRegistryEntrySm::handleSwitchConnection() {
   KIV_SM_TRACE(8, "handleSwitchConnection", " " << entryName());
-  std::vector<SystemId> ids;
-  if (Kiv::PtrConst<PeerTable> table = peerTable())
-    for (auto it = table->peerIter(); it; ++it) ids.push_back(it.key());
+  Kiv::PtrConst<PeerTable> const table = peerTable();
+  Kiv::Snapshot<SystemId> ids;
+  if (table) ids = Kiv::keysOf(table->peerIter());
   // Switches that left the table still have their mount to take down.
   for (auto it = mountSm_.begin(); it; ++it)
-    if (std::find(ids.begin(), ids.end(), it.key()) == ids.end()) ids.push_back(it.key());
+    if (!table || !table->peer(it.key())) ids.push_back(it.key());
   for (SystemId const& id : ids) handleSwitchConnection(id);
 }
 
@@ -214,19 +214,21 @@ void MountsRegistryEntrySm::handleSwitchConnection(SystemId const& systemId) {
   KIV_SM_TRACE(8, "handleSwitchConnection", " " << entryName() << " Peer:" << id);
   if (!initialized_) return;
   Kiv::PtrConst<PeerTable> table = peerTable();
+  // Made once for the whole evaluation: every status of the switch is keyed by it.
+  Kiv::Name const name = mountsRegistrySm_->switchName(id);
   if (table && table->peer(id)) {
-    updateSystemStatus(id);
-    if (canMountFromConnection(mountsRegistrySm_->switchName(id))) {
-      doConnectSwitch(id);
+    updateSystemStatus(id, name);
+    if (canMountFromConnection(name)) {
+      doConnectSwitch(id, name);
     } else {
       KIV_SM_DUALLOG(5, kivSigHandleSwitchConnection, " Cannot mount:%s from:%s", entryName(), id);
-      doDisconnectSwitch(id);
+      doDisconnectSwitch(id, name);
     }
   } else {
     KIV_SM_DUALLOG(5, kivSigHandleSwitchConnection, " connection:%s registered:%s", id, "false");
-    doDisconnectSwitch(id);
+    doDisconnectSwitch(id, name);
     // Withdrawn only now, so that the unmount above still found the statuses it reports to.
-    updateSystemStatus(id);
+    updateSystemStatus(id, name);
   }
 }
 
@@ -234,7 +236,7 @@ void MountsRegistryEntrySm::handleNamedSwitchConnection(Kiv::String connectionNa
   handleSwitchConnection(SystemId(connectionName.view()));
 }
 
-void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
+void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId, Kiv::Name const& systemName) {
   KIV_SM_TRACE(8, "doConnectSwitch", " " << entryName());
   Kiv::PtrConst<PeerTable> table = peerTable();
   Kiv::PtrConst<Peer> peer = table ? table->peer(systemId) : nullptr;
@@ -242,7 +244,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
     Kiv::Ptr<MountSmData> data = mountSmData(systemId);
     if (data->mountState() == mountStateMounted && !sm->pendingRequest()) {
       KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " updating status:%s from:%s", entryName(), systemId);
-      updateMountersStatus(systemId, mountStateMounted);
+      updateMountersStatus(systemId, systemName, mountStateMounted);
       return;
     }
     KIV_SM_DUALLOG(5, kivSigDoConnectSwitch, " remounting:%s from:%s", entryName(), systemId);
@@ -260,7 +262,7 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   Kiv::Ptr<Kiv::Dir> prefixDir =
       Kiv::entityCast<Kiv::Dir>(registry.rootDir()->entityAtPath(registryEntry_->targetPath().view()));
   KIV_ASSERT(prefixDir);
-  Kiv::Name const connTargetDirName = mountsRegistrySm_->switchName(systemId);
+  Kiv::Name const& connTargetDirName = systemName;
   Kiv::Ptr<Kiv::Dir> connectionTargetDir = prefixDir->subdirIs(connTargetDirName);
   KIV_ASSERT(connectionTargetDir);
   Kiv::String const targetPath = registryEntry_->targetPath() + "/" + connTargetDirName;
@@ -273,17 +275,17 @@ void MountsRegistryEntrySm::doConnectSwitch(SystemId const& systemId) {
   mountSmIs(systemId, sm);
 }
 
-void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId) {
+void MountsRegistryEntrySm::doDisconnectSwitch(SystemId const& systemId, Kiv::Name const& systemName) {
   KIV_SM_TRACE(8, "doDisconnectSwitch", " " << entryName());
   Kiv::Ptr<MountSm> sm = mountSm(systemId);
   if (!sm) {
     KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " already unmounted:%s from:%s", entryName(), systemId);
-    updateMountersStatus(systemId, mountStateUnmounted);
+    updateMountersStatus(systemId, systemName, mountStateUnmounted);
     return;
   }
   KIV_SM_DUALLOG(5, kivSigDoDisconnectSwitch, " unmounting:%s from:%s", entryName(), systemId);
   // The machine itself goes once its state is back at unmounted (handleMountState).
-  if (preserveMountsOnDisconnect(mountsRegistrySm_->switchName(systemId))) {
+  if (preserveMountsOnDisconnect(systemName)) {
     KIV_SM_TRACE_TEXT(8, "doDisconnectSwitch", ": unmount is state-preserving");
     sm->doStatePreservingUnmount();
   } else {
@@ -300,7 +302,7 @@ void MountsRegistryEntrySm::handleMountState(SystemId const& systemId) {
   MountState const newState = data->mountState();
   KIV_SM_DUALLOG(5, kivSigHandleMountState, " %s connection:%s oldMountState:%s newMountState:%s", entryName(),
                  connectionId, watcher->mountState(), newState);
-  updateMountersStatus(connectionId, newState);
+  updateMountersStatus(connectionId, mountsRegistrySm_->switchName(connectionId), newState);
   if (watcher->mountState() != mountStateUnmounted && newState == mountStateUnmounted) {
     KIV_SM_TRACE(8, "handleMountState", ": Deleting mountSm for " << connectionId);
     // The text of the reactor that once made this check.
@@ -313,17 +315,17 @@ void MountsRegistryEntrySm::handleMountState(SystemId const& systemId) {
 
 // --- status ---
 
-void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, MountState state) {
+void MountsRegistryEntrySm::updateMountersStatus(SystemId const& systemId, Kiv::Name const& systemName,
+                                                 MountState state) {
   KIV_SM_DUALLOG(5, kivSigUpdateMountersStatus, " %s connection:%s", entryName(), systemId);
   for (Kiv::Ptr<Mounter> const& mounter : Kiv::valuesOf(registryEntry_->mounterIter()))
-    updateMounterStatus(mounter, systemId, state);
+    updateMounterStatus(mounter, systemId, systemName, state);
 }
 
 void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
-                                                MountState state) {
+                                                Kiv::Name const& systemName, MountState state) {
   Kiv::Ptr<ServiceMountStatus> const& serviceMountStatus = mounter->serviceMountStatus();
   KIV_ASSERT(serviceMountStatus);
-  Kiv::Name const systemName = mountsRegistrySm_->switchName(systemId);
   Kiv::Ptr<SystemStatus> systemStatus = serviceMountStatus->systemStatus(systemName);
   if (!systemStatus) return;
   Kiv::PtrConst<ServiceMountGroupConfig> const& mountGroupConfig = mounter->mountGroupConfig();
@@ -342,18 +344,17 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
     // A withdrawn row no longer counts towards the group's state.
     if (groupStatus->mountStatusSize() != 0) updateMountGroupMountState(groupStatus, state);
   }
-  handleMountState(mounter, systemId, state);
+  handleMountState(mounter, systemId, systemName, state);
   groupStatus->processedIs(true);
 }
 
 void MountsRegistryEntrySm::handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
-                                             MountState state) {
+                                             Kiv::Name const& systemName, MountState state) {
   Kiv::Name const path = registryEntry_->remotePath();
   KIV_SM_TRACE_TEXT(8, "handleMountState",
                     "mount state:" << state << " connection:" << systemId << " service:" << mounter->serviceName()
                                    << " mountGroup:" << mounter->groupName() << " remote path:" << path);
-  Kiv::Ptr<SystemStatus> systemStatus =
-      mounter->serviceMountStatus()->systemStatus(mountsRegistrySm_->switchName(systemId));
+  Kiv::Ptr<SystemStatus> systemStatus = mounter->serviceMountStatus()->systemStatus(systemName);
   Kiv::Ptr<ServiceMountGroupStatus> groupStatus =
       systemStatus ? systemStatus->serviceMountGroupStatus(Kiv::Name(mounter->groupName())) : nullptr;
   Kiv::Ptr<MountStatus> row = groupStatus ? groupStatus->mountStatus(path) : nullptr;
@@ -395,11 +396,10 @@ void MountsRegistryEntrySm::updateMountGroupMountState(Kiv::Ptr<ServiceMountGrou
   groupStatus->mountStateIs(mountsRegistrySm_->groupStateTally().combined(*groupStatus));
 }
 
-void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId) {
+void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, Kiv::Name const& systemName) {
   KIV_SM_TRACE(8, "updateSystemStatus", " " << entryName());
   Kiv::PtrConst<PeerTable> table = peerTable();
   bool const registered = table && table->peer(systemId);
-  Kiv::Name const systemName = mountsRegistrySm_->switchName(systemId);
   for (Kiv::Ptr<Mounter> const& mounter : Kiv::valuesOf(registryEntry_->mounterIter())) {
     Kiv::Ptr<ServiceMountStatus> const& status = mounter->serviceMountStatus();
     if (!status) continue;

@@ -74,16 +74,19 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   void handleSwitchConnection(SystemId const& systemId);
   void handleSwitchConnection();
   void handleNamedSwitchConnection(Kiv::String connectionName);
-  void doConnectSwitch(SystemId const& systemId);
-  void doDisconnectSwitch(SystemId const& systemId);
+  // The per-switch steps take the switch's name as well, made once per evaluation.
+  void doConnectSwitch(SystemId const& systemId, Kiv::Name const& systemName);
+  void doDisconnectSwitch(SystemId const& systemId, Kiv::Name const& systemName);
   bool preserveMountsOnDisconnect(Kiv::String connection);
   // The switch's mount machine reported a state.
   void handleMountState(SystemId const& systemId);
-  void updateMountersStatus(SystemId const& systemId, MountState state);
-  void updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId, MountState state);
-  void handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId, MountState state);
+  void updateMountersStatus(SystemId const& systemId, Kiv::Name const& systemName, MountState state);
+  void updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
+                           Kiv::Name const& systemName, MountState state);
+  void handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId, Kiv::Name const& systemName,
+                        MountState state);
   void updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus, MountState state);
-  void updateSystemStatus(SystemId const& systemId);
+  void updateSystemStatus(SystemId const& systemId, Kiv::Name const& systemName);
   void doCleanup();
 
   // The group's state from its rows' states, by the rule above.

@@ -8,8 +8,8 @@
 namespace Controller {
 
 namespace {
-std::vector<SystemId> peersOf(Kiv::PtrConst<PeerTable> const& table) {
-  return table ? Kiv::keysOf(table->peerIter()) : std::vector<SystemId>();
+Kiv::Snapshot<SystemId> peersOf(Kiv::PtrConst<PeerTable> const& table) {
+  return table ? Kiv::keysOf(table->peerIter()) : Kiv::Snapshot<SystemId>();
 }
 }  // namespace
 
