@@ -12,8 +12,14 @@ void GroupStateTally::count(Counts& c, MountState s, int by) {
 }
 
 GroupStateTally::Counts& GroupStateTally::countsOf(ServiceMountGroupStatus const& group) {
-  auto [it, made] = counts_.try_emplace(&group);
-  Counts& c = it->second;
+  bool made = false;
+  if (&group != lastGroup_) {
+    auto [it, inserted] = counts_.try_emplace(&group);
+    made = inserted;
+    lastGroup_ = &group;
+    last_ = &it->second;
+  }
+  Counts& c = *last_;
   if (made) c.group = &group;
   if (made || c.total != group.mountStatusSize()) {
     c.n = {};

@@ -27,9 +27,15 @@ class GroupStateTally {
   MountState combined(ServiceMountGroupStatus const& group);
 
   // The group statuses go, or are about to.
-  void groupDel(ServiceMountGroupStatus const& group) { counts_.erase(&group); }
+  void groupDel(ServiceMountGroupStatus const& group) {
+    if (&group == lastGroup_) lastGroup_ = nullptr;
+    counts_.erase(&group);
+  }
   void systemDel(SystemStatus const& system);
-  void clear() { counts_.clear(); }
+  void clear() {
+    lastGroup_ = nullptr;
+    counts_.clear();
+  }
   std::size_t size() const { return counts_.size(); }
 
  private:
@@ -43,6 +49,10 @@ class GroupStateTally {
   static void count(Counts& c, MountState s, int by);
 
   std::unordered_map<ServiceMountGroupStatus const*, Counts> counts_;
+  // A row's change asks for its group's counts several times over: the last ones are kept at hand
+  // (the map's nodes stay put until erased).
+  ServiceMountGroupStatus const* lastGroup_ = nullptr;
+  Counts* last_ = nullptr;
 };
 
 }  // namespace Controller

@@ -338,26 +338,25 @@ void MountsRegistryEntrySm::updateMounterStatus(Kiv::PtrConst<Mounter> const& mo
                     "group: " << group << " mount: " << mounter->mountConfig() << "%s config: ");
   Kiv::Name const path = registryEntry_->remotePath();
   GroupStateTally& tally = mountsRegistrySm_->groupStateTally();
+  Kiv::Ptr<MountStatus> row;
   if (mounterIsInterestedInConnection(mounter, systemName)) {
-    tally.rowIs(*groupStatus, path);
+    row = tally.rowIs(*groupStatus, path);
   } else if (tally.rowDel(*groupStatus, path)) {
     // A withdrawn row no longer counts towards the group's state.
     if (groupStatus->mountStatusSize() != 0) updateMountGroupMountState(groupStatus, state);
   }
-  handleMountState(mounter, systemId, systemName, state);
+  handleMountState(mounter, systemId, groupStatus, row, state);
   groupStatus->processedIs(true);
 }
 
+// Nothing watches the rows, so the group and row found above are still the ones in place.
 void MountsRegistryEntrySm::handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
-                                             Kiv::Name const& systemName, MountState state) {
-  Kiv::Name const path = registryEntry_->remotePath();
+                                             Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus,
+                                             Kiv::Ptr<MountStatus> const& row, MountState state) {
   KIV_SM_TRACE_TEXT(8, "handleMountState",
                     "mount state:" << state << " connection:" << systemId << " service:" << mounter->serviceName()
-                                   << " mountGroup:" << mounter->groupName() << " remote path:" << path);
-  Kiv::Ptr<SystemStatus> systemStatus = mounter->serviceMountStatus()->systemStatus(systemName);
-  Kiv::Ptr<ServiceMountGroupStatus> groupStatus =
-      systemStatus ? systemStatus->serviceMountGroupStatus(Kiv::Name(mounter->groupName())) : nullptr;
-  Kiv::Ptr<MountStatus> row = groupStatus ? groupStatus->mountStatus(path) : nullptr;
+                                   << " mountGroup:" << mounter->groupName()
+                                   << " remote path:" << registryEntry_->remotePath());
   if (!row) return;
   if (state == mountStateMounted) {
     // Where the mount machine placed the copy, as it reports it.

@@ -83,7 +83,9 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
   void updateMountersStatus(SystemId const& systemId, Kiv::Name const& systemName, MountState state);
   void updateMounterStatus(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
                            Kiv::Name const& systemName, MountState state);
-  void handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId, Kiv::Name const& systemName,
+  // The row the mounter has on the switch (null when it has none) takes the state.
+  void handleMountState(Kiv::PtrConst<Mounter> const& mounter, SystemId const& systemId,
+                        Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus, Kiv::Ptr<MountStatus> const& row,
                         MountState state);
   void updateMountGroupMountState(Kiv::Ptr<ServiceMountGroupStatus> const& groupStatus, MountState state);
   void updateSystemStatus(SystemId const& systemId, Kiv::Name const& systemName);
