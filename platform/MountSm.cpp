@@ -132,7 +132,9 @@ void MountSm::connectionConfigIs(Kiv::PtrConst<Controller::ConnectionConfig> cfg
 
 void MountSm::doRemount() {
   if (cleanedUp_) return;
-  if (state_ == mountStateMounting && request_ == Request::none && connectionConfig_ == mountingConfig_) return;
+  if (state_ == mountStateMounting && request_ == Request::none && awaitingCompletion_ &&
+      connectionConfig_ == mountingConfig_)
+    return;
   startMounting();
 }
 

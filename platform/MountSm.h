@@ -17,9 +17,10 @@
 //    nothing, except that an ordinary unmount removes a copy a state-preserving one kept.
 //  - doRemount() cancels a pending request and a running unmount or attempt and starts over at 1
 //    with the configuration last given to connectionConfigIs() (which starts nothing itself). A
-//    copy still in place stays until the new mount replaces it. Mounting already, with no request
-//    pending and on that same configuration, it changes nothing: the attempts under way are the
-//    remount asked for, and starting over would only put their end off.
+//    copy still in place stays until the new mount replaces it. While an attempt that reached the
+//    switch is under way on that same configuration, with no request pending, it changes nothing:
+//    that attempt is the remount asked for, and starting over would only put its end off. An
+//    attempt that is only waiting out its timeout is started over.
 //  - doCleanup() ends the machine: timers disarmed, a pending request dropped, later operations
 //    ignored. The copy it made is removed (and mountedPath cleared) unless the last request was a
 //    state-preserving unmount, whose point is to keep it. Its owner must run it before releasing

@@ -143,16 +143,20 @@ TEST_F(MountSmTest, RemountCancelsAPendingUnmountAndReachesOnlyTheConfiguredAddr
   loop.advanceTo(50);
   EXPECT_EQ(data->mountState(), mountStateMounted);
 
-  // Mid-attempt, a remount on the same configuration lets the attempt end; on another it starts over.
-  for (bool fresh : {false, true}) {
+  // Mid-attempt, a remount on the same configuration lets an attempt that reached the switch end;
+  // one on another configuration, or after an attempt that can only time out, starts over.
+  for (char const* c : {"same", "fresh", "doomed"}) {
+    std::string const why = c;
+    sw.failingIs(why == "doomed");
     auto m = mount();
     loop.advanceBy(1);
+    sw.failingIs(false);
     auto config = ConnectionConfig::ConnectionConfigIs("config");
     config->addressIs(sw.address());
-    if (fresh) m->connectionConfigIs(config);
+    if (why == "fresh") m->connectionConfigIs(config);
     m->doRemount();
     loop.advanceBy(5);
-    EXPECT_EQ(log->text, fresh ? "Mounting@0 Mounted@3" : "Mounting@0 Mounted@2");
+    EXPECT_EQ(log->text, why == "same" ? "Mounting@0 Mounted@2" : "Mounting@0 Mounted@3") << why;
   }
 }
 
