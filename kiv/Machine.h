@@ -48,17 +48,21 @@ using Snapshot = std::vector<T, PoolAllocator<T>>;
 
 // The keys (values) of a collection, taken before any member is handled: a handler may add or
 // remove members, which an iteration in progress must not see.
+template <class Iter, class F>
+auto snapshotOf(Iter it, F f) {
+  Snapshot<std::decay_t<decltype(f(it))>> out;
+  if constexpr (requires { it.map()->size(); })
+    if (it.map()) out.reserve(it.map()->size());
+  for (; it; ++it) out.push_back(f(it));
+  return out;
+}
 template <class Iter>
 auto keysOf(Iter it) {
-  Snapshot<std::decay_t<decltype(it.key())>> keys;
-  for (; it; ++it) keys.push_back(it.key());
-  return keys;
+  return snapshotOf(std::move(it), [](Iter const& i) -> decltype(auto) { return i.key(); });
 }
 template <class Iter>
 auto valuesOf(Iter it) {
-  Snapshot<std::decay_t<decltype(it.value())>> values;
-  for (; it; ++it) values.push_back(it.value());
-  return values;
+  return snapshotOf(std::move(it), [](Iter const& i) -> decltype(auto) { return i.value(); });
 }
 
 }  // namespace Kiv
