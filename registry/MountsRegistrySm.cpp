@@ -175,6 +175,7 @@ void MountsRegistrySm::handlePeer() {
 // negotiated: a switch without any still gets (or loses) its system status.
 void MountsRegistrySm::handlePeer(SystemId const& systemId) {
   KIV_SM_TRACE_AT(8, 640, "handlePeer", " " << systemId);
+  unwatchedNames_.clear();
   Kiv::Name const name(systemId.stringValue());
   Kiv::PtrConst<Peer> const current = peerTable_ ? peerTable_->peer(systemId) : nullptr;
   if (current) {
@@ -207,8 +208,13 @@ void MountsRegistrySm::handlePeer(SystemId const& systemId) {
 void MountsRegistrySm::handlePeerConnected(SystemId const& systemId) { handleSwitchConnection(systemId); }
 
 Kiv::Name MountsRegistrySm::switchName(SystemId const& systemId) const {
-  Kiv::Ptr<KivPeer> const watcher = peer(systemId);
-  return watcher ? watcher->name() : Kiv::Name(systemId.stringValue());
+  if (Kiv::Ptr<KivPeer> const watcher = peer(systemId)) return watcher->name();
+  // No watcher: the entries evaluate before the table is taken at start-up, and a switch's mounts
+  // report their unmounts after it left. The name is made once and kept until the table changes.
+  if (Kiv::Name const* name = unwatchedNames_.find(systemId)) return *name;
+  Kiv::Name const name(systemId.stringValue());
+  unwatchedNames_.insert(systemId, name);
+  return name;
 }
 
 std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::String serviceName,

@@ -61,6 +61,7 @@ class MountsRegistrySm : public MountsRegistrySmBase {
 
   bool initialized_ = false;
   GroupStateTally groupStateTally_;
+  mutable Kiv::HashMap<SystemId, Kiv::Name> unwatchedNames_;  // see switchName()
 };
 
 }  // namespace Controller
