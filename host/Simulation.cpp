@@ -390,6 +390,7 @@ class Checker {
         fail("nothing left after teardown", "a machine of " + path);
     }
     if (w_.registry->publishEntrySize() != 0) fail("nothing left after teardown", "publish entries");
+    if (w_.registrySm->groupStateTally().size() != 0) fail("nothing left after teardown", "counted group states");
     if (w_.dbPublish->systemSize() != 0) fail("nothing left after teardown", "published mounts");
     for (auto const& d : s_.services)
       if (auto status = w_.mountStatusOf(d); status && status->systemStatusSize() != 0)
