@@ -2,8 +2,11 @@
 
 #include "kiv/Entity.h"
 
+#include <algorithm>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kiv/Dir.h"
 #include "kiv/Reactor.h"
@@ -12,39 +15,71 @@ namespace Kiv {
 
 // --- NotifierList / NotifieeBase ---
 
-NotifierList::~NotifierList() {
-  for (Frame* f = frames_; f; f = f->outer) f->alive = false;
+void NotifierList::die() {
+  for (Frame* f = b_->frames; f; f = f->outer) f->alive = false;
   // Reference-counted owners unbind everyone when their last reference goes; an owner that dies
   // otherwise must have let its reactors go first.
   KIV_DEBUG_ASSERT(bound() == 0 && "a notifier died with reactors bound to it");
   unbindAll();
+  if (b_) release(std::exchange(b_, nullptr));
 }
 
 void NotifierList::add(NotifieeBase* n) {
-  n->slot_ = static_cast<std::uint32_t>(v_.size());
-  v_.push_back(n);
-  if (!n->registered_) ++idle_;
+  Block* b = b_;
+  if (!b || b->size == b->capacity) {
+    // 1, 3, 7, 15... reactors: blocks of whole pool classes.
+    std::uint32_t const capacity = b ? b->capacity * 2 + 1 : 1;
+    auto* grown = static_cast<Block*>(poolAllocate(bytesOf(capacity)));
+    if (b) {
+      *grown = *b;
+      std::copy_n(b->v(), b->size, grown->v());
+      release(b);
+    } else {
+      *grown = Block{nullptr, 0, 0, 0, 0};
+    }
+    grown->capacity = capacity;
+    b_ = b = grown;
+  }
+  n->slot_ = b->size;
+  b->v()[b->size++] = n;
+  if (!n->registered_) ++b->idle;
 }
 
 void NotifierList::remove(NotifieeBase* n) {
   KIV_DEBUG_ASSERT(contains(n));
-  if (!n->registered_) --idle_;
-  v_[n->slot_] = nullptr;
-  ++nulls_;
-  if (frames_) return;  // a walk indexes the list: compacted when the outermost one is over
-  while (!v_.empty() && !v_.back()) {
-    v_.pop_back();
-    --nulls_;
+  Block* b = b_;
+  if (!n->registered_) --b->idle;
+  b->v()[n->slot_] = nullptr;
+  ++b->nulls;
+  if (b->frames) return;  // a walk indexes the list: compacted when the outermost one is over
+  while (b->size != 0 && !b->v()[b->size - 1]) {
+    --b->size;
+    --b->nulls;
   }
-  if (nulls_ * 2 > v_.size()) compact();
+  if (b->size == 0) {
+    release(std::exchange(b_, nullptr));
+  } else if (b->nulls * 2 > b->size) {
+    compact();
+  }
 }
 
-bool NotifierList::contains(NotifieeBase const* n) const { return n->slot_ < v_.size() && v_[n->slot_] == n; }
+bool NotifierList::contains(NotifieeBase const* n) const {
+  return b_ && n->slot_ < b_->size && b_->v()[n->slot_] == n;
+}
 
 void NotifierList::compact() {
-  std::erase(v_, nullptr);
-  nulls_ = 0;
-  for (std::uint32_t i = 0; i < v_.size(); ++i) v_[i]->slot_ = i;
+  Block* b = b_;
+  NotifieeBase** v = b->v();
+  std::uint32_t kept = 0;
+  for (std::uint32_t i = 0; i < b->size; ++i) {
+    if (!v[i]) continue;
+    v[kept] = v[i];
+    v[kept]->slot_ = kept;
+    ++kept;
+  }
+  b->size = kept;
+  b->nulls = 0;
+  if (kept == 0) release(std::exchange(b_, nullptr));
 }
 
 void NotifierList::zeroReferences() {
@@ -53,24 +88,32 @@ void NotifierList::zeroReferences() {
 }
 
 void NotifierList::unbindAll() {
-  std::vector<NotifieeBase*> bound;
-  if (frames_) {
-    // A walk further up the stack still indexes the list (the notifier outlives the zero when
-    // it is resurrected or its deletion deferred): empty the slots but keep their places.
-    bound = v_;
-    std::fill(v_.begin(), v_.end(), nullptr);
-    nulls_ = static_cast<std::uint32_t>(v_.size());
-  } else {
-    bound.swap(v_);
-    nulls_ = 0;
-  }
-  idle_ = 0;
-  for (NotifieeBase* n : bound) {
-    if (!n) continue;
+  Block* b = b_;
+  if (!b) return;
+  auto unbind = [](NotifieeBase* n) {
     n->kivUnbinding();
     n->notifierBase_ = nullptr;
     n->kivNotifierGone();
+  };
+  if (b->frames) {
+    // A walk further up the stack still indexes the list (the notifier outlives the zero when
+    // it is resurrected or its deletion deferred): empty the slots but keep their places.
+    std::vector<NotifieeBase*> bound(b->v(), b->v() + b->size);
+    std::fill_n(b->v(), b->size, nullptr);
+    b->nulls = b->size;
+    b->idle = 0;
+    for (NotifieeBase* n : bound)
+      if (n) unbind(n);
+    return;
   }
+  // The reactors' callbacks may bind new ones: they start a list of their own.
+  b_ = nullptr;
+  struct Releaser {
+    Block* b;
+    ~Releaser() { release(b); }
+  } const releaser{b};
+  for (std::uint32_t i = 0; i < b->size; ++i)
+    if (NotifieeBase* n = b->v()[i]) unbind(n);
 }
 
 void CountedNotifier::zeroReferencesIs(bool z) {

@@ -32,13 +32,15 @@ class NotifierList {
   NotifierList() = default;
   NotifierList(NotifierList const&) = delete;
   NotifierList& operator=(NotifierList const&) = delete;
-  ~NotifierList();
+  ~NotifierList() {
+    if (b_) die();
+  }
 
   // The registered reactors.
   bool empty() const { return size() == 0; }
-  std::size_t size() const { return bound() - idle_; }
+  std::size_t size() const { return b_ ? b_->size - b_->nulls - b_->idle : 0; }
   // Every bound reactor, registered or not.
-  std::size_t bound() const { return v_.size() - nulls_; }
+  std::size_t bound() const { return b_ ? b_->size - b_->nulls : 0; }
   // Binds n, at the end of the list.
   void add(NotifieeBase* n);
   // Unbinds n, which must be bound here.
@@ -53,27 +55,41 @@ class NotifierList {
   void zeroReferences();
 
  private:
-  // A walk in progress, linked from frames_ so that ~NotifierList can stop it (alive = false).
+  // A walk in progress, linked from the block's frames so that ~NotifierList can stop it
+  // (alive = false).
   struct Frame {
     Frame* outer = nullptr;
     bool alive = true;
+  };
+  // The list's state, made on the first binding and released once the last reactor has left
+  // and no walk is in progress: most notifiers (entities, chiefly) never have a reactor, and then
+  // cost one pointer. The reactors follow the header, in binding order; null where one left.
+  struct Block {
+    Frame* frames;
+    std::uint32_t size;
+    std::uint32_t capacity;
+    std::uint32_t nulls;
+    std::uint32_t idle;  // bound but unregistered: skipped by walks
+    NotifieeBase** v() { return reinterpret_cast<NotifieeBase**>(this + 1); }
   };
 #pragma GCC diagnostic push
 // The scope unlinks the frame in its destructor; GCC cannot see that through the alive flag.
 #pragma GCC diagnostic ignored "-Wdangling-pointer"
   // Unlinks a walk's frame, also when a callback throws. It keeps its own copies of the list and
   // the outer frame: the frame's address escapes to the callbacks, so reading them back from it
-  // would be a reload after every walk (and a slow one when the store is still in flight).
+  // would be a reload after every walk (and a slow one when the store is still in flight). The
+  // block stays while a walk is in progress.
   class FrameScope {
    public:
-    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->frames_) {
+    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->b_->frames) {
       f->outer = outer_;
-      l->frames_ = f;
+      l->b_->frames = f;
     }
     ~FrameScope() {
       if (!frame_->alive) return;
-      list_->frames_ = outer_;
-      if (!outer_ && list_->nulls_ != 0) list_->compact();
+      Block* b = list_->b_;
+      b->frames = outer_;
+      if (!outer_ && b->nulls != 0) list_->compact();
     }
     FrameScope(FrameScope const&) = delete;
     FrameScope& operator=(FrameScope const&) = delete;
@@ -88,11 +104,11 @@ class NotifierList {
   // Empties the list for the notifier's death or loss of its last reference: every bound
   // reactor is unbound and then told that its notifier is gone.
   void unbindAll();
+  void die();
+  static std::size_t bytesOf(std::uint32_t capacity) { return sizeof(Block) + capacity * sizeof(NotifieeBase*); }
+  static void release(Block* b) { poolRelease(b, bytesOf(b->capacity)); }
 
-  std::vector<NotifieeBase*> v_;  // bound, in binding order; null where one left
-  Frame* frames_ = nullptr;
-  std::uint32_t nulls_ = 0;
-  std::uint32_t idle_ = 0;  // bound but unregistered: skipped by walks
+  Block* b_ = nullptr;
 };
 
 // Mixin for anything reactors can bind to.
@@ -176,12 +192,13 @@ class NotifieeOf : public Callbacks {
 
 template <class F>
 void NotifierList::forEach(F&& f) {
-  std::size_t n = v_.size();
+  if (!b_) return;
+  std::size_t n = b_->size;
   if (n == 0) return;
   Frame frame;
   FrameScope scope(this, &frame);
   for (std::size_t i = 0; i < n; ++i) {
-    NotifieeBase* x = v_[i];
+    NotifieeBase* x = b_->v()[i];  // a binding from a callback may have moved the block
     if (!x || !x->active_ || !x->registered_) continue;
     f(x);
     if (!frame.alive) return;
