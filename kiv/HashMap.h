@@ -8,6 +8,8 @@
 // and visited by it. Iteration order is the slot order and carries no meaning.
 //
 // A member is released only once the table is consistent again, so its destructor may use the map.
+// The storage comes from the framework's pool (kiv/Pool.h): most maps are small (a record's
+// attributes, a directory of one member), and millions of them come and go together.
 // Checked builds (kiv/Assert.h) assert the structure after every change that could break it, and
 // keep an epoch that moves whenever members move in memory.
 
@@ -19,12 +21,25 @@
 #include <vector>
 
 #include "kiv/Assert.h"
+#include "kiv/Pool.h"
 
 namespace Kiv {
 
 template <class K>
 struct KeyHash {
   std::size_t operator()(K const& k) const noexcept { return std::hash<K>()(k); }
+};
+
+// A std::allocator for the pool.
+template <class T>
+struct PoolAllocator {
+  using value_type = T;
+  PoolAllocator() = default;
+  template <class U>
+  PoolAllocator(PoolAllocator<U> const&) noexcept {}
+  T* allocate(std::size_t n) { return static_cast<T*>(poolAllocate(n * sizeof(T))); }
+  void deallocate(T* p, std::size_t n) noexcept { poolRelease(p, n * sizeof(T)); }
+  friend bool operator==(PoolAllocator, PoolAllocator) { return true; }
 };
 
 template <class K, class V, class Hash = KeyHash<K>>
@@ -114,10 +129,13 @@ class HashMap {
   }
   HashMap(HashMap const&) = delete;
   HashMap& operator=(HashMap const&) = delete;
-  ~HashMap() { KIV_ASSERT(iterators_ == 0 && "an iterator outlived its collection"); }
+  ~HashMap() {
+    KIV_ASSERT(iterators_ == 0 && "an iterator outlived its collection");
+    releaseIndex();
+  }
 
-  std::size_t size() const { return live_; }
-  bool empty() const { return live_ == 0; }
+  std::size_t size() const { return live(); }
+  bool empty() const { return live() == 0; }
 
   V* find(K const& k) {
     std::uint32_t s = slotOf(k, hashOf(k));
@@ -139,22 +157,21 @@ class HashMap {
   // Inserts (k, v) unless k is present; returns the stored value and whether it was inserted.
   template <class VV>
   std::pair<V*, bool> insert(K const& k, VV&& v) {
-    std::size_t h = hashOf(k);
+    std::uint32_t h = hashOf(k);
     std::uint32_t s = slotOf(k, h);
     if (s != kNone) return {&slots_[s].entry.value, false};
-    if ((live_ + 1) * 4 > index_.size() * 3) grow();
+    if ((live() + 1) * 4 > indexSize() * 3) grow();
     s = static_cast<std::uint32_t>(slots_.size());
     if (slots_.size() == slots_.capacity()) moved();
     slots_.push_back(Slot{Entry{k, std::forward<VV>(v)}, h, true});
     placeInIndex(h, s);
-    ++live_;
     checkQuick();
     return {&slots_[s].entry.value, true};
   }
 
   // Removes k; its value is moved to *out when given. Returns whether k was present.
   bool erase(K const& k, V* out = nullptr) {
-    std::size_t h = hashOf(k);
+    std::uint32_t h = hashOf(k);
     std::uint32_t pos = indexPosOf(k, h);
     if (pos == kNone) return false;
     removeAt(pos, out);
@@ -173,26 +190,25 @@ class HashMap {
   }
 
   void clear() {
-    std::vector<Slot> gone;  // released on return, once the map is consistent
+    Slots gone;  // released on return, once the map is consistent
     if (iterators_ == 0) {
       gone.swap(slots_);
       moved();
     } else {
-      gone.reserve(live_);
+      gone.reserve(live());
       for (Slot& s : slots_) {
         if (!s.live) continue;
         gone.push_back(std::move(s));
         kill(s);
       }
     }
-    std::fill(index_.begin(), index_.end(), 0u);
-    live_ = 0;
+    std::fill_n(index_, indexSize(), 0u);
     checkQuick();
   }
 
   void reserve(std::size_t n) {
-    std::size_t want = std::bit_ceil(std::max<std::size_t>(8, n * 4 / 3 + 1));
-    if (want > index_.size()) rehash(want);
+    std::size_t want = std::bit_ceil(std::max<std::size_t>(kSmallest, n * 4 / 3 + 1));
+    if (want > indexSize()) rehash(want);
     if (n > slots_.capacity()) moved();
     slots_.reserve(n);
   }
@@ -217,44 +233,56 @@ class HashMap {
   // iterator, every live member is found from its home slot and every index entry is a live
   // member. Linear; for tests and for hunting a corruption.
   void checkInvariants() const {
-    KIV_ASSERT(live_ + dead_ == slots_.size());
     KIV_ASSERT((iterators_ != 0 || dead_ == 0) && "a dead slot outlived the last iterator");
-    std::uint32_t live = 0;
+    std::uint32_t counted = 0;
     for (std::uint32_t i = 0; i < slots_.size(); ++i) {
       Slot const& s = slots_[i];
       if (!s.live) continue;
-      ++live;
+      ++counted;
       KIV_ASSERT(s.hash == hashOf(s.entry.key));
       KIV_ASSERT(slotOf(s.entry.key, s.hash) == i && "a live member is not found from its home slot");
     }
-    KIV_ASSERT(live == live_);
+    KIV_ASSERT(counted == live());
     std::size_t indexed = 0;
-    for (std::uint32_t e : index_) {
+    for (std::size_t p = 0; p < indexSize(); ++p) {
+      std::uint32_t const e = index_[p];
       if (e == 0) continue;
       ++indexed;
       KIV_ASSERT(e - 1 < slots_.size() && slots_[e - 1].live && "the index names a dead or missing slot");
     }
-    KIV_ASSERT(indexed == live_);
-    KIV_ASSERT(index_.empty() || live_ * 4 <= index_.size() * 3);
+    KIV_ASSERT(indexed == live());
+    KIV_ASSERT(live() * 4 <= indexSize() * 3);
   }
 
  private:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
+  // The index's first size: a map of one or two members (most of them) needs no more.
+  static constexpr std::size_t kSmallest = 4;
   struct Slot {
     Entry entry;
-    std::size_t hash;
+    std::uint32_t hash;  // folded to 32 bits, which keeps a slot of two pointers at 24 bytes
     bool live;
   };
+  using Slots = std::vector<Slot, PoolAllocator<Slot>>;
 
-  static std::size_t hashOf(K const& k) { return Hash()(k); }
-  std::size_t home(std::size_t h) const {
+  static std::uint32_t hashOf(K const& k) {
+    std::uint64_t const h = Hash()(k);
+    return static_cast<std::uint32_t>(h ^ (h >> 32));
+  }
+  std::size_t home(std::uint32_t h) const {
     // Fibonacci hashing spreads keys whose hashes differ only in high or low bits.
     return (h * 0x9E3779B97F4A7C15ull) >> shift_;
   }
-  std::size_t mask() const { return index_.size() - 1; }
+  std::size_t indexSize() const { return index_ ? std::size_t{1} << (64 - shift_) : 0; }
+  std::size_t mask() const { return indexSize() - 1; }
+  std::uint32_t live() const { return static_cast<std::uint32_t>(slots_.size()) - dead_; }
+  void releaseIndex() {
+    if (index_) poolRelease(index_, indexSize() * sizeof(std::uint32_t));
+    index_ = nullptr;
+  }
 
-  std::uint32_t indexPosOf(K const& k, std::size_t h) const {
-    if (index_.empty()) return kNone;
+  std::uint32_t indexPosOf(K const& k, std::uint32_t h) const {
+    if (!index_) return kNone;
     for (std::size_t p = home(h);; p = (p + 1) & mask()) {
       std::uint32_t e = index_[p];
       if (e == 0) return kNone;
@@ -262,11 +290,11 @@ class HashMap {
       if (s.hash == h && s.entry.key == k) return static_cast<std::uint32_t>(p);
     }
   }
-  std::uint32_t slotOf(K const& k, std::size_t h) const {
+  std::uint32_t slotOf(K const& k, std::uint32_t h) const {
     std::uint32_t p = indexPosOf(k, h);
     return p == kNone ? kNone : index_[p] - 1;
   }
-  void placeInIndex(std::size_t h, std::uint32_t slot) {
+  void placeInIndex(std::uint32_t h, std::uint32_t slot) {
     std::size_t p = home(h);
     while (index_[p] != 0) p = (p + 1) & mask();
     index_[p] = slot + 1;
@@ -287,7 +315,6 @@ class HashMap {
   void removeAt(std::uint32_t pos, V* out) {
     std::uint32_t s = index_[pos] - 1;
     removeFromIndex(pos);
-    --live_;
     // Released on return, once the table is consistent: its destructor may look at the map.
     Entry gone = std::move(slots_[s].entry);
     if (out) *out = std::move(gone.value);
@@ -320,14 +347,14 @@ class HashMap {
     }
   }
   void compact() {
-    std::vector<Slot> kept;
-    kept.reserve(live_);
+    Slots kept;
+    kept.reserve(live());
     for (Slot& s : slots_)
       if (s.live) kept.push_back(std::move(s));
     slots_ = std::move(kept);
     dead_ = 0;
     moved();
-    rehash(index_.size());
+    rehash(indexSize());
   }
   void moved() {
 #if KIV_CHECKS_ON
@@ -336,21 +363,23 @@ class HashMap {
   }
   // The constant-time part of checkInvariants(), after every change in checked builds.
   void checkQuick() const {
-    KIV_DEBUG_ASSERT(live_ + dead_ == slots_.size());
     KIV_DEBUG_ASSERT((iterators_ != 0 || dead_ == 0) && "a dead slot outlived the last iterator");
   }
-  void grow() { rehash(index_.empty() ? 8 : index_.size() * 2); }
+  void grow() { rehash(index_ ? indexSize() * 2 : kSmallest); }
   void rehash(std::size_t cap) {
-    index_.assign(cap, 0);
-    shift_ = 64 - std::countr_zero(cap);
+    if (cap != indexSize()) {
+      releaseIndex();
+      index_ = static_cast<std::uint32_t*>(poolAllocate(cap * sizeof(std::uint32_t)));
+      shift_ = 64 - std::countr_zero(cap);
+    }
+    std::fill_n(index_, cap, 0u);
     for (std::uint32_t i = 0; i < slots_.size(); ++i)
       if (slots_[i].live) placeInIndex(slots_[i].hash, i);
   }
 
-  std::vector<Slot> slots_;
-  std::vector<std::uint32_t> index_;
+  Slots slots_;
+  std::uint32_t* index_ = nullptr;  // of 2^(64 - shift_) entries: slot + 1, or 0 where empty
   int shift_ = 64;
-  std::uint32_t live_ = 0;
   std::uint32_t dead_ = 0;
   mutable std::uint32_t iterators_ = 0;
 #if KIV_CHECKS_ON
