@@ -8,7 +8,6 @@
 #include "kiv/Reactor.h"
 #include "kiv/Trace.h"
 #include "platform/SimNetwork.h"
-#include "platform/Timer.h"
 
 namespace Controller {
 
@@ -94,17 +93,13 @@ MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::Connec
       mountTimeout_(mountTimeout),
       mountSmData_(std::move(mountSmData)) {}
 
-// The timers are made on first use: most machines never need their request timer.
 // Each step holds the machine: the owner's reactors may release it while the step reports.
 Platform::Timer& MountSm::requestTimer() {
   if (!requestTimer_) requestTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onRequestTime(); });
   return *requestTimer_;
 }
 
-Platform::Timer& MountSm::stepTimer() {
-  if (!stepTimer_) stepTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onStepTime(); });
-  return *stepTimer_;
-}
+void MountSm::StepTimer::onTime() { Kiv::Ptr<MountSm>(&sm_)->onStepTime(); }
 
 void MountSm::onStepTime() {
   if (state_ == mountStateMounting) {
@@ -145,7 +140,7 @@ void MountSm::doCleanup() {
   cleanedUp_ = true;
   request_ = Request::none;
   disarm(requestTimer_);
-  disarm(stepTimer_);
+  stepTimer_.disarm();
   // What the machine placed goes with it, unless the state was to be preserved.
   if (!keepCopy_ && copy_) {
     copyDel();
@@ -181,7 +176,7 @@ void MountSm::onRequestTime() {
   }
   unmounting_ = r;
   Sim::Switch* sw = findSwitch();
-  stepTimer().armIn(sw ? sw->unmountLatency() : 0);
+  stepTimer_.armIn(sw ? sw->unmountLatency() : 0);
   stateIs(mountStateUnmounting);
 }
 
@@ -214,7 +209,7 @@ void MountSm::startAttempt() {
   attemptGeneration_ = sw ? sw->generation() : 0;
   KIV_TRACE(trace, 8, __FILE__, __LINE__, __func__,
             systemId_ << " attempt " << attempts_ << (awaitingCompletion_ ? " reaches the switch" : " will time out"));
-  stepTimer().armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
+  stepTimer_.armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
 }
 
 void MountSm::onAttemptTime() {
@@ -229,7 +224,7 @@ void MountSm::onAttemptTime() {
       if (!cleanedUp_) stateIs(mountStateMounted);
       return;
     }
-    stepTimer().armAt(attemptStart_ + mountTimeout_);
+    stepTimer_.armAt(attemptStart_ + mountTimeout_);
     return;
   }
   if (attempts_ <= reconnectRetries_) {
@@ -241,11 +236,11 @@ void MountSm::onAttemptTime() {
 
 bool MountSm::establish(Sim::Switch& sw) {
   std::string remote = joinPath(remoteRootPath_, remotePath_);
-  std::vector<std::string_view> remoteComponents = components(remote);
   Kiv::Ptr<Kiv::Entity> source = sw.root()->entityAtPath(remote);
   Kiv::Ptr<Kiv::Dir> parent = localRoot();
-  if (!source || !parent || remoteComponents.empty()) return false;
-  Kiv::Name name(remoteComponents.back());
+  if (!source || !parent || remote.empty()) return false;
+  // The last remote component, as the source's own name: the copy shares its text.
+  Kiv::Name const& name = source->name();
   try {
     for (std::string_view c : components(targetPath_)) parent = parent->subdirIs(Kiv::Name(c));
     copyDel();

@@ -34,10 +34,8 @@
 #include "kiv/Clock.h"
 #include "kiv/Dir.h"
 #include "platform/SystemId.h"
+#include "platform/Timer.h"
 
-namespace Platform {
-class Timer;
-}
 namespace Sim {
 class Switch;
 }
@@ -85,7 +83,7 @@ class MountSm : public Kiv::PtrInterface {
   ~MountSm() override;
 
  private:
-  enum class Request { none, unmount, statePreservingUnmount };
+  enum class Request : std::uint8_t { none, unmount, statePreservingUnmount };
 
   MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig,
           Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig, Kiv::String remoteRootPath,
@@ -103,12 +101,25 @@ class MountSm : public Kiv::PtrInterface {
   Sim::Switch* findSwitch() const;
   void stateIs(Controller::MountState s);
   Platform::Timer& requestTimer();
-  // An attempt (state 1) or an unmount (state 2): never both at once.
-  Platform::Timer& stepTimer();
   void onStepTime();
   static void disarm(Kiv::Ptr<Platform::Timer> const& t);
 
+  // Runs the machine's steps: part of it, as every machine needs one, and without a callback
+  // object of its own.
+  class StepTimer final : public Platform::TimerBase {
+   public:
+    explicit StepTimer(MountSm& sm) : sm_(sm) {}
+    void onTime() override;
+
+   private:
+    MountSm& sm_;
+  };
+
+  // In an order that leaves no padding.
   Controller::SystemId systemId_;
+  Request request_ = Request::none;
+  // The kind of the unmount in progress (state 2).
+  Request unmounting_ = Request::none;
   Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig_;
   Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig_;
   Kiv::String remoteRootPath_;
@@ -116,23 +127,20 @@ class MountSm : public Kiv::PtrInterface {
   Kiv::String targetPath_;
   Kiv::String connectionName_;
   std::uint32_t reconnectRetries_;
+  Controller::MountState state_ = Controller::mountStateUnmounted;
   Kiv::Seconds mountTimeout_;
   Kiv::Ptr<Controller::MountSmData> mountSmData_;
 
-  Controller::MountState state_ = Controller::mountStateUnmounted;
-  Request request_ = Request::none;
-  // The kind of the unmount in progress (state 2).
-  Request unmounting_ = Request::none;
+  // Attempts started since the machine last began mounting.
+  std::uint32_t attempts_ = 0;
+  // The switch's connection generation when the attempt started.
+  std::uint32_t attemptGeneration_ = 0;
+  Kiv::Seconds attemptStart_ = 0;
   bool cleanedUp_ = false;
   // The latest unmount asked to preserve the state: the copy outlives the machine.
   bool keepCopy_ = false;
-  // Attempts started since the machine last began mounting.
-  std::uint32_t attempts_ = 0;
-  Kiv::Seconds attemptStart_ = 0;
   // The attempt's timer is set for its completion (else for its timeout).
   bool awaitingCompletion_ = false;
-  // The switch's connection generation when the attempt started.
-  std::uint32_t attemptGeneration_ = 0;
   // The copy this machine made, and the directory it sits in.
   Kiv::Ptr<Kiv::Entity> copy_;
   Kiv::Ptr<Kiv::Dir> copyParent_;
@@ -140,8 +148,10 @@ class MountSm : public Kiv::PtrInterface {
   // The configuration the attempts under way went out with.
   Kiv::PtrConst<Controller::ConnectionConfig> mountingConfig_;
 
+  // Made on first use: most machines never need it.
   Kiv::Ptr<Platform::Timer> requestTimer_;
-  Kiv::Ptr<Platform::Timer> stepTimer_;
+  // An attempt (state 1) or an unmount (state 2): never both at once.
+  StepTimer stepTimer_{*this};
 };
 
 }  // namespace Controller

@@ -12,10 +12,10 @@
 
 namespace Platform {
 
-class Timer : public Kiv::Clock::NotifieeConst {
+// The arming; what a firing does is the subclass's onTime(). A machine that always needs a timer
+// may hold one of these as a member rather than a Timer with its callback.
+class TimerBase : public Kiv::Clock::NotifieeConst {
  public:
-  static Kiv::Ptr<Timer> TimerIs(std::function<void()> onTime) { return Kiv::Ptr<Timer>(new Timer(std::move(onTime))); }
-
   bool armed() const { return timeMin() != Kiv::kInfinity; }
   // Arms for absolute time t on the current loop (re-arming moves it).
   void armAt(Kiv::Seconds t) {
@@ -28,6 +28,11 @@ class Timer : public Kiv::Clock::NotifieeConst {
   }
   void armIn(Kiv::Seconds delay) { armAt(Kiv::System::currentTime() + delay); }
   void disarm() { timeMinIs(Kiv::kInfinity); }
+};
+
+class Timer : public TimerBase {
+ public:
+  static Kiv::Ptr<Timer> TimerIs(std::function<void()> onTime) { return Kiv::Ptr<Timer>(new Timer(std::move(onTime))); }
 
   void onTime() override {
     // The callback may drop its owner's last reference to this timer.
