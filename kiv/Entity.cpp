@@ -16,29 +16,43 @@ namespace Kiv {
 // --- NotifierList / NotifieeBase ---
 
 void NotifierList::die() {
-  for (Frame* f = b_->frames; f; f = f->outer) f->alive = false;
+  if (Block* b = block())
+    for (Frame* f = b->frames; f; f = f->outer) f->alive = false;
   // Reference-counted owners unbind everyone when their last reference goes; an owner that dies
   // otherwise must have let its reactors go first.
   KIV_DEBUG_ASSERT(bound() == 0 && "a notifier died with reactors bound to it");
   unbindAll();
-  if (b_) release(std::exchange(b_, nullptr));
+  release();
+}
+
+void NotifierList::release() {
+  if (Block* b = block()) poolRelease(b, bytesOf(b->capacity));
+  bits_ = 0;
 }
 
 void NotifierList::add(NotifieeBase* n) {
-  Block* b = b_;
+  if (bits_ == 0) {
+    n->slot_ = 0;
+    bits_ = reinterpret_cast<std::uintptr_t>(n) | kSingle;
+    return;
+  }
+  Block* b = block();
   if (!b || b->size == b->capacity) {
-    // 1, 3, 7, 15... reactors: blocks of whole pool classes.
-    std::uint32_t const capacity = b ? b->capacity * 2 + 1 : 1;
+    // 3, 7, 15... reactors: blocks of whole pool classes.
+    std::uint32_t const capacity = b ? b->capacity * 2 + 1 : 3;
     auto* grown = static_cast<Block*>(poolAllocate(bytesOf(capacity)));
     if (b) {
       *grown = *b;
       std::copy_n(b->v(), b->size, grown->v());
-      release(b);
+      poolRelease(b, bytesOf(b->capacity));
     } else {
-      *grown = Block{nullptr, 0, 0, 0, 0};
+      NotifieeBase* first = single();
+      *grown = Block{nullptr, 1, 0, 0, first->registered_ ? 0u : 1u};
+      grown->v()[0] = first;
     }
     grown->capacity = capacity;
-    b_ = b = grown;
+    bits_ = reinterpret_cast<std::uintptr_t>(grown);
+    b = grown;
   }
   n->slot_ = b->size;
   b->v()[b->size++] = n;
@@ -47,7 +61,11 @@ void NotifierList::add(NotifieeBase* n) {
 
 void NotifierList::remove(NotifieeBase* n) {
   KIV_DEBUG_ASSERT(contains(n));
-  Block* b = b_;
+  Block* b = block();
+  if (!b) {
+    bits_ = 0;
+    return;
+  }
   if (!n->registered_) --b->idle;
   b->v()[n->slot_] = nullptr;
   ++b->nulls;
@@ -57,18 +75,20 @@ void NotifierList::remove(NotifieeBase* n) {
     --b->nulls;
   }
   if (b->size == 0) {
-    release(std::exchange(b_, nullptr));
+    release();
   } else if (b->nulls * 2 > b->size) {
     compact();
   }
 }
 
 bool NotifierList::contains(NotifieeBase const* n) const {
-  return b_ && n->slot_ < b_->size && b_->v()[n->slot_] == n;
+  if (bits_ & kSingle) return single() == n;
+  Block const* b = block();
+  return b && n->slot_ < b->size && const_cast<Block*>(b)->v()[n->slot_] == n;
 }
 
 void NotifierList::compact() {
-  Block* b = b_;
+  Block* b = block();
   NotifieeBase** v = b->v();
   std::uint32_t kept = 0;
   for (std::uint32_t i = 0; i < b->size; ++i) {
@@ -79,7 +99,7 @@ void NotifierList::compact() {
   }
   b->size = kept;
   b->nulls = 0;
-  if (kept == 0) release(std::exchange(b_, nullptr));
+  if (kept == 0) release();
 }
 
 void NotifierList::zeroReferences() {
@@ -88,13 +108,18 @@ void NotifierList::zeroReferences() {
 }
 
 void NotifierList::unbindAll() {
-  Block* b = b_;
-  if (!b) return;
   auto unbind = [](NotifieeBase* n) {
     n->kivUnbinding();
     n->notifierBase_ = nullptr;
     n->kivNotifierGone();
   };
+  if (NotifieeBase* n = single()) {
+    bits_ = 0;
+    unbind(n);
+    return;
+  }
+  Block* b = block();
+  if (!b) return;
   if (b->frames) {
     // A walk further up the stack still indexes the list (the notifier outlives the zero when
     // it is resurrected or its deletion deferred): empty the slots but keep their places.
@@ -107,10 +132,10 @@ void NotifierList::unbindAll() {
     return;
   }
   // The reactors' callbacks may bind new ones: they start a list of their own.
-  b_ = nullptr;
+  bits_ = 0;
   struct Releaser {
     Block* b;
-    ~Releaser() { release(b); }
+    ~Releaser() { poolRelease(b, bytesOf(b->capacity)); }
   } const releaser{b};
   for (std::uint32_t i = 0; i < b->size; ++i)
     if (NotifieeBase* n = b->v()[i]) unbind(n);

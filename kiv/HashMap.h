@@ -17,6 +17,8 @@
 #include <bit>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -30,16 +32,58 @@ struct KeyHash {
   std::size_t operator()(K const& k) const noexcept { return std::hash<K>()(k); }
 };
 
-// A std::allocator for the pool.
+// The members of a HashMap, in order: a growable array from the pool, in 16 bytes (a record or
+// a directory holds one map each, and most of them are empty or nearly).
 template <class T>
-struct PoolAllocator {
-  using value_type = T;
-  PoolAllocator() = default;
-  template <class U>
-  PoolAllocator(PoolAllocator<U> const&) noexcept {}
-  T* allocate(std::size_t n) { return static_cast<T*>(poolAllocate(n * sizeof(T))); }
-  void deallocate(T* p, std::size_t n) noexcept { poolRelease(p, n * sizeof(T)); }
-  friend bool operator==(PoolAllocator, PoolAllocator) { return true; }
+class SlotArray {
+ public:
+  SlotArray() = default;
+  SlotArray(SlotArray&& o) noexcept : p_(std::exchange(o.p_, nullptr)), size_(o.size_), capacity_(o.capacity_) {
+    o.size_ = o.capacity_ = 0;
+  }
+  SlotArray& operator=(SlotArray&& o) noexcept {
+    SlotArray(std::move(o)).swap(*this);
+    return *this;
+  }
+  ~SlotArray() {
+    std::destroy_n(p_, size_);
+    poolRelease(p_, capacity_ * sizeof(T));
+  }
+  void swap(SlotArray& o) noexcept {
+    std::swap(p_, o.p_);
+    std::swap(size_, o.size_);
+    std::swap(capacity_, o.capacity_);
+  }
+
+  std::size_t size() const { return size_; }
+  std::size_t capacity() const { return capacity_; }
+  T& operator[](std::size_t i) { return p_[i]; }
+  T const& operator[](std::size_t i) const { return p_[i]; }
+  T* begin() { return p_; }
+  T* end() { return p_ + size_; }
+  T const* begin() const { return p_; }
+  T const* end() const { return p_ + size_; }
+
+  void reserve(std::size_t n) {
+    if (n <= capacity_) return;
+    T* grown = static_cast<T*>(poolAllocate(n * sizeof(T)));
+    std::uninitialized_move_n(p_, size_, grown);
+    std::destroy_n(p_, size_);
+    poolRelease(p_, capacity_ * sizeof(T));
+    p_ = grown;
+    capacity_ = static_cast<std::uint32_t>(n);
+  }
+  void push_back(T&& t) {
+    if (size_ == capacity_) reserve(capacity_ ? capacity_ * 2 : 1);
+    new (p_ + size_) T(std::move(t));
+    ++size_;
+  }
+  void pop_back() { std::destroy_at(p_ + --size_); }
+
+ private:
+  T* p_ = nullptr;
+  std::uint32_t size_ = 0;
+  std::uint32_t capacity_ = 0;
 };
 
 template <class K, class V, class Hash = KeyHash<K>>
@@ -263,7 +307,7 @@ class HashMap {
     std::uint32_t hash;  // folded to 32 bits, which keeps a slot of two pointers at 24 bytes
     bool live;
   };
-  using Slots = std::vector<Slot, PoolAllocator<Slot>>;
+  using Slots = SlotArray<Slot>;
 
   static std::uint32_t hashOf(K const& k) {
     std::uint64_t const h = Hash()(k);

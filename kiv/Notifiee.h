@@ -33,14 +33,17 @@ class NotifierList {
   NotifierList(NotifierList const&) = delete;
   NotifierList& operator=(NotifierList const&) = delete;
   ~NotifierList() {
-    if (b_) die();
+    if (bits_ != 0) die();
   }
 
   // The registered reactors.
   bool empty() const { return size() == 0; }
-  std::size_t size() const { return b_ ? b_->size - b_->nulls - b_->idle : 0; }
+  std::size_t size() const;
   // Every bound reactor, registered or not.
-  std::size_t bound() const { return b_ ? b_->size - b_->nulls : 0; }
+  std::size_t bound() const {
+    Block const* b = block();
+    return b ? b->size - b->nulls : bits_ != 0;
+  }
   // Binds n, at the end of the list.
   void add(NotifieeBase* n);
   // Unbinds n, which must be bound here.
@@ -55,15 +58,14 @@ class NotifierList {
   void zeroReferences();
 
  private:
-  // A walk in progress, linked from the block's frames so that ~NotifierList can stop it
+  // A walk in progress over a block, linked from its frames so that ~NotifierList can stop it
   // (alive = false).
   struct Frame {
     Frame* outer = nullptr;
     bool alive = true;
   };
-  // The list's state, made on the first binding and released once the last reactor has left
-  // and no walk is in progress: most notifiers (entities, chiefly) never have a reactor, and then
-  // cost one pointer. The reactors follow the header, in binding order; null where one left.
+  // The list of two reactors or more, released once the last has left and no walk is in
+  // progress. The reactors follow the header, in binding order; null where one left.
   struct Block {
     Frame* frames;
     std::uint32_t size;
@@ -81,13 +83,13 @@ class NotifierList {
   // block stays while a walk is in progress.
   class FrameScope {
    public:
-    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->b_->frames) {
+    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->block()->frames) {
       f->outer = outer_;
-      l->b_->frames = f;
+      l->block()->frames = f;
     }
     ~FrameScope() {
       if (!frame_->alive) return;
-      Block* b = list_->b_;
+      Block* b = list_->block();
       b->frames = outer_;
       if (!outer_ && b->nulls != 0) list_->compact();
     }
@@ -106,9 +108,15 @@ class NotifierList {
   void unbindAll();
   void die();
   static std::size_t bytesOf(std::uint32_t capacity) { return sizeof(Block) + capacity * sizeof(NotifieeBase*); }
-  static void release(Block* b) { poolRelease(b, bytesOf(b->capacity)); }
+  // Releases the block and empties the list.
+  void release();
+  Block* block() const { return bits_ & kSingle ? nullptr : reinterpret_cast<Block*>(bits_); }
+  NotifieeBase* single() const { return bits_ & kSingle ? reinterpret_cast<NotifieeBase*>(bits_ - kSingle) : nullptr; }
 
-  Block* b_ = nullptr;
+  // Empty (0), one reactor (its address, tagged kSingle) or a Block: most notifiers (entities,
+  // chiefly) never have a reactor or have one, and cost one pointer.
+  static constexpr std::uintptr_t kSingle = 1;
+  std::uintptr_t bits_ = 0;
 };
 
 // Mixin for anything reactors can bind to.
@@ -190,15 +198,26 @@ class NotifieeOf : public Callbacks {
   T* notifier_ = nullptr;
 };
 
+inline std::size_t NotifierList::size() const {
+  if (NotifieeBase const* x = single()) return x->registered_;
+  Block const* b = block();
+  return b ? b->size - b->nulls - b->idle : 0;
+}
+
 template <class F>
 void NotifierList::forEach(F&& f) {
-  if (!b_) return;
-  std::size_t n = b_->size;
-  if (n == 0) return;
+  if (NotifieeBase* x = single()) {
+    // Nothing is read after the one callback, so nothing it does can upset the walk.
+    if (x->active_ && x->registered_) f(x);
+    return;
+  }
+  Block* b = block();
+  if (!b || b->size == 0) return;
+  std::size_t n = b->size;
   Frame frame;
   FrameScope scope(this, &frame);
   for (std::size_t i = 0; i < n; ++i) {
-    NotifieeBase* x = b_->v()[i];  // a binding from a callback may have moved the block
+    NotifieeBase* x = block()->v()[i];  // a binding from a callback may have moved the block
     if (!x || !x->active_ || !x->registered_) continue;
     f(x);
     if (!frame.alive) return;
