@@ -204,13 +204,13 @@ void keyCheck(String const& key, char const* attr) {
 
 Entity::Entity(EntityInit const& init)
     : name_(init.name),
-      parent_(init.parent),
-      parentAttrName_(init.parentAttrName),
-      readOnly_(init.parent && init.parent->readOnly_) {}
+      parent_(reinterpret_cast<std::uintptr_t>(init.parent) | (init.parent && init.parent->kivReadOnly() ? kReadOnly : 0)),
+      parentAttrName_(init.parentAttrName) {}
 
 String Entity::fullName() const {
-  if (!parent_) return name_;
-  std::string path = parent_->fullName().stdString();
+  Entity const* p = parent();
+  if (!p) return name_;
+  std::string path = p->fullName().stdString();
   path += '/';
   path += name_.view();
   return String(path);

@@ -1,15 +1,17 @@
 #pragma once
 // Keyed collections whose iterators survive the erasure of the member they stand on.
 //
-// Members live in a dense slot vector; an open-addressing index (linear probing, backward-shift
+// Members live in a dense slot array; an open-addressing index (linear probing, backward-shift
 // deletion, so no tombstones) maps keys to slots. Erasing while no iterator is live moves the last
 // slot into the hole. Erasing while iterators are live only marks the slot dead, and iterators
 // skip it; the last iterator to go away compacts. Members added during an iteration are appended
 // and visited by it. Iteration order is the slot order and carries no meaning.
 //
 // A member is released only once the table is consistent again, so its destructor may use the map.
-// The storage comes from the framework's pool (kiv/Pool.h): most maps are small (a record's
-// attributes, a directory of one member), and millions of them come and go together.
+// Most maps are small (a record's attributes, a directory of one member) and millions of them come
+// and go together: the map is 16 bytes, and its slots and index share one block from the
+// framework's pool (kiv/Pool.h); a map of up to kLinear slots has no index and is searched by
+// its slots' hashes.
 // Checked builds (kiv/Assert.h) assert the structure after every change that could break it, and
 // keep an epoch that moves whenever members move in memory.
 
@@ -30,60 +32,6 @@ namespace Kiv {
 template <class K>
 struct KeyHash {
   std::size_t operator()(K const& k) const noexcept { return std::hash<K>()(k); }
-};
-
-// The members of a HashMap, in order: a growable array from the pool, in 16 bytes (a record or
-// a directory holds one map each, and most of them are empty or nearly).
-template <class T>
-class SlotArray {
- public:
-  SlotArray() = default;
-  SlotArray(SlotArray&& o) noexcept : p_(std::exchange(o.p_, nullptr)), size_(o.size_), capacity_(o.capacity_) {
-    o.size_ = o.capacity_ = 0;
-  }
-  SlotArray& operator=(SlotArray&& o) noexcept {
-    SlotArray(std::move(o)).swap(*this);
-    return *this;
-  }
-  ~SlotArray() {
-    std::destroy_n(p_, size_);
-    poolRelease(p_, capacity_ * sizeof(T));
-  }
-  void swap(SlotArray& o) noexcept {
-    std::swap(p_, o.p_);
-    std::swap(size_, o.size_);
-    std::swap(capacity_, o.capacity_);
-  }
-
-  std::size_t size() const { return size_; }
-  std::size_t capacity() const { return capacity_; }
-  T& operator[](std::size_t i) { return p_[i]; }
-  T const& operator[](std::size_t i) const { return p_[i]; }
-  T* begin() { return p_; }
-  T* end() { return p_ + size_; }
-  T const* begin() const { return p_; }
-  T const* end() const { return p_ + size_; }
-
-  void reserve(std::size_t n) {
-    if (n <= capacity_) return;
-    T* grown = static_cast<T*>(poolAllocate(n * sizeof(T)));
-    std::uninitialized_move_n(p_, size_, grown);
-    std::destroy_n(p_, size_);
-    poolRelease(p_, capacity_ * sizeof(T));
-    p_ = grown;
-    capacity_ = static_cast<std::uint32_t>(n);
-  }
-  void push_back(T&& t) {
-    if (size_ == capacity_) reserve(capacity_ ? capacity_ * 2 : 1);
-    new (p_ + size_) T(std::move(t));
-    ++size_;
-  }
-  void pop_back() { std::destroy_at(p_ + --size_); }
-
- private:
-  T* p_ = nullptr;
-  std::uint32_t size_ = 0;
-  std::uint32_t capacity_ = 0;
 };
 
 template <class K, class V, class Hash = KeyHash<K>>
@@ -122,10 +70,10 @@ class HashMap {
     }
     ~IteratorT() { detach(); }
 
-    bool done() const { return !m_ || i_ >= m_->slots_.size(); }
+    bool done() const { return !m_ || i_ >= m_->slotCount(); }
     explicit operator bool() const { return !done(); }
     // Whether the member the iterator stands on is still in the map (not erased since it got there).
-    bool live() const { return !done() && m_->slots_[i_].live; }
+    bool live() const { return !done() && m_->slot(i_).live; }
     // A member erased under the iterator is gone: reading it is a stale read.
     K const& key() const { return entry().key; }
     auto& value() const { return entry().value; }
@@ -149,7 +97,7 @@ class HashMap {
    private:
     EntryT& entry() const {
       KIV_DEBUG_ASSERT(live() && "iterator read after its member was erased");
-      return m_->slots_[i_].entry;
+      return const_cast<HashMap*>(m_)->slot(i_).entry;
     }
     void attach() {
       if (m_) ++m_->iterators_;
@@ -160,7 +108,7 @@ class HashMap {
       m_ = nullptr;
     }
     void skipDead() {
-      while (m_ && i_ < m_->slots_.size() && !m_->slots_[i_].live) ++i_;
+      while (m_ && i_ < m_->slotCount() && !m_->slot(i_).live) ++i_;
     }
     MapT* m_ = nullptr;
     std::uint32_t i_ = 0;
@@ -175,7 +123,7 @@ class HashMap {
   HashMap& operator=(HashMap const&) = delete;
   ~HashMap() {
     KIV_ASSERT(iterators_ == 0 && "an iterator outlived its collection");
-    releaseIndex();
+    if (t_) destroy(t_);
   }
 
   std::size_t size() const { return live(); }
@@ -183,7 +131,7 @@ class HashMap {
 
   V* find(K const& k) {
     std::uint32_t s = slotOf(k, hashOf(k));
-    return s == kNone ? nullptr : &slots_[s].entry.value;
+    return s == kNone ? nullptr : &slot(s).entry.value;
   }
   V const* find(K const& k) const { return const_cast<HashMap*>(this)->find(k); }
   bool contains(K const& k) const { return find(k) != nullptr; }
@@ -203,22 +151,21 @@ class HashMap {
   std::pair<V*, bool> insert(K const& k, VV&& v) {
     std::uint32_t h = hashOf(k);
     std::uint32_t s = slotOf(k, h);
-    if (s != kNone) return {&slots_[s].entry.value, false};
-    if ((live() + 1) * 4 > indexSize() * 3) grow();
-    s = static_cast<std::uint32_t>(slots_.size());
-    if (slots_.size() == slots_.capacity()) moved();
-    slots_.push_back(Slot{Entry{k, std::forward<VV>(v)}, h, true});
-    placeInIndex(h, s);
+    if (s != kNone) return {&slot(s).entry.value, false};
+    s = slotCount();
+    if (s == capacity()) regrow(s ? s * 2 : 1);
+    new (slots(t_) + s) Slot{Entry{k, std::forward<VV>(v)}, h, true};
+    ++t_->size;
+    if (indexed()) placeInIndex(h, s);
     checkQuick();
-    return {&slots_[s].entry.value, true};
+    return {&slot(s).entry.value, true};
   }
 
   // Removes k; its value is moved to *out when given. Returns whether k was present.
   bool erase(K const& k, V* out = nullptr) {
-    std::uint32_t h = hashOf(k);
-    std::uint32_t pos = indexPosOf(k, h);
-    if (pos == kNone) return false;
-    removeAt(pos, out);
+    std::uint32_t s = slotOf(k, hashOf(k));
+    if (s == kNone) return false;
+    removeAt(s, out);
     return true;
   }
 
@@ -228,33 +175,34 @@ class HashMap {
   bool erase(Iterator const& it, V* out = nullptr) {
     KIV_ASSERT(it.map() == this);
     if (!it.live()) return false;
-    Slot const& slot = slots_[it.index()];
-    removeAt(indexPosOf(slot.entry.key, slot.hash), out);
+    removeAt(it.index(), out);
     return true;
   }
 
   void clear() {
-    Slots gone;  // released on return, once the map is consistent
+    if (!t_) return;
     if (iterators_ == 0) {
-      gone.swap(slots_);
+      // Released once the map is consistent (empty) again.
+      Table* gone = std::exchange(t_, nullptr);
+      dead_ = 0;
       moved();
+      destroy(gone);
     } else {
+      std::vector<Entry> gone;
       gone.reserve(live());
-      for (Slot& s : slots_) {
+      for (std::uint32_t i = 0; i < slotCount(); ++i) {
+        Slot& s = slot(i);
         if (!s.live) continue;
-        gone.push_back(std::move(s));
+        gone.push_back(std::move(s.entry));
         kill(s);
       }
+      std::fill_n(index(t_), indexSize(capacity()), 0u);
     }
-    std::fill_n(index_, indexSize(), 0u);
     checkQuick();
   }
 
   void reserve(std::size_t n) {
-    std::size_t want = std::bit_ceil(std::max<std::size_t>(kSmallest, n * 4 / 3 + 1));
-    if (want > indexSize()) rehash(want);
-    if (n > slots_.capacity()) moved();
-    slots_.reserve(n);
+    if (n > capacity()) regrow(std::bit_ceil(n));
   }
 
   Iterator begin() { return Iterator(this, 0); }
@@ -279,8 +227,8 @@ class HashMap {
   void checkInvariants() const {
     KIV_ASSERT((iterators_ != 0 || dead_ == 0) && "a dead slot outlived the last iterator");
     std::uint32_t counted = 0;
-    for (std::uint32_t i = 0; i < slots_.size(); ++i) {
-      Slot const& s = slots_[i];
+    for (std::uint32_t i = 0; i < slotCount(); ++i) {
+      Slot const& s = slot(i);
       if (!s.live) continue;
       ++counted;
       KIV_ASSERT(s.hash == hashOf(s.entry.key));
@@ -288,26 +236,53 @@ class HashMap {
     }
     KIV_ASSERT(counted == live());
     std::size_t indexed = 0;
-    for (std::size_t p = 0; p < indexSize(); ++p) {
-      std::uint32_t const e = index_[p];
+    std::size_t const entries = indexSize(capacity());
+    for (std::size_t p = 0; p < entries; ++p) {
+      std::uint32_t const e = index(t_)[p];
       if (e == 0) continue;
       ++indexed;
-      KIV_ASSERT(e - 1 < slots_.size() && slots_[e - 1].live && "the index names a dead or missing slot");
+      KIV_ASSERT(e - 1 < slotCount() && slot(e - 1).live && "the index names a dead or missing slot");
     }
-    KIV_ASSERT(indexed == live());
-    KIV_ASSERT(live() * 4 <= indexSize() * 3);
+    KIV_ASSERT(entries == 0 || indexed == live());
+    KIV_ASSERT(live() * 2 <= std::max<std::size_t>(entries, kLinear * 2));
   }
 
  private:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
-  // The index's first size: a map of one or two members (most of them) needs no more.
-  static constexpr std::size_t kSmallest = 4;
+  // Up to this many slots, a search reads the slots' hashes; larger tables have an index of
+  // twice their slots, so that it is never more than half full.
+  static constexpr std::uint32_t kLinear = 4;
   struct Slot {
     Entry entry;
     std::uint32_t hash;  // folded to 32 bits, which keeps a slot of two pointers at 24 bytes
     bool live;
   };
-  using Slots = SlotArray<Slot>;
+  // One block: this header, the index (slot + 1, or 0 where empty), then the slots.
+  struct Table {
+    std::uint32_t size;  // slots in use, dead ones included
+    std::uint32_t capacity;
+  };
+  static_assert(alignof(Slot) <= 16, "the pool aligns blocks to 16");
+
+  static std::size_t indexSize(std::uint32_t capacity) { return capacity <= kLinear ? 0 : std::size_t{capacity} * 2; }
+  static std::size_t slotsOffset(std::uint32_t capacity) {
+    std::size_t const end = sizeof(Table) + indexSize(capacity) * sizeof(std::uint32_t);
+    return (end + alignof(Slot) - 1) / alignof(Slot) * alignof(Slot);
+  }
+  static std::size_t bytesOf(std::uint32_t capacity) { return slotsOffset(capacity) + capacity * sizeof(Slot); }
+  static std::uint32_t* index(Table* t) { return reinterpret_cast<std::uint32_t*>(t + 1); }
+  static Slot* slots(Table* t) { return reinterpret_cast<Slot*>(reinterpret_cast<char*>(t) + slotsOffset(t->capacity)); }
+  static void destroy(Table* t) {
+    std::destroy_n(slots(t), t->size);
+    poolRelease(t, bytesOf(t->capacity));
+  }
+
+  std::uint32_t slotCount() const { return t_ ? t_->size : 0; }
+  std::uint32_t capacity() const { return t_ ? t_->capacity : 0; }
+  Slot& slot(std::uint32_t i) { return slots(t_)[i]; }
+  Slot const& slot(std::uint32_t i) const { return slots(t_)[i]; }
+  bool indexed() const { return capacity() > kLinear; }
+  std::uint32_t live() const { return slotCount() - dead_; }
 
   static std::uint32_t hashOf(K const& k) {
     std::uint64_t const h = Hash()(k);
@@ -315,63 +290,70 @@ class HashMap {
   }
   std::size_t home(std::uint32_t h) const {
     // Fibonacci hashing spreads keys whose hashes differ only in high or low bits.
-    return (h * 0x9E3779B97F4A7C15ull) >> shift_;
+    return (h * 0x9E3779B97F4A7C15ull) >> (64 - std::countr_zero(indexSize(capacity())));
   }
-  std::size_t indexSize() const { return index_ ? std::size_t{1} << (64 - shift_) : 0; }
-  std::size_t mask() const { return indexSize() - 1; }
-  std::uint32_t live() const { return static_cast<std::uint32_t>(slots_.size()) - dead_; }
-  void releaseIndex() {
-    if (index_) poolRelease(index_, indexSize() * sizeof(std::uint32_t));
-    index_ = nullptr;
-  }
+  std::size_t mask() const { return indexSize(capacity()) - 1; }
 
-  std::uint32_t indexPosOf(K const& k, std::uint32_t h) const {
-    if (!index_) return kNone;
-    for (std::size_t p = home(h);; p = (p + 1) & mask()) {
-      std::uint32_t e = index_[p];
-      if (e == 0) return kNone;
-      Slot const& s = slots_[e - 1];
-      if (s.hash == h && s.entry.key == k) return static_cast<std::uint32_t>(p);
-    }
+  // The index position that holds slot s (which must be live and indexed).
+  std::size_t indexPosOfSlot(std::uint32_t s) const {
+    std::uint32_t const* idx = index(t_);
+    std::size_t p = home(slot(s).hash);
+    while (idx[p] != s + 1) p = (p + 1) & mask();
+    return p;
   }
   std::uint32_t slotOf(K const& k, std::uint32_t h) const {
-    std::uint32_t p = indexPosOf(k, h);
-    return p == kNone ? kNone : index_[p] - 1;
+    if (!t_) return kNone;
+    if (!indexed()) {
+      for (std::uint32_t i = 0; i < t_->size; ++i) {
+        Slot const& s = slot(i);
+        if (s.live && s.hash == h && s.entry.key == k) return i;
+      }
+      return kNone;
+    }
+    std::uint32_t const* idx = index(t_);
+    for (std::size_t p = home(h);; p = (p + 1) & mask()) {
+      std::uint32_t e = idx[p];
+      if (e == 0) return kNone;
+      Slot const& s = slot(e - 1);
+      if (s.hash == h && s.entry.key == k) return e - 1;
+    }
   }
-  void placeInIndex(std::uint32_t h, std::uint32_t slot) {
+  void placeInIndex(std::uint32_t h, std::uint32_t s) {
+    std::uint32_t* idx = index(t_);
     std::size_t p = home(h);
-    while (index_[p] != 0) p = (p + 1) & mask();
-    index_[p] = slot + 1;
+    while (idx[p] != 0) p = (p + 1) & mask();
+    idx[p] = s + 1;
   }
   void removeFromIndex(std::size_t p) {
     // Backward-shift deletion keeps every probe chain unbroken without tombstones.
-    index_[p] = 0;
-    for (std::size_t q = (p + 1) & mask(); index_[q] != 0; q = (q + 1) & mask()) {
-      std::size_t h = home(slots_[index_[q] - 1].hash);
+    std::uint32_t* idx = index(t_);
+    idx[p] = 0;
+    for (std::size_t q = (p + 1) & mask(); idx[q] != 0; q = (q + 1) & mask()) {
+      std::size_t h = home(slot(idx[q] - 1).hash);
       bool between = (p <= q) ? (p < h && h <= q) : (p < h || h <= q);
       if (!between) {
-        index_[p] = index_[q];
-        index_[q] = 0;
+        idx[p] = idx[q];
+        idx[q] = 0;
         p = q;
       }
     }
   }
-  void removeAt(std::uint32_t pos, V* out) {
-    std::uint32_t s = index_[pos] - 1;
-    removeFromIndex(pos);
+  void removeAt(std::uint32_t s, V* out) {
+    if (indexed()) removeFromIndex(indexPosOfSlot(s));
     // Released on return, once the table is consistent: its destructor may look at the map.
-    Entry gone = std::move(slots_[s].entry);
+    Entry gone = std::move(slot(s).entry);
     if (out) *out = std::move(gone.value);
     if (iterators_ != 0) {
-      kill(slots_[s]);
+      kill(slot(s));
     } else {
       KIV_DEBUG_ASSERT(dead_ == 0);  // else the last slot may be dead, and absent from the index
-      std::uint32_t last = static_cast<std::uint32_t>(slots_.size() - 1);
+      std::uint32_t last = t_->size - 1;
       if (s != last) {
-        slots_[s] = std::move(slots_[last]);
-        repoint(last, s);
+        if (indexed()) index(t_)[indexPosOfSlot(last)] = s + 1;
+        slot(s) = std::move(slot(last));
       }
-      slots_.pop_back();
+      std::destroy_at(&slot(last));
+      --t_->size;
       if (s != last) moved();
     }
     checkQuick();
@@ -382,23 +364,18 @@ class HashMap {
     s.entry = Entry{K(), V()};
     ++dead_;
   }
-  void repoint(std::uint32_t from, std::uint32_t to) {
-    for (std::size_t p = home(slots_[to].hash);; p = (p + 1) & mask()) {
-      if (index_[p] == from + 1) {
-        index_[p] = to + 1;
-        return;
-      }
-    }
-  }
   void compact() {
-    Slots kept;
-    kept.reserve(live());
-    for (Slot& s : slots_)
-      if (s.live) kept.push_back(std::move(s));
-    slots_ = std::move(kept);
+    std::uint32_t kept = 0;
+    for (std::uint32_t i = 0; i < t_->size; ++i) {
+      if (!slot(i).live) continue;
+      if (i != kept) slot(kept) = std::move(slot(i));
+      ++kept;
+    }
+    std::destroy_n(slots(t_) + kept, t_->size - kept);
+    t_->size = kept;
     dead_ = 0;
     moved();
-    rehash(indexSize());
+    reindex();
   }
   void moved() {
 #if KIV_CHECKS_ON
@@ -409,21 +386,28 @@ class HashMap {
   void checkQuick() const {
     KIV_DEBUG_ASSERT((iterators_ != 0 || dead_ == 0) && "a dead slot outlived the last iterator");
   }
-  void grow() { rehash(index_ ? indexSize() * 2 : kSmallest); }
-  void rehash(std::size_t cap) {
-    if (cap != indexSize()) {
-      releaseIndex();
-      index_ = static_cast<std::uint32_t*>(poolAllocate(cap * sizeof(std::uint32_t)));
-      shift_ = 64 - std::countr_zero(cap);
+  // Moves the slots, dead ones in their places, to a block of `capacity`.
+  void regrow(std::uint32_t capacity) {
+    auto* grown = static_cast<Table*>(poolAllocate(bytesOf(capacity)));
+    grown->capacity = capacity;
+    grown->size = 0;
+    if (t_) {
+      std::uninitialized_move_n(slots(t_), t_->size, slots(grown));
+      grown->size = t_->size;
+      destroy(t_);
     }
-    std::fill_n(index_, cap, 0u);
-    for (std::uint32_t i = 0; i < slots_.size(); ++i)
-      if (slots_[i].live) placeInIndex(slots_[i].hash, i);
+    t_ = grown;
+    moved();
+    reindex();
+  }
+  void reindex() {
+    if (!indexed()) return;
+    std::fill_n(index(t_), indexSize(t_->capacity), 0u);
+    for (std::uint32_t i = 0; i < t_->size; ++i)
+      if (slot(i).live) placeInIndex(slot(i).hash, i);
   }
 
-  Slots slots_;
-  std::uint32_t* index_ = nullptr;  // of 2^(64 - shift_) entries: slot + 1, or 0 where empty
-  int shift_ = 64;
+  Table* t_ = nullptr;
   std::uint32_t dead_ = 0;
   mutable std::uint32_t iterators_ = 0;
 #if KIV_CHECKS_ON
