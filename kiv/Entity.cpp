@@ -78,6 +78,8 @@ void NotifierList::remove(NotifieeBase* n) {
     release();
   } else if (b->nulls * 2 > b->size) {
     compact();
+  } else {
+    fit();
   }
 }
 
@@ -99,7 +101,30 @@ void NotifierList::compact() {
   }
   b->size = kept;
   b->nulls = 0;
-  if (kept == 0) release();
+  if (kept == 0) {
+    release();
+    return;
+  }
+  fit();
+}
+
+void NotifierList::fit() {
+  Block* b = block();
+  if (b->size == 1) {
+    NotifieeBase* n = b->v()[0];
+    release();
+    bits_ = reinterpret_cast<std::uintptr_t>(n) | kSingle;
+    return;
+  }
+  std::uint32_t capacity = b->capacity;
+  while (capacity > 3 && b->size * 4 <= capacity) capacity = (capacity - 1) / 2;
+  if (capacity == b->capacity) return;
+  auto* smaller = static_cast<Block*>(poolAllocate(bytesOf(capacity)));
+  *smaller = *b;
+  smaller->capacity = capacity;
+  std::copy_n(b->v(), b->size, smaller->v());
+  poolRelease(b, bytesOf(b->capacity));
+  bits_ = reinterpret_cast<std::uintptr_t>(smaller);
 }
 
 void NotifierList::zeroReferences() {

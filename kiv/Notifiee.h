@@ -103,6 +103,10 @@ class NotifierList {
   };
 #pragma GCC diagnostic pop
   void compact();
+  // With no walk in progress: a list down to one reactor gives up its block, and one down to a
+  // quarter of its block moves to a smaller one (a cold start binds a timer for every mount to
+  // the clock, and they leave as they fire).
+  void fit();
   // Empties the list for the notifier's death or loss of its last reference: every bound
   // reactor is unbound and then told that its notifier is gone.
   void unbindAll();
