@@ -87,7 +87,7 @@ MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::Connec
       heartbeatConfig_(std::move(heartbeatConfig)),
       remoteRootPath_(std::move(remoteRootPath)),
       remotePath_(std::move(remotePath)),
-      targetPath_(std::move(targetPath)),
+      path_(std::move(targetPath)),
       connectionName_(std::move(connectionName)),
       reconnectRetries_(reconnectRetries),
       mountTimeout_(mountTimeout),
@@ -99,7 +99,10 @@ Platform::Timer& MountSm::requestTimer() {
   return *requestTimer_;
 }
 
-void MountSm::StepTimer::onTime() { Kiv::Ptr<MountSm>(&sm_)->onStepTime(); }
+void MountSm::StepTimer::onTime() {
+  fired();
+  Kiv::Ptr<MountSm>(&sm_)->onStepTime();
+}
 
 void MountSm::onStepTime() {
   if (state_ == mountStateMounting) {
@@ -220,7 +223,11 @@ void MountSm::onAttemptTime() {
     // the switch started failing.
     Sim::Switch* sw = findSwitch();
     if (sw && sw->mountable() && sw->generation() == attemptGeneration_ && establish(*sw)) {
-      mountSmData_->mountedPathIs(Kiv::String(joinPath(targetPath_, copy_->name())));
+      if (!pathIsCopy_) {
+        path_ = Kiv::String(joinPath(path_, copy_->name()));
+        pathIsCopy_ = true;
+      }
+      mountSmData_->mountedPathIs(path_);
       if (!cleanedUp_) stateIs(mountStateMounted);
       return;
     }
@@ -242,7 +249,7 @@ bool MountSm::establish(Sim::Switch& sw) {
   // The last remote component, as the source's own name: the copy shares its text.
   Kiv::Name const& name = source->name();
   try {
-    for (std::string_view c : components(targetPath_)) parent = parent->subdirIs(Kiv::Name(c));
+    for (std::string_view c : targetComponents()) parent = parent->subdirIs(Kiv::Name(c));
     copyDel();
     // The target path belongs to the mount: whatever sits there (a copy an earlier machine kept,
     // say) gives way to the fresh copy.
@@ -262,6 +269,19 @@ void MountSm::copyDel() {
   Kiv::Ptr<Kiv::Entity> copy = std::move(copy_);
   Kiv::Ptr<Kiv::Dir> parent = std::move(copyParent_);
   if (copy && parent && parent->entityPtr(copy->name()) == copy) parent->entityPtrDel(copy->name());
+}
+
+std::vector<std::string_view> MountSm::targetComponents() const {
+  std::vector<std::string_view> out = components(path_);
+  if (pathIsCopy_) out.pop_back();
+  return out;
+}
+
+Kiv::String MountSm::targetPath() const {
+  if (!pathIsCopy_) return path_;
+  // The copy's path is normalized: its directory is all before the last '/'.
+  int const slash = path_.lastPos('/');
+  return slash == Kiv::String::npos ? Kiv::String() : path_.substr(0, static_cast<std::size_t>(slash));
 }
 
 Sim::Switch* MountSm::findSwitch() const {

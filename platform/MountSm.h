@@ -28,6 +28,8 @@
 // not watch the connection once mounted (its owner unmounts or remounts on a reconnect).
 
 #include <cstdint>
+#include <string_view>
+#include <vector>
 
 #include "HeartbeatConfig.h"
 #include "SwitchTypes.h"
@@ -64,7 +66,8 @@ class MountSm : public Kiv::PtrInterface {
   Kiv::PtrConst<Controller::Heartbeat::Config> const& heartbeatConfig() const { return heartbeatConfig_; }
   Kiv::String const& remoteRootPath() const { return remoteRootPath_; }
   Kiv::String const& remotePath() const { return remotePath_; }
-  Kiv::String const& targetPath() const { return targetPath_; }
+  // As given until a copy is placed; from then on normalized ("a//b/" is "a/b").
+  Kiv::String targetPath() const;
   Kiv::String const& connectionName() const { return connectionName_; }
   std::uint32_t reconnectRetries() const { return reconnectRetries_; }
   Kiv::Seconds mountTimeout() const { return mountTimeout_; }
@@ -99,6 +102,7 @@ class MountSm : public Kiv::PtrInterface {
   bool establish(Sim::Switch& sw);
   void copyDel();
   Sim::Switch* findSwitch() const;
+  std::vector<std::string_view> targetComponents() const;
   void stateIs(Controller::MountState s);
   Platform::Timer& requestTimer();
   void onStepTime();
@@ -124,7 +128,10 @@ class MountSm : public Kiv::PtrInterface {
   Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig_;
   Kiv::String remoteRootPath_;
   Kiv::String remotePath_;
-  Kiv::String targetPath_;
+  // The target path, and once a copy has been placed the copy's path, which extends it by a name
+  // that never changes (the last remote component): the machine keeps one string, the one it
+  // reports, rather than the given one as well.
+  Kiv::String path_;
   Kiv::String connectionName_;
   std::uint32_t reconnectRetries_;
   Controller::MountState state_ = Controller::mountStateUnmounted;
@@ -141,6 +148,8 @@ class MountSm : public Kiv::PtrInterface {
   bool keepCopy_ = false;
   // The attempt's timer is set for its completion (else for its timeout).
   bool awaitingCompletion_ = false;
+  // path_ is the copy's path.
+  bool pathIsCopy_ = false;
   // The copy this machine made, and the directory it sits in.
   Kiv::Ptr<Kiv::Entity> copy_;
   Kiv::Ptr<Kiv::Dir> copyParent_;
