@@ -99,12 +99,9 @@ Platform::Timer& MountSm::requestTimer() {
   return *requestTimer_;
 }
 
-void MountSm::StepTimer::onTime() {
+void MountSm::onTime() {
   fired();
-  Kiv::Ptr<MountSm>(&sm_)->onStepTime();
-}
-
-void MountSm::onStepTime() {
+  Kiv::Ptr<MountSm> const self(this);
   if (state_ == mountStateMounting) {
     onAttemptTime();
   } else {
@@ -143,7 +140,7 @@ void MountSm::doCleanup() {
   cleanedUp_ = true;
   request_ = Request::none;
   disarm(requestTimer_);
-  stepTimer_.disarm();
+  stepTimer().disarm();
   // What the machine placed goes with it, unless the state was to be preserved.
   if (!keepCopy_ && copy_) {
     copyDel();
@@ -179,7 +176,7 @@ void MountSm::onRequestTime() {
   }
   unmounting_ = r;
   Sim::Switch* sw = findSwitch();
-  stepTimer_.armIn(sw ? sw->unmountLatency() : 0);
+  stepTimer().armIn(sw ? sw->unmountLatency() : 0);
   stateIs(mountStateUnmounting);
 }
 
@@ -212,7 +209,7 @@ void MountSm::startAttempt() {
   attemptGeneration_ = sw ? sw->generation() : 0;
   KIV_TRACE(trace, 8, __FILE__, __LINE__, __func__,
             systemId_ << " attempt " << attempts_ << (awaitingCompletion_ ? " reaches the switch" : " will time out"));
-  stepTimer_.armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
+  stepTimer().armAt(attemptStart_ + (awaitingCompletion_ ? sw->mountLatency() : mountTimeout_));
 }
 
 void MountSm::onAttemptTime() {
@@ -231,7 +228,7 @@ void MountSm::onAttemptTime() {
       if (!cleanedUp_) stateIs(mountStateMounted);
       return;
     }
-    stepTimer_.armAt(attemptStart_ + mountTimeout_);
+    stepTimer().armAt(attemptStart_ + mountTimeout_);
     return;
   }
   if (attempts_ <= reconnectRetries_) {

@@ -47,8 +47,15 @@ namespace Controller {
 // Mounts one remote entity of one switch into the local tree. Created and owned by a controller
 // state machine, which calls its operations and watches the MountSmData it hands in. Needs a
 // current event loop from creation on.
-class MountSm : public Kiv::PtrInterface {
+//
+// The machine is its own step timer (an attempt in state 1, an unmount in state 2: never both at
+// once), privately: every machine needs one, and one object is smaller than two.
+class MountSm : private Platform::TimerBase {
  public:
+  using Kiv::PtrInterface::references;
+  using Kiv::PtrInterface::referencesDec;
+  using Kiv::PtrInterface::referencesInc;
+
   static Kiv::Ptr<MountSm> MountSmIs(Controller::SystemId systemId,
                                      Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig,
                                      Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig,
@@ -105,19 +112,9 @@ class MountSm : public Kiv::PtrInterface {
   std::vector<std::string_view> targetComponents() const;
   void stateIs(Controller::MountState s);
   Platform::Timer& requestTimer();
-  void onStepTime();
+  Platform::TimerBase& stepTimer() { return *this; }
+  void onTime() override;
   static void disarm(Kiv::Ptr<Platform::Timer> const& t);
-
-  // Runs the machine's steps: part of it, as every machine needs one, and without a callback
-  // object of its own.
-  class StepTimer final : public Platform::TimerBase {
-   public:
-    explicit StepTimer(MountSm& sm) : sm_(sm) {}
-    void onTime() override;
-
-   private:
-    MountSm& sm_;
-  };
 
   // In an order that leaves no padding.
   Controller::SystemId systemId_;
@@ -159,8 +156,6 @@ class MountSm : public Kiv::PtrInterface {
 
   // Made on first use: most machines never need it.
   Kiv::Ptr<Platform::Timer> requestTimer_;
-  // An attempt (state 1) or an unmount (state 2): never both at once.
-  StepTimer stepTimer_{*this};
 };
 
 }  // namespace Controller
