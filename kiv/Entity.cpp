@@ -168,7 +168,8 @@ void NotifierList::unbindAll() {
 
 void CountedNotifier::zeroReferencesIs(bool z) {
   PtrInterface::zeroReferencesIs(z);
-  if (z) kivNotifiees().zeroReferences();
+  // Most notifiers have no reactor when they go; a teardown releases millions of them.
+  if (z && kivNotifiees().bound() != 0) kivNotifiees().zeroReferences();
 }
 
 NotifieeBase::~NotifieeBase() {
