@@ -109,6 +109,13 @@ void EventLoop::siftDown(std::size_t i, Armed const& a) {
 void EventLoop::removeAt(std::size_t i) {
   Armed const last = heap_.back();
   heap_.pop_back();
+  // A cold start arms a timer for every mount at once: the room goes back as the heap drains.
+  if (heap_.size() * 4 < heap_.capacity() && heap_.capacity() > 1024) {
+    std::vector<Armed> smaller;
+    smaller.reserve(heap_.size() * 2);
+    smaller.assign(heap_.begin(), heap_.end());
+    heap_.swap(smaller);
+  }
   if (i == heap_.size()) return;
   if (i > 0 && last.before(heap_[(i - 1) / 4])) {
     siftUp(i, last);

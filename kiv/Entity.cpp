@@ -2,8 +2,11 @@
 
 #include "kiv/Entity.h"
 
+#include <algorithm>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kiv/Dir.h"
 #include "kiv/Reactor.h"
@@ -12,39 +15,116 @@ namespace Kiv {
 
 // --- NotifierList / NotifieeBase ---
 
-NotifierList::~NotifierList() {
-  for (Frame* f = frames_; f; f = f->outer) f->alive = false;
+void NotifierList::die() {
+  if (Block* b = block())
+    for (Frame* f = b->frames; f; f = f->outer) f->alive = false;
   // Reference-counted owners unbind everyone when their last reference goes; an owner that dies
   // otherwise must have let its reactors go first.
   KIV_DEBUG_ASSERT(bound() == 0 && "a notifier died with reactors bound to it");
   unbindAll();
+  release();
+}
+
+void NotifierList::release() {
+  if (Block* b = block()) poolRelease(b, bytesOf(b->capacity));
+  bits_ = 0;
 }
 
 void NotifierList::add(NotifieeBase* n) {
-  n->slot_ = static_cast<std::uint32_t>(v_.size());
-  v_.push_back(n);
-  if (!n->registered_) ++idle_;
+  if (bits_ == 0) {
+    n->slot_ = 0;
+    bits_ = reinterpret_cast<std::uintptr_t>(n) | kSingle;
+    return;
+  }
+  Block* b = block();
+  if (!b || b->size == b->capacity) {
+    // 3, 7, 15... reactors: blocks of whole pool classes.
+    std::uint32_t const capacity = b ? b->capacity * 2 + 1 : 3;
+    auto* grown = static_cast<Block*>(poolAllocate(bytesOf(capacity)));
+    if (b) {
+      *grown = *b;
+      std::copy_n(b->v(), b->size, grown->v());
+      poolRelease(b, bytesOf(b->capacity));
+    } else {
+      NotifieeBase* first = single();
+      *grown = Block{nullptr, 1, 0, 0, first->registered_ ? 0u : 1u};
+      grown->v()[0] = first;
+    }
+    grown->capacity = capacity;
+    bits_ = reinterpret_cast<std::uintptr_t>(grown);
+    b = grown;
+  }
+  n->slot_ = b->size;
+  b->v()[b->size++] = n;
+  if (!n->registered_) ++b->idle;
 }
 
 void NotifierList::remove(NotifieeBase* n) {
   KIV_DEBUG_ASSERT(contains(n));
-  if (!n->registered_) --idle_;
-  v_[n->slot_] = nullptr;
-  ++nulls_;
-  if (frames_) return;  // a walk indexes the list: compacted when the outermost one is over
-  while (!v_.empty() && !v_.back()) {
-    v_.pop_back();
-    --nulls_;
+  Block* b = block();
+  if (!b) {
+    bits_ = 0;
+    return;
   }
-  if (nulls_ * 2 > v_.size()) compact();
+  if (!n->registered_) --b->idle;
+  b->v()[n->slot_] = nullptr;
+  ++b->nulls;
+  if (b->frames) return;  // a walk indexes the list: compacted when the outermost one is over
+  while (b->size != 0 && !b->v()[b->size - 1]) {
+    --b->size;
+    --b->nulls;
+  }
+  if (b->size == 0) {
+    release();
+  } else if (b->nulls * 2 > b->size) {
+    compact();
+  } else {
+    fit();
+  }
 }
 
-bool NotifierList::contains(NotifieeBase const* n) const { return n->slot_ < v_.size() && v_[n->slot_] == n; }
+bool NotifierList::contains(NotifieeBase const* n) const {
+  if (bits_ & kSingle) return single() == n;
+  Block const* b = block();
+  return b && n->slot_ < b->size && const_cast<Block*>(b)->v()[n->slot_] == n;
+}
 
 void NotifierList::compact() {
-  std::erase(v_, nullptr);
-  nulls_ = 0;
-  for (std::uint32_t i = 0; i < v_.size(); ++i) v_[i]->slot_ = i;
+  Block* b = block();
+  NotifieeBase** v = b->v();
+  std::uint32_t kept = 0;
+  for (std::uint32_t i = 0; i < b->size; ++i) {
+    if (!v[i]) continue;
+    v[kept] = v[i];
+    v[kept]->slot_ = kept;
+    ++kept;
+  }
+  b->size = kept;
+  b->nulls = 0;
+  if (kept == 0) {
+    release();
+    return;
+  }
+  fit();
+}
+
+void NotifierList::fit() {
+  Block* b = block();
+  if (b->size == 1) {
+    NotifieeBase* n = b->v()[0];
+    release();
+    bits_ = reinterpret_cast<std::uintptr_t>(n) | kSingle;
+    return;
+  }
+  std::uint32_t capacity = b->capacity;
+  while (capacity > 3 && b->size * 4 <= capacity) capacity = (capacity - 1) / 2;
+  if (capacity == b->capacity) return;
+  auto* smaller = static_cast<Block*>(poolAllocate(bytesOf(capacity)));
+  *smaller = *b;
+  smaller->capacity = capacity;
+  std::copy_n(b->v(), b->size, smaller->v());
+  poolRelease(b, bytesOf(b->capacity));
+  bits_ = reinterpret_cast<std::uintptr_t>(smaller);
 }
 
 void NotifierList::zeroReferences() {
@@ -53,29 +133,43 @@ void NotifierList::zeroReferences() {
 }
 
 void NotifierList::unbindAll() {
-  std::vector<NotifieeBase*> bound;
-  if (frames_) {
-    // A walk further up the stack still indexes the list (the notifier outlives the zero when
-    // it is resurrected or its deletion deferred): empty the slots but keep their places.
-    bound = v_;
-    std::fill(v_.begin(), v_.end(), nullptr);
-    nulls_ = static_cast<std::uint32_t>(v_.size());
-  } else {
-    bound.swap(v_);
-    nulls_ = 0;
-  }
-  idle_ = 0;
-  for (NotifieeBase* n : bound) {
-    if (!n) continue;
+  auto unbind = [](NotifieeBase* n) {
     n->kivUnbinding();
     n->notifierBase_ = nullptr;
     n->kivNotifierGone();
+  };
+  if (NotifieeBase* n = single()) {
+    bits_ = 0;
+    unbind(n);
+    return;
   }
+  Block* b = block();
+  if (!b) return;
+  if (b->frames) {
+    // A walk further up the stack still indexes the list (the notifier outlives the zero when
+    // it is resurrected or its deletion deferred): empty the slots but keep their places.
+    std::vector<NotifieeBase*> bound(b->v(), b->v() + b->size);
+    std::fill_n(b->v(), b->size, nullptr);
+    b->nulls = b->size;
+    b->idle = 0;
+    for (NotifieeBase* n : bound)
+      if (n) unbind(n);
+    return;
+  }
+  // The reactors' callbacks may bind new ones: they start a list of their own.
+  bits_ = 0;
+  struct Releaser {
+    Block* b;
+    ~Releaser() { poolRelease(b, bytesOf(b->capacity)); }
+  } const releaser{b};
+  for (std::uint32_t i = 0; i < b->size; ++i)
+    if (NotifieeBase* n = b->v()[i]) unbind(n);
 }
 
 void CountedNotifier::zeroReferencesIs(bool z) {
   PtrInterface::zeroReferencesIs(z);
-  if (z) kivNotifiees().zeroReferences();
+  // Most notifiers have no reactor when they go; a teardown releases millions of them.
+  if (z && kivNotifiees().bound() != 0) kivNotifiees().zeroReferences();
 }
 
 NotifieeBase::~NotifieeBase() {
@@ -136,13 +230,13 @@ void keyCheck(String const& key, char const* attr) {
 
 Entity::Entity(EntityInit const& init)
     : name_(init.name),
-      parent_(init.parent),
-      parentAttrName_(init.parentAttrName),
-      readOnly_(init.parent && init.parent->readOnly_) {}
+      parent_(reinterpret_cast<std::uintptr_t>(init.parent) | (init.parent && init.parent->kivReadOnly() ? kReadOnly : 0)),
+      parentAttrName_(init.parentAttrName) {}
 
 String Entity::fullName() const {
-  if (!parent_) return name_;
-  std::string path = parent_->fullName().stdString();
+  Entity const* p = parent();
+  if (!p) return name_;
+  std::string path = p->fullName().stdString();
   path += '/';
   path += name_.view();
   return String(path);

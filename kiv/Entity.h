@@ -57,7 +57,7 @@ TypeInfo const* typeNamed(std::string_view name);
 class Entity : public CountedNotifier {
  public:
   Name const& name() const { return name_; }
-  Entity* parent() const { return parent_; }
+  Entity* parent() const { return reinterpret_cast<Entity*>(parent_ & ~kReadOnly); }
   Name const& parentAttrName() const { return parentAttrName_; }
   // The path of names from the root of the tree, joined by '/'.
   String fullName() const;
@@ -65,20 +65,20 @@ class Entity : public CountedNotifier {
   virtual TypeInfo const& kivEntityType() const = 0;
 
   // A read-only replica refuses local writes; members created under it inherit the flag.
-  bool kivReadOnly() const { return readOnly_; }
-  void kivReadOnlyIs(bool r) { readOnly_ = r; }
+  bool kivReadOnly() const { return parent_ & kReadOnly; }
+  void kivReadOnlyIs(bool r) { parent_ = (parent_ & ~kReadOnly) | (r ? kReadOnly : 0); }
 
   std::string kivStrep() const override;
 
   // Used by collection mutators when they unlink a member.
-  void kivParentIs(Entity* p) { parent_ = p; }
+  void kivParentIs(Entity* p) { parent_ = reinterpret_cast<std::uintptr_t>(p) | (parent_ & kReadOnly); }
 
  protected:
   explicit Entity(EntityInit const& init);
   ~Entity() override = default;
 
   void kivCheckWritable(char const* attr) const {
-    if (readOnly_ && replicaWriteDepth == 0) [[unlikely]]
+    if ((parent_ & kReadOnly) && replicaWriteDepth == 0) [[unlikely]]
       throwReadOnly(attr);
   }
   [[noreturn]] void throwReadOnly(char const* attr) const;
@@ -92,9 +92,11 @@ class Entity : public CountedNotifier {
   friend class ReplicaWriteScope;
   static inline thread_local int replicaWriteDepth = 0;
   Name name_;
-  Entity* parent_;
+  // The parent, with the read-only flag in its low bit: a flag of its own would round every
+  // entity up by 8 bytes.
+  static constexpr std::uintptr_t kReadOnly = 1;
+  std::uintptr_t parent_;
   Name parentAttrName_;
-  bool readOnly_;
 };
 
 // Lets the replication layer apply incoming updates to read-only replicas through the ordinary

@@ -32,13 +32,18 @@ class NotifierList {
   NotifierList() = default;
   NotifierList(NotifierList const&) = delete;
   NotifierList& operator=(NotifierList const&) = delete;
-  ~NotifierList();
+  ~NotifierList() {
+    if (bits_ != 0) die();
+  }
 
   // The registered reactors.
   bool empty() const { return size() == 0; }
-  std::size_t size() const { return bound() - idle_; }
+  std::size_t size() const;
   // Every bound reactor, registered or not.
-  std::size_t bound() const { return v_.size() - nulls_; }
+  std::size_t bound() const {
+    Block const* b = block();
+    return b ? b->size - b->nulls : bits_ != 0;
+  }
   // Binds n, at the end of the list.
   void add(NotifieeBase* n);
   // Unbinds n, which must be bound here.
@@ -53,27 +58,40 @@ class NotifierList {
   void zeroReferences();
 
  private:
-  // A walk in progress, linked from frames_ so that ~NotifierList can stop it (alive = false).
+  // A walk in progress over a block, linked from its frames so that ~NotifierList can stop it
+  // (alive = false).
   struct Frame {
     Frame* outer = nullptr;
     bool alive = true;
+  };
+  // The list of two reactors or more, released once the last has left and no walk is in
+  // progress. The reactors follow the header, in binding order; null where one left.
+  struct Block {
+    Frame* frames;
+    std::uint32_t size;
+    std::uint32_t capacity;
+    std::uint32_t nulls;
+    std::uint32_t idle;  // bound but unregistered: skipped by walks
+    NotifieeBase** v() { return reinterpret_cast<NotifieeBase**>(this + 1); }
   };
 #pragma GCC diagnostic push
 // The scope unlinks the frame in its destructor; GCC cannot see that through the alive flag.
 #pragma GCC diagnostic ignored "-Wdangling-pointer"
   // Unlinks a walk's frame, also when a callback throws. It keeps its own copies of the list and
   // the outer frame: the frame's address escapes to the callbacks, so reading them back from it
-  // would be a reload after every walk (and a slow one when the store is still in flight).
+  // would be a reload after every walk (and a slow one when the store is still in flight). The
+  // block stays while a walk is in progress.
   class FrameScope {
    public:
-    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->frames_) {
+    FrameScope(NotifierList* l, Frame* f) : list_(l), frame_(f), outer_(l->block()->frames) {
       f->outer = outer_;
-      l->frames_ = f;
+      l->block()->frames = f;
     }
     ~FrameScope() {
       if (!frame_->alive) return;
-      list_->frames_ = outer_;
-      if (!outer_ && list_->nulls_ != 0) list_->compact();
+      Block* b = list_->block();
+      b->frames = outer_;
+      if (!outer_ && b->nulls != 0) list_->compact();
     }
     FrameScope(FrameScope const&) = delete;
     FrameScope& operator=(FrameScope const&) = delete;
@@ -85,14 +103,24 @@ class NotifierList {
   };
 #pragma GCC diagnostic pop
   void compact();
+  // With no walk in progress: a list down to one reactor gives up its block, and one down to a
+  // quarter of its block moves to a smaller one (a cold start binds a timer for every mount to
+  // the clock, and they leave as they fire).
+  void fit();
   // Empties the list for the notifier's death or loss of its last reference: every bound
   // reactor is unbound and then told that its notifier is gone.
   void unbindAll();
+  void die();
+  static std::size_t bytesOf(std::uint32_t capacity) { return sizeof(Block) + capacity * sizeof(NotifieeBase*); }
+  // Releases the block and empties the list.
+  void release();
+  Block* block() const { return bits_ & kSingle ? nullptr : reinterpret_cast<Block*>(bits_); }
+  NotifieeBase* single() const { return bits_ & kSingle ? reinterpret_cast<NotifieeBase*>(bits_ - kSingle) : nullptr; }
 
-  std::vector<NotifieeBase*> v_;  // bound, in binding order; null where one left
-  Frame* frames_ = nullptr;
-  std::uint32_t nulls_ = 0;
-  std::uint32_t idle_ = 0;  // bound but unregistered: skipped by walks
+  // Empty (0), one reactor (its address, tagged kSingle) or a Block: most notifiers (entities,
+  // chiefly) never have a reactor or have one, and cost one pointer.
+  static constexpr std::uintptr_t kSingle = 1;
+  std::uintptr_t bits_ = 0;
 };
 
 // Mixin for anything reactors can bind to.
@@ -174,14 +202,26 @@ class NotifieeOf : public Callbacks {
   T* notifier_ = nullptr;
 };
 
+inline std::size_t NotifierList::size() const {
+  if (NotifieeBase const* x = single()) return x->registered_;
+  Block const* b = block();
+  return b ? b->size - b->nulls - b->idle : 0;
+}
+
 template <class F>
 void NotifierList::forEach(F&& f) {
-  std::size_t n = v_.size();
-  if (n == 0) return;
+  if (NotifieeBase* x = single()) {
+    // Nothing is read after the one callback, so nothing it does can upset the walk.
+    if (x->active_ && x->registered_) f(x);
+    return;
+  }
+  Block* b = block();
+  if (!b || b->size == 0) return;
+  std::size_t n = b->size;
   Frame frame;
   FrameScope scope(this, &frame);
   for (std::size_t i = 0; i < n; ++i) {
-    NotifieeBase* x = v_[i];
+    NotifieeBase* x = block()->v()[i];  // a binding from a callback may have moved the block
     if (!x || !x->active_ || !x->registered_) continue;
     f(x);
     if (!frame.alive) return;

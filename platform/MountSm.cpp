@@ -8,7 +8,6 @@
 #include "kiv/Reactor.h"
 #include "kiv/Trace.h"
 #include "platform/SimNetwork.h"
-#include "platform/Timer.h"
 
 namespace Controller {
 
@@ -88,25 +87,21 @@ MountSm::MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::Connec
       heartbeatConfig_(std::move(heartbeatConfig)),
       remoteRootPath_(std::move(remoteRootPath)),
       remotePath_(std::move(remotePath)),
-      targetPath_(std::move(targetPath)),
+      path_(std::move(targetPath)),
       connectionName_(std::move(connectionName)),
       reconnectRetries_(reconnectRetries),
       mountTimeout_(mountTimeout),
       mountSmData_(std::move(mountSmData)) {}
 
-// The timers are made on first use: most machines never need their request timer.
 // Each step holds the machine: the owner's reactors may release it while the step reports.
 Platform::Timer& MountSm::requestTimer() {
   if (!requestTimer_) requestTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onRequestTime(); });
   return *requestTimer_;
 }
 
-Platform::Timer& MountSm::stepTimer() {
-  if (!stepTimer_) stepTimer_ = Platform::Timer::TimerIs([this] { Kiv::Ptr<MountSm>(this)->onStepTime(); });
-  return *stepTimer_;
-}
-
-void MountSm::onStepTime() {
+void MountSm::onTime() {
+  fired();
+  Kiv::Ptr<MountSm> const self(this);
   if (state_ == mountStateMounting) {
     onAttemptTime();
   } else {
@@ -147,7 +142,7 @@ void MountSm::doCleanup() {
   cleanedUp_ = true;
   request_ = Request::none;
   disarm(requestTimer_);
-  disarm(stepTimer_);
+  stepTimer().disarm();
   // What the machine placed goes with it, unless the state was to be preserved.
   if (!keepCopy_ && copy_) {
     copyDel();
@@ -227,7 +222,11 @@ void MountSm::onAttemptTime() {
     // the switch started failing.
     Sim::Switch* sw = findSwitch();
     if (sw && sw->mountable() && sw->generation() == attemptGeneration_ && establish(*sw)) {
-      mountSmData_->mountedPathIs(Kiv::String(joinPath(targetPath_, copy_->name())));
+      if (!pathIsCopy_) {
+        path_ = Kiv::String(joinPath(path_, copy_->name()));
+        pathIsCopy_ = true;
+      }
+      mountSmData_->mountedPathIs(path_);
       if (!cleanedUp_) stateIs(mountStateMounted);
       return;
     }
@@ -243,13 +242,13 @@ void MountSm::onAttemptTime() {
 
 bool MountSm::establish(Sim::Switch& sw) {
   std::string remote = joinPath(remoteRootPath_, remotePath_);
-  std::vector<std::string_view> remoteComponents = components(remote);
   Kiv::Ptr<Kiv::Entity> source = sw.root()->entityAtPath(remote);
   Kiv::Ptr<Kiv::Dir> parent = localRoot();
-  if (!source || !parent || remoteComponents.empty()) return false;
-  Kiv::Name name(remoteComponents.back());
+  if (!source || !parent || remote.empty()) return false;
+  // The last remote component, as the source's own name: the copy shares its text.
+  Kiv::Name const& name = source->name();
   try {
-    for (std::string_view c : components(targetPath_)) parent = parent->subdirIs(Kiv::Name(c));
+    for (std::string_view c : targetComponents()) parent = parent->subdirIs(Kiv::Name(c));
     copyDel();
     // The target path belongs to the mount: whatever sits there (a copy an earlier machine kept,
     // say) gives way to the fresh copy.
@@ -269,6 +268,19 @@ void MountSm::copyDel() {
   Kiv::Ptr<Kiv::Entity> copy = std::move(copy_);
   Kiv::Ptr<Kiv::Dir> parent = std::move(copyParent_);
   if (copy && parent && parent->entityPtr(copy->name()) == copy) parent->entityPtrDel(copy->name());
+}
+
+std::vector<std::string_view> MountSm::targetComponents() const {
+  std::vector<std::string_view> out = components(path_);
+  if (pathIsCopy_) out.pop_back();
+  return out;
+}
+
+Kiv::String MountSm::targetPath() const {
+  if (!pathIsCopy_) return path_;
+  // The copy's path is normalized: its directory is all before the last '/'.
+  int const slash = path_.lastPos('/');
+  return slash == Kiv::String::npos ? Kiv::String() : path_.substr(0, static_cast<std::size_t>(slash));
 }
 
 Sim::Switch* MountSm::findSwitch() const {

@@ -29,16 +29,16 @@
 // not watch the connection once mounted (its owner unmounts or remounts on a reconnect).
 
 #include <cstdint>
+#include <string_view>
+#include <vector>
 
 #include "HeartbeatConfig.h"
 #include "SwitchTypes.h"
 #include "kiv/Clock.h"
 #include "kiv/Dir.h"
 #include "platform/SystemId.h"
+#include "platform/Timer.h"
 
-namespace Platform {
-class Timer;
-}
 namespace Sim {
 class Switch;
 }
@@ -48,8 +48,15 @@ namespace Controller {
 // Mounts one remote entity of one switch into the local tree. Created and owned by a controller
 // state machine, which calls its operations and watches the MountSmData it hands in. Needs a
 // current event loop from creation on.
-class MountSm : public Kiv::PtrInterface {
+//
+// The machine is its own step timer (an attempt in state 1, an unmount in state 2: never both at
+// once), privately: every machine needs one, and one object is smaller than two.
+class MountSm : private Platform::TimerBase {
  public:
+  using Kiv::PtrInterface::references;
+  using Kiv::PtrInterface::referencesDec;
+  using Kiv::PtrInterface::referencesInc;
+
   static Kiv::Ptr<MountSm> MountSmIs(Controller::SystemId systemId,
                                      Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig,
                                      Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig,
@@ -67,7 +74,8 @@ class MountSm : public Kiv::PtrInterface {
   Kiv::PtrConst<Controller::Heartbeat::Config> const& heartbeatConfig() const { return heartbeatConfig_; }
   Kiv::String const& remoteRootPath() const { return remoteRootPath_; }
   Kiv::String const& remotePath() const { return remotePath_; }
-  Kiv::String const& targetPath() const { return targetPath_; }
+  // As given until a copy is placed; from then on normalized ("a//b/" is "a/b").
+  Kiv::String targetPath() const;
   Kiv::String const& connectionName() const { return connectionName_; }
   std::uint32_t reconnectRetries() const { return reconnectRetries_; }
   Kiv::Seconds mountTimeout() const { return mountTimeout_; }
@@ -86,7 +94,7 @@ class MountSm : public Kiv::PtrInterface {
   ~MountSm() override;
 
  private:
-  enum class Request { none, unmount, statePreservingUnmount };
+  enum class Request : std::uint8_t { none, unmount, statePreservingUnmount };
 
   MountSm(Controller::SystemId systemId, Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig,
           Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig, Kiv::String remoteRootPath,
@@ -102,38 +110,44 @@ class MountSm : public Kiv::PtrInterface {
   bool establish(Sim::Switch& sw);
   void copyDel();
   Sim::Switch* findSwitch() const;
+  std::vector<std::string_view> targetComponents() const;
   void stateIs(Controller::MountState s);
   Platform::Timer& requestTimer();
-  // An attempt (state 1) or an unmount (state 2): never both at once.
-  Platform::Timer& stepTimer();
-  void onStepTime();
+  Platform::TimerBase& stepTimer() { return *this; }
+  void onTime() override;
   static void disarm(Kiv::Ptr<Platform::Timer> const& t);
 
+  // In an order that leaves no padding.
   Controller::SystemId systemId_;
+  Request request_ = Request::none;
+  // The kind of the unmount in progress (state 2).
+  Request unmounting_ = Request::none;
   Kiv::PtrConst<Controller::ConnectionConfig> connectionConfig_;
   Kiv::PtrConst<Controller::Heartbeat::Config> heartbeatConfig_;
   Kiv::String remoteRootPath_;
   Kiv::String remotePath_;
-  Kiv::String targetPath_;
+  // The target path, and once a copy has been placed the copy's path, which extends it by a name
+  // that never changes (the last remote component): the machine keeps one string, the one it
+  // reports, rather than the given one as well.
+  Kiv::String path_;
   Kiv::String connectionName_;
   std::uint32_t reconnectRetries_;
+  Controller::MountState state_ = Controller::mountStateUnmounted;
   Kiv::Seconds mountTimeout_;
   Kiv::Ptr<Controller::MountSmData> mountSmData_;
 
-  Controller::MountState state_ = Controller::mountStateUnmounted;
-  Request request_ = Request::none;
-  // The kind of the unmount in progress (state 2).
-  Request unmounting_ = Request::none;
+  // Attempts started since the machine last began mounting.
+  std::uint32_t attempts_ = 0;
+  // The switch's connection generation when the attempt started.
+  std::uint32_t attemptGeneration_ = 0;
+  Kiv::Seconds attemptStart_ = 0;
   bool cleanedUp_ = false;
   // The latest unmount asked to preserve the state: the copy outlives the machine.
   bool keepCopy_ = false;
-  // Attempts started since the machine last began mounting.
-  std::uint32_t attempts_ = 0;
-  Kiv::Seconds attemptStart_ = 0;
   // The attempt's timer is set for its completion (else for its timeout).
   bool awaitingCompletion_ = false;
-  // The switch's connection generation when the attempt started.
-  std::uint32_t attemptGeneration_ = 0;
+  // path_ is the copy's path.
+  bool pathIsCopy_ = false;
   // The copy this machine made, and the directory it sits in.
   Kiv::Ptr<Kiv::Entity> copy_;
   Kiv::Ptr<Kiv::Dir> copyParent_;
@@ -141,8 +155,8 @@ class MountSm : public Kiv::PtrInterface {
   // The configuration the attempts under way went out with.
   Kiv::PtrConst<Controller::ConnectionConfig> mountingConfig_;
 
+  // Made on first use: most machines never need it.
   Kiv::Ptr<Platform::Timer> requestTimer_;
-  Kiv::Ptr<Platform::Timer> stepTimer_;
 };
 
 }  // namespace Controller
