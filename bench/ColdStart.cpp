@@ -253,14 +253,15 @@ void report(char const* what, std::vector<Figures> const& runs, double Figures::
 
 }  // namespace
 
-// Counts every allocation of the process; the bytes come from the allocator's own count.
-void* operator new(std::size_t n) {
+// Counts every allocation of the process; the bytes come from the allocator's own count. Kept out
+// of line, so that the compiler never sees a free() of what a new-expression made.
+[[gnu::noinline]] void* operator new(std::size_t n) {
   ++allocations;
   if (void* p = std::malloc(n ? n : 1)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 int main(int argc, char** argv) {
   std::vector<int> numbers;

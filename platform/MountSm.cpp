@@ -2,7 +2,6 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "kiv/Exception.h"
 #include "kiv/Reactor.h"
@@ -20,25 +19,27 @@ Kiv::Ptr<Kiv::Dir>& localRoot() {
   return root;
 }
 
-std::vector<std::string_view> components(std::string_view path) {
-  std::vector<std::string_view> out;
+// Calls f on each non-empty component, in order: every mount attempt walks its paths, and makes
+// no list of them.
+template <class F>
+void forEachComponent(std::string_view path, F&& f) {
   while (!path.empty()) {
     std::size_t slash = path.find('/');
     std::string_view c = path.substr(0, slash);
     path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
-    if (!c.empty()) out.push_back(c);
+    if (!c.empty()) f(c);
   }
-  return out;
 }
 
 // Joins with '/', skipping empty components: "a/" + "/b" is "a/b".
 std::string joinPath(std::string_view a, std::string_view b) {
   std::string out;
+  out.reserve(a.size() + b.size() + 1);
   for (std::string_view part : {a, b}) {
-    for (std::string_view c : components(part)) {
+    forEachComponent(part, [&](std::string_view c) {
       if (!out.empty()) out += '/';
       out += c;
-    }
+    });
   }
   return out;
 }
@@ -248,7 +249,7 @@ bool MountSm::establish(Sim::Switch& sw) {
   // The last remote component, as the source's own name: the copy shares its text.
   Kiv::Name const& name = source->name();
   try {
-    for (std::string_view c : targetComponents()) parent = parent->subdirIs(Kiv::Name(c));
+    forEachComponent(targetDir(), [&](std::string_view c) { parent = parent->subdirIs(Kiv::Name(c)); });
     copyDel();
     // The target path belongs to the mount: whatever sits there (a copy an earlier machine kept,
     // say) gives way to the fresh copy.
@@ -270,10 +271,12 @@ void MountSm::copyDel() {
   if (copy && parent && parent->entityPtr(copy->name()) == copy) parent->entityPtrDel(copy->name());
 }
 
-std::vector<std::string_view> MountSm::targetComponents() const {
-  std::vector<std::string_view> out = components(path_);
-  if (pathIsCopy_) out.pop_back();
-  return out;
+std::string_view MountSm::targetDir() const {
+  std::string_view const path = path_.view();
+  if (!pathIsCopy_) return path;
+  // The copy's path is normalized: its directory is all before the last '/'.
+  std::size_t const slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
 }
 
 Kiv::String MountSm::targetPath() const {

@@ -30,7 +30,6 @@
 
 #include <cstdint>
 #include <string_view>
-#include <vector>
 
 #include "HeartbeatConfig.h"
 #include "SwitchTypes.h"
@@ -110,7 +109,8 @@ class MountSm : private Platform::TimerBase {
   bool establish(Sim::Switch& sw);
   void copyDel();
   Sim::Switch* findSwitch() const;
-  std::vector<std::string_view> targetComponents() const;
+  // The directory the copy goes in, as a view of path_.
+  std::string_view targetDir() const;
   void stateIs(Controller::MountState s);
   Platform::Timer& requestTimer();
   Platform::TimerBase& stepTimer() { return *this; }
