@@ -12,12 +12,15 @@
 // gone, the heap back where it was) and the program fails if one does not hold.
 //
 // Usage: cold_start [switches] [paths] [services] [--runs N] [--fit]
-//   --runs N  repeats everything N times (default 1) and reports the minimum and the median;
+//   --runs N  repeats everything N times (default 1), each time in a fresh process, and reports
+//             the minimum and the median;
 //   --fit     also times the machines-first cold start at a quarter and a half of `switches` and
 //             fits the growth exponent in switches: a figure that does not move with the
 //             machine's speed.
 
 #include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -238,6 +241,35 @@ Figures run(Size size) {
   return f;
 }
 
+// Runs f in a child process and hands back what it returned: every run starts from a fresh heap,
+// not from the free lists a torn-down world of millions of objects leaves scattered behind.
+template <class T>
+T isolated(std::function<T()> const& f) {
+  int fds[2];
+  if (pipe(fds) != 0) {
+    std::perror("cold_start: pipe");
+    std::exit(2);
+  }
+  std::fflush(stdout);
+  pid_t const child = fork();
+  if (child == 0) {
+    close(fds[0]);
+    T const result = f();
+    bool const ok = write(fds[1], &result, sizeof result) == static_cast<ssize_t>(sizeof result) && !failed;
+    std::fflush(stdout);
+    std::fflush(stderr);
+    _exit(ok ? 0 : 1);
+  }
+  close(fds[1]);
+  T result{};
+  bool const read_ = child > 0 && read(fds[0], &result, sizeof result) == static_cast<ssize_t>(sizeof result);
+  close(fds[0]);
+  int status = 0;
+  if (child > 0) waitpid(child, &status, 0);
+  if (!read_ || !WIFEXITED(status) || WEXITSTATUS(status) != 0) failed = true;
+  return result;
+}
+
 double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   return v[v.size() / 2];
@@ -287,7 +319,7 @@ int main(int argc, char** argv) {
               size.services, runs, runs == 1 ? "" : "s");
   std::vector<Figures> figures;
   for (int r = 0; r < runs; ++r) {
-    figures.push_back(run(size));
+    figures.push_back(isolated<Figures>([&] { return run(size); }));
     std::fflush(stdout);
   }
   std::printf("  %-34s %10s %10s\n", "", "min", "median");
@@ -307,7 +339,7 @@ int main(int argc, char** argv) {
     for (int divisor : {4, 2, 1}) {
       Size const s{size.switches / divisor, size.paths, size.services};
       std::vector<double> times;
-      for (int r = 0; r < runs; ++r) times.push_back(coldStartOnly(s));
+      for (int r = 0; r < runs; ++r) times.push_back(isolated<double>([&] { return coldStartOnly(s); }));
       double const t = *std::min_element(times.begin(), times.end());
       std::printf("  cold start at %5d switches %10.3f s CPU (min)\n", s.switches, t);
       xs.push_back(std::log(s.switches));
