@@ -20,6 +20,7 @@ constexpr char const* kUsage =
     "  --trace SETTING   extra trace levels, e.g. 'ControllerMountsRegistrySm/0-9'\n"
     "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"
     "  --ringlog         dump the in-memory ring log at the end\n"
+    "  --check           exit 1 if an 'expect' statement is not met\n"
     "  --realtime        timers follow the wall clock; run until --until or Ctrl-C\n"
     "  --help            this text\n"
     "  --version         the version\n";
@@ -49,6 +50,8 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       return 0;
     } else if (a == "--json") {
       o.json = true;
+    } else if (a == "--check") {
+      o.check = true;
     } else if (a == "--ringlog") {
       o.ringlog = true;
     } else if (a == "--realtime") {

@@ -56,6 +56,35 @@ std::string stateName(Controller::MountState s) {
   return n;
 }
 
+Verdict verdictOf(World const& w, Event const& e) {
+  auto const& x = e.words;  // expect, what, then its arguments; the last is the expected value
+  Verdict v;
+  v.line = e.line;
+  v.time = e.time;
+  for (std::size_t i = 1; i < x.size(); ++i) v.expected += (i > 1 ? " " : "") + x[i];
+  if (x[1] == "mount") {
+    v.got = "absent";
+    for (auto const& r : mountRows(w))
+      if (r.sw == x[2] && r.service == x[3] && r.path == x[4]) v.got = r.state;
+  } else if (x[1] == "group") {
+    v.got = "incomplete";
+    for (auto const& r : groupRows(w))
+      if (r.service == x[2] && r.group == x[3] && r.complete) v.got = "complete";
+  } else if (x[1] == "published") {
+    auto const rows = publishedRows(w);
+    bool const present = std::any_of(rows.begin(), rows.end(),
+                                     [&](PublishedRow const& r) {
+                                       // A directory is published as a subdirectory per switch.
+                                       return r.sw == x[2] && (r.path == x[3] || r.path.starts_with(x[3] + "/"));
+                                     });
+    v.got = present ? "present" : "absent";
+  } else if (x[1] == "ready") {
+    v.got = w.dbPublish->servicePublishReady(x[2]) ? "on" : "off";
+  }
+  v.met = v.got == x.back();
+  return v;
+}
+
 std::vector<GroupRow> groupRows(World const& w) {
   std::vector<GroupRow> rows;
   for (auto const& m : w.s.mounts) {
@@ -108,7 +137,7 @@ std::vector<std::string> publishers(World const& w) {
   return out;
 }
 
-void printTables(World const& w, std::ostream& os) {
+void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {
   os << "\nInitial mounts (t=" << fixed(w.loop.now(), 1) << ")\n";
   os << "  " << std::left << std::setw(22) << "service" << std::setw(14) << "group" << std::setw(10) << "complete"
      << "at\n";
@@ -130,10 +159,14 @@ void printTables(World const& w, std::ostream& os) {
   os << "\nPublish readiness\n";
   for (auto const& svc : publishers(w))
     os << "  " << std::setw(22) << svc << (w.dbPublish->servicePublishReady(svc) ? "ready" : "not ready") << '\n';
+  if (!verdicts.empty()) {
+    auto const unmet = std::count_if(verdicts.begin(), verdicts.end(), [](Verdict const& v) { return !v.met; });
+    os << "\nExpectations: " << verdicts.size() - unmet << " met, " << unmet << " unmet\n";
+  }
   os << std::right;
 }
 
-void printJson(World const& w, std::ostream& os) {
+void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {
   os << "{\n  \"time\": " << w.loop.now() << ",\n  \"initialMounts\": [";
   char const* sep = "";
   for (auto const& r : groupRows(w)) {
@@ -165,7 +198,14 @@ void printJson(World const& w, std::ostream& os) {
     os << sep << "\n    " << jsonString(svc) << ": " << (w.dbPublish->servicePublishReady(svc) ? "true" : "false");
     sep = ",";
   }
-  os << "\n  }\n}\n";
+  os << "\n  },\n  \"expectations\": [";
+  sep = "";
+  for (auto const& v : verdicts) {
+    os << sep << "\n    {\"line\": " << v.line << ", \"time\": " << v.time << ", \"expected\": " << jsonString(v.expected)
+       << ", \"got\": " << jsonString(v.got) << ", \"met\": " << (v.met ? "true" : "false") << '}';
+    sep = ",";
+  }
+  os << "\n  ]\n}\n";
 }
 
 }  // namespace Host

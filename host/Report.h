@@ -21,14 +21,24 @@ struct PublishedRow {
   std::string sw, path, remotePath, type, service;
 };
 
+// What an `expect` statement found when it was due.
+struct Verdict {
+  int line = 0;
+  double time = 0;
+  std::string expected, got;
+  bool met = false;
+};
+// Checks one `expect` event against the world as it stands.
+Verdict verdictOf(World const& w, Event const& expectation);
+
 std::vector<GroupRow> groupRows(World const& w);
 std::vector<MountRow> mountRows(World const& w);
 std::vector<PublishedRow> publishedRows(World const& w);
 // The services that publish, in the scenario's order.
 std::vector<std::string> publishers(World const& w);
 
-void printTables(World const& w, std::ostream& os);
-void printJson(World const& w, std::ostream& os);
+void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
+void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
 
 // `t` with `precision` digits after the point, as the reports print times.
 std::string fixed(double t, int precision = 3);

@@ -53,6 +53,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
   if (!o.trace.empty()) Kiv::TraceHandle::configure(o.trace);
   Kiv::Ringlog::defaultHandle().clear();
   int status = 0;
+  std::vector<Verdict> verdicts;
   {
     LogSink sink(log);
     World w(s, o.realtime ? Kiv::EventLoop::Mode::wallClock : Kiv::EventLoop::Mode::virtualTime);
@@ -61,7 +62,21 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     std::size_t next = 0;
     double nextProgress = o.progressEvery > 0 ? o.progressEvery : Kiv::kInfinity;
     auto due = [&](double t) {
-      while (next < s.events.size() && s.events[next].time <= t) w.apply(s.events[next++]);
+      std::vector<Event const*> expectations;
+      for (; next < s.events.size() && s.events[next].time <= t; ++next) {
+        Event const& e = s.events[next];
+        if (e.expectation()) {
+          expectations.push_back(&e);
+        } else {
+          w.apply(e);
+        }
+      }
+      // An expectation at t sees everything that happens at t, the events' immediate effects too.
+      if (!expectations.empty() && !o.realtime) w.loop.runUntilIdle();
+      for (Event const* e : expectations) {
+        Verdict const& v = verdicts.emplace_back(verdictOf(w, *e));
+        if (!v.met) err << s.name << ':' << v.line << ": expected " << v.expected << ", got " << v.got << '\n';
+      }
       w.checkCompletion();
       while (t >= nextProgress) {
         err << "[progress] t=" << fixed(nextProgress, 0) << "s of " << fixed(until, 0) << "s\n";
@@ -96,10 +111,11 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
       }
     }
     if (o.json) {
-      printJson(w, out);
+      printJson(w, verdicts, out);
     } else {
-      printTables(w, out);
+      printTables(w, verdicts, out);
     }
+    if (o.check && std::any_of(verdicts.begin(), verdicts.end(), [](Verdict const& v) { return !v.met; })) status = 1;
     // The shutdown withdraws everything; the report ends with the tables.
     Kiv::TraceHandle::resetAll();
   }

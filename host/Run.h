@@ -16,6 +16,7 @@ struct Options {
   std::string trace;
   bool ringlog = false;
   bool realtime = false;
+  bool check = false;  // an unmet expectation makes the exit status 1
   double progressEvery = 10;  // simulated seconds between progress lines; 0 for none
 };
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 #include <limits>
 #include <set>
 #include <sstream>
@@ -111,6 +112,8 @@ class Parser {
       publishDecl();
     } else if (kw == "at") {
       event();
+    } else if (kw == "expect") {
+      expectation();
     } else {
       fail("unknown statement '" + kw + "'");
     }
@@ -331,6 +334,8 @@ class Parser {
         d.type = next("a type name");
       } else if (kw == "dir") {
         d.dir = true;
+      } else if (kw == "ready") {
+        d.ready = true;
       } else if (kw == "systems") {
         d.systems = systems(next("a switch list"));
       } else if (kw == "versions") {
@@ -339,6 +344,7 @@ class Parser {
         fail("unknown publish option '" + kw + "'");
       }
     }
+    if (d.ready && !d.dir) fail("'ready' is for a directory ('dir'); a single entity is ready once it exists");
     if (d.remotePath.empty()) fail("publish needs 'remote <path>'");
     if (d.type.empty()) fail("publish needs 'type <T>'");
     auto [group, isNew] = publishedBy_.try_emplace({d.service, d.group, d.localPath}, line_);
@@ -388,8 +394,69 @@ class Parser {
       onOff(take("on or off"));
     } else if (action == "create") {
       localPath(take("a local path"));
+    } else if (action == "dir-ready") {
+      std::string const service = take("a service name");
+      std::string const group = take("a group name");
+      publishedDir(service, group, take("a directory path"));
+      onOff(take("on or off"));
     } else {
       fail("unknown action '" + action + "'");
+    }
+    s_.events.push_back(std::move(e));
+  }
+
+  // The directory a group of a service publishes with 'dir'.
+  void publishedDir(std::string const& service, std::string const& group, std::string const& dir) {
+    for (auto const& p : s_.publishes)
+      if (p.dir && p.service == service && p.group == group && p.localPath == dir) return;
+    fail("group '" + group + "' of service '" + service + "' publishes no directory '" + dir + "'");
+  }
+
+  // expect T mount SWITCH SERVICE PATH STATE | group SERVICE GROUP complete|incomplete
+  //        | published SWITCH PATH present|absent | ready SERVICE on|off
+  void expectation() {
+    Event e;
+    e.line = line_;
+    e.words.push_back("expect");
+    e.time = seconds(next("a time"), "time", false);
+    std::string const what = next("what to expect (mount, group, published or ready)");
+    e.words.push_back(what);
+    auto take = [&](char const* w) { e.words.push_back(next(w)); return e.words.back(); };
+    auto oneOf = [&](char const* w, std::initializer_list<char const*> values) {
+      std::string const v = take(w);
+      std::string all;
+      for (char const* x : values) {
+        if (v == x) return;
+        all += (all.empty() ? "" : ", ") + std::string(x);
+      }
+      fail("want one of " + all + ", not '" + v + "'");
+    };
+    if (what == "mount") {
+      e.words.push_back(knownSwitch(next("a switch address")));
+      std::string const service = knownService(take("a service name")).name;
+      std::string const remote = path(take("a remote path"));
+      if (!mountedBy_.count({service, remote})) fail("service '" + service + "' mounts no '" + remote + "'");
+      oneOf("a mount state", {"unmounted", "mounting", "mounted", "unmounting", "failed", "absent"});
+    } else if (what == "group") {
+      auto const& svc = knownService(take("a service name"));
+      std::string const group = take("a group name");
+      if (svc.proxy) fail("proxy service '" + svc.name + "' has no initial mounts to complete");
+      if (std::none_of(s_.mounts.begin(), s_.mounts.end(),
+                       [&](MountDecl const& m) { return m.service == svc.name && m.group == group; }))
+        fail("service '" + svc.name + "' mounts nothing in group '" + group + "'");
+      oneOf("complete or incomplete", {"complete", "incomplete"});
+    } else if (what == "published") {
+      e.words.push_back(knownSwitch(next("a switch address")));
+      path(take("a local path"));
+      oneOf("present or absent", {"present", "absent"});
+    } else if (what == "ready") {
+      auto const& svc = knownService(take("a service name"));
+      if (std::none_of(s_.publishes.begin(), s_.publishes.end(),
+                       [&](PublishDecl const& p) { return p.service == svc.name; }))
+        fail("service '" + svc.name + "' publishes nothing");
+      onOff(take("on or off"));
+    } else {
+      fail("unknown expectation '" + what + "' (want mount, group, published or ready)");
     }
     s_.events.push_back(std::move(e));
   }

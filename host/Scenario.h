@@ -47,6 +47,7 @@ struct MountDecl {
 struct PublishDecl {
   std::string service, group, localPath, remotePath, type;
   bool dir = false;
+  bool ready = false;  // a directory's own readiness at the start
   std::vector<std::string> systems;
   std::vector<unsigned> versions;
 };
@@ -55,6 +56,8 @@ struct Event {
   double time = 0;
   int line = 0;
   std::vector<std::string> words;  // the action and its arguments, checked by the parser
+  // An `expect` statement: checked when due, in file order with the events of its time.
+  bool expectation() const { return !words.empty() && words[0] == "expect"; }
 };
 
 struct Scenario {

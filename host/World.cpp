@@ -73,7 +73,9 @@ void World::configure() {
     auto svc = publishService(*s.service(p.service));
     auto group = svc->publishGroupConfigIs(p.group);
     if (p.dir) {
-      group->publishDirIs(p.localPath, p.type)->remoteTargetPathIs(p.remotePath);
+      auto dir = group->publishDirIs(p.localPath, p.type);
+      dir->remoteTargetPathIs(p.remotePath);
+      dir->readyToPublishIs(p.ready);
     } else {
       group->publishConfigIs(p.localPath, p.remotePath, p.type);
     }
@@ -115,7 +117,12 @@ void World::apply(Event const& e) {
       c->readyIs(w[2] == "on");
   } else if (a == "create") {
     localIs(w[1]);
+  } else if (a == "dir-ready") {
+    if (auto c = Kiv::entityCast<Controller::ServicePublishConfig>(publishConfig->entityPtr(w[1])))
+      if (auto group = c->publishGroupConfig(w[2]))
+        if (auto dir = group->publishDir(w[3])) dir->readyToPublishIs(w[4] == "on");
   }
+  // An expectation changes nothing; the run checks it.
 }
 
 // Notes when each group's initial mounts became complete; a leader change withdraws the flag

@@ -99,6 +99,67 @@ TEST(HostRun, AVersionChangeOnAConnectedSwitchUnmountsByTheVersionFilterAndLogsW
 // Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
 // string is escaped, and a byte that is no UTF-8 at all (from a scenario not made by the reader)
 // still gives valid JSON.
+TEST(HostRun, ExpectationsReportWhatTheyFoundAndFailTheRunOnlyUnderCheck) {
+  std::string const text =
+      "switch 00:00:00:00:00:01 latency 2 version svc=1 pub=1 entity /sys/config\n"
+      "switch 00:00:00:00:00:02 latency 2 fail version svc=1 entity /sys/config\n"
+      "switch 00:00:00:00:00:03 down version svc=1 entity /sys/config\n"
+      "service svc\n"
+      "mount svc g /sys/config type Sim::Record flags r\n"
+      "service pub ready\n"
+      "publish pub pg /local/d remote /remote/d type Sim::Record dir\n"
+      "local /local/d/x\n"
+      "expect 1 mount 00:00:00:00:00:01 svc /sys/config mounting\n"
+      "expect 50 mount 00:00:00:00:00:01 svc /sys/config mounted\n"
+      "expect 50 mount 00:00:00:00:00:02 svc /sys/config mounted\n"  // 11: it failed
+      "expect 50 mount 00:00:00:00:00:03 svc /sys/config absent\n"
+      "expect 50 group svc g complete\n"
+      "expect 50 published 00:00:00:00:00:01 /local/d present\n"  // 14: the directory is not ready
+      // Listed before the event of its time, it still sees what the event did at that time.
+      "expect 60 published 00:00:00:00:00:01 /local/d present\n"
+      "at 60 dir-ready pub pg /local/d on\n"
+      "expect 61 ready pub off\n"  // 17: it is on
+      "run 70\n";
+  std::string const unmet =
+      "t.scn:11: expected mount 00:00:00:00:00:02 svc /sys/config mounted, got failed\n"
+      "t.scn:14: expected published 00:00:00:00:00:01 /local/d present, got absent\n"
+      "t.scn:17: expected ready pub off, got on\n";
+  auto lines = [](std::string const& err) {
+    std::istringstream in(err);
+    std::string out;
+    for (std::string l; std::getline(in, l);)
+      if (l.find("expected") != std::string::npos) out += l + "\n";
+    return out;
+  };
+  Outcome r = run(text);
+  EXPECT_EQ(r.rc, 0);
+  EXPECT_EQ(lines(r.err), unmet);
+  EXPECT_TRUE(has(r.out, "Expectations: 5 met, 3 unmet")) << r.out;
+
+  Options o = json();
+  o.check = true;
+  r = run(text, o);
+  EXPECT_EQ(r.rc, 1);
+  EXPECT_EQ(lines(r.err), unmet);
+  EXPECT_TRUE(has(r.out, "{\"line\": 11, \"time\": 50, \"expected\": \"mount 00:00:00:00:00:02 svc /sys/config "
+                         "mounted\", \"got\": \"failed\", \"met\": false}"))
+      << r.out;
+  EXPECT_TRUE(has(r.out, "{\"line\": 15, \"time\": 60, \"expected\": \"published 00:00:00:00:00:01 /local/d "
+                         "present\", \"got\": \"present\", \"met\": true}"))
+      << r.out;
+
+  // Met expectations pass the check.
+  r = run("switch 00:00:00:00:00:01 latency 2 version svc=1 entity /sys/config\n"
+          "service svc\nmount svc g /sys/config type Sim::Record flags r\n"
+          "expect 20 mount 00:00:00:00:00:01 svc /sys/config mounted\nexpect 20 group svc g complete\nrun 20\n",
+          [] {
+            Options c;
+            c.check = true;
+            return c;
+          }());
+  EXPECT_EQ(r.rc, 0) << r.err;
+}
+
 TEST(HostRun, TheJsonReportEscapesWhatJsonRequires) {
   Scenario s = parseScenario(
       std::string(kOneSwitch) + "service q\"\\\xc3\xa9\nmount q\"\\\xc3\xa9 g /sys/config type Sim::Record\nrun 5\n",

@@ -76,6 +76,21 @@ constexpr BadInput kBadInputs[] = {
     {"EventAfterTheDefaultEnd", "at 60.5 leader b\n",
      "1: event at 60.5 is after the end time 60 (the default; 'run' sets it)"},
     {"C1ControlInAType", "service s\nmount s g /a type T\xc2\x85\n", "2: 'T\\xc2\\x85' is not printable UTF-8"},
+    {"UnknownExpectation", "expect 5 weather sunny\n",
+     "1: unknown expectation 'weather' (want mount, group, published or ready)"},
+    {"ExpectedStateUnknown", "switch 00:00:00:00:00:01\nservice s\nmount s g /a type T\n"
+     "expect 5 mount 00:00:00:00:00:01 s /a up\n",
+     "4: want one of unmounted, mounting, mounted, unmounting, failed, absent, not 'up'"},
+    {"ExpectedMountNotDeclared", "switch 00:00:00:00:00:01\nservice s\nmount s g /a type T\n"
+     "expect 5 mount 00:00:00:00:00:01 s /b mounted\n",
+     "4: service 's' mounts no '/b'"},
+    {"ExpectedGroupOfAProxy", "service s-proxy proxy\nmount s-proxy g /a type T\nexpect 5 group s-proxy g complete\n",
+     "3: proxy service 's-proxy' has no initial mounts to complete"},
+    {"ExpectedReadinessOfANonPublisher", "service s\nexpect 5 ready s on\n", "2: service 's' publishes nothing"},
+    {"DirReadyOfAnEntity", "service p\npublish p g /l remote /r type T\nat 5 dir-ready p g /l on\n",
+     "3: group 'g' of service 'p' publishes no directory '/l'"},
+    {"ReadyEntity", "service p\npublish p g /l remote /r type T ready\n",
+     "2: 'ready' is for a directory ('dir'); a single entity is ready once it exists"},
     {"OverlongSlash", "switch 00:00:00:00:00:01 entity /a\xc0\xaf" "b\n", "1: '/a\\xc0\\xafb' is not printable UTF-8"},
 };
 
