@@ -21,6 +21,7 @@ constexpr char const* kUsage =
     "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"
     "  --ringlog         dump the in-memory ring log at the end\n"
     "  --check           exit 1 if an 'expect' statement is not met\n"
+    "  --events FILE     write the event log (events, trace lines, expectations) as JSON lines\n"
     "  --realtime        timers follow the wall clock; run until --until or Ctrl-C\n"
     "  --help            this text\n"
     "  --version         the version\n";
@@ -56,6 +57,13 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       o.ringlog = true;
     } else if (a == "--realtime") {
       o.realtime = true;
+    } else if (a == "--events") {
+      auto v = value();
+      if (!v || v->empty()) {
+        err << "mounthost: --events needs a file name\n" << kUsage;
+        return 2;
+      }
+      o.events = *v;
     } else if (a == "--trace") {
       auto v = value();
       if (!v) {

@@ -1,6 +1,7 @@
 #include "host/Report.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cctype>
 #include <cstdio>
 #include <iomanip>
@@ -11,8 +12,6 @@
 #include "host/Utf8.h"
 
 namespace Host {
-
-namespace {
 
 // JSON text is UTF-8: a byte that is not part of a character becomes U+FFFD.
 std::string jsonString(std::string_view s) {
@@ -38,6 +37,18 @@ std::string jsonString(std::string_view s) {
   }
   return out + "\"";
 }
+
+// The shortest text that reads back exactly; times are finite, so nothing needs JSON's missing
+// infinities.
+std::string jsonNumber(double v) {
+  char buf[32];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  return ec == std::errc() ? std::string(buf, end) : "null";
+}
+
+namespace {
+
+std::string jsonOrNull(std::string const& s) { return s.empty() ? "null" : jsonString(s); }
 
 }  // namespace
 
@@ -167,12 +178,13 @@ void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostr
 }
 
 void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {
-  os << "{\n  \"time\": " << w.loop.now() << ",\n  \"initialMounts\": [";
+  os << "{\n  \"schema\": " << kJsonSchema << ",\n  \"time\": " << jsonNumber(w.loop.now())
+     << ",\n  \"initialMounts\": [";
   char const* sep = "";
   for (auto const& r : groupRows(w)) {
     os << sep << "\n    {\"service\": " << jsonString(r.service) << ", \"group\": " << jsonString(r.group)
        << ", \"complete\": " << (r.complete ? "true" : "false") << ", \"at\": ";
-    if (r.at >= 0) os << r.at; else os << "null";
+    os << (r.at >= 0 ? jsonNumber(r.at) : "null");
     os << '}';
     sep = ",";
   }
@@ -181,7 +193,7 @@ void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostrea
   for (auto const& r : mountRows(w)) {
     os << sep << "\n    {\"switch\": " << jsonString(r.sw) << ", \"service\": " << jsonString(r.service)
        << ", \"group\": " << jsonString(r.group) << ", \"path\": " << jsonString(r.path)
-       << ", \"state\": " << jsonString(r.state) << ", \"mountedPath\": " << jsonString(r.mountedPath) << '}';
+       << ", \"state\": " << jsonString(r.state) << ", \"mountedPath\": " << jsonOrNull(r.mountedPath) << '}';
     sep = ",";
   }
   os << "\n  ],\n  \"published\": [";
@@ -201,7 +213,8 @@ void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostrea
   os << "\n  },\n  \"expectations\": [";
   sep = "";
   for (auto const& v : verdicts) {
-    os << sep << "\n    {\"line\": " << v.line << ", \"time\": " << v.time << ", \"expected\": " << jsonString(v.expected)
+    os << sep << "\n    {\"line\": " << v.line << ", \"time\": " << jsonNumber(v.time)
+       << ", \"expected\": " << jsonString(v.expected)
        << ", \"got\": " << jsonString(v.got) << ", \"met\": " << (v.met ? "true" : "false") << '}';
     sep = ",";
   }

@@ -40,6 +40,12 @@ std::vector<std::string> publishers(World const& w);
 void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
 void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
 
+// The JSON report's layout; bumped when a field changes meaning or goes.
+inline constexpr int kJsonSchema = 1;
+// A JSON string (invalid UTF-8 as U+FFFD) and a JSON number that reads back to the same double.
+std::string jsonString(std::string_view s);
+std::string jsonNumber(double v);
+
 // `t` with `precision` digits after the point, as the reports print times.
 std::string fixed(double t, int precision = 3);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 #include <functional>
 #include <iomanip>
 #include <ostream>
@@ -18,20 +19,38 @@ namespace {
 volatile std::sig_atomic_t interrupted = 0;
 void onInterrupt(int) { interrupted = 1; }
 
-// Level-1 and level-5 lines (or whatever --trace enables) with their simulated time.
+// Level-1 and level-5 lines (or whatever --trace enables) with their simulated time, and the
+// same as JSON lines into the event log when there is one.
 class LogSink : public Kiv::TraceSink {
  public:
-  explicit LogSink(std::ostream& os) : os_(os), previous_(Kiv::traceSinkIs(this)) {}
+  LogSink(std::ostream& os, std::ostream* events) : os_(os), events_(events), previous_(Kiv::traceSinkIs(this)) {}
   ~LogSink() override { Kiv::traceSinkIs(previous_); }
   void write(Kiv::TraceRecord const& r) override {
     os_ << std::setw(9) << fixed(r.time) << "  " << (r.level == 1 ? "PROBLEM " : "") << r.handle << ": "
         << r.message << '\n';
+    if (events_)
+      *events_ << "{\"time\": " << jsonNumber(r.time) << ", \"kind\": \"trace\", \"level\": " << r.level
+               << ", \"source\": " << jsonString(r.handle) << ", \"message\": " << jsonString(r.message) << "}\n";
   }
 
  private:
   std::ostream& os_;
+  std::ostream* events_;
   Kiv::TraceSink* previous_;
 };
+
+void eventLine(std::ostream& os, double time, Event const& e) {
+  os << "{\"time\": " << jsonNumber(time) << ", \"kind\": \"event\", \"line\": " << e.line
+     << ", \"action\": " << jsonString(e.words[0]) << ", \"args\": [";
+  for (std::size_t i = 1; i < e.words.size(); ++i) os << (i > 1 ? ", " : "") << jsonString(e.words[i]);
+  os << "]}\n";
+}
+
+void verdictLine(std::ostream& os, double time, Verdict const& v) {
+  os << "{\"time\": " << jsonNumber(time) << ", \"kind\": \"expectation\", \"line\": " << v.line
+     << ", \"expected\": " << jsonString(v.expected) << ", \"got\": " << jsonString(v.got)
+     << ", \"met\": " << (v.met ? "true" : "false") << "}\n";
+}
 
 class Ticker : public Kiv::Clock::NotifieeConst {
  public:
@@ -46,6 +65,15 @@ class Ticker : public Kiv::Clock::NotifieeConst {
 }  // namespace
 
 int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ostream& err) {
+  std::ofstream eventsFile;
+  if (!o.events.empty()) {
+    eventsFile.open(o.events, std::ios::binary | std::ios::trunc);
+    if (!eventsFile) {
+      err << "mounthost: cannot write the event log '" << o.events << "'\n";
+      return 2;
+    }
+  }
+  std::ostream* events = eventsFile.is_open() ? &eventsFile : nullptr;
   double const until = o.until ? *o.until : s.until;
   std::ostream& log = o.json ? err : out;
   Kiv::TraceHandle::configure(
@@ -55,7 +83,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
   int status = 0;
   std::vector<Verdict> verdicts;
   {
-    LogSink sink(log);
+    LogSink sink(log, events);
     World w(s, o.realtime ? Kiv::EventLoop::Mode::wallClock : Kiv::EventLoop::Mode::virtualTime);
     w.configure();
     w.start();
@@ -68,6 +96,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
         if (e.expectation()) {
           expectations.push_back(&e);
         } else {
+          if (events) eventLine(*events, t, e);
           w.apply(e);
         }
       }
@@ -75,6 +104,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
       if (!expectations.empty() && !o.realtime) w.loop.runUntilIdle();
       for (Event const* e : expectations) {
         Verdict const& v = verdicts.emplace_back(verdictOf(w, *e));
+        if (events) verdictLine(*events, t, v);
         if (!v.met) err << s.name << ':' << v.line << ": expected " << v.expected << ", got " << v.got << '\n';
       }
       w.checkCompletion();
@@ -120,8 +150,13 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     Kiv::TraceHandle::resetAll();
   }
   if (o.ringlog) {
-    out << "\nRing log\n";
-    Kiv::Ringlog::defaultHandle().dump(out);
+    // Beside JSON on stdout, the ring log goes where the log went.
+    log << "\nRing log\n";
+    Kiv::Ringlog::defaultHandle().dump(log);
+  }
+  if (events && !eventsFile.flush()) {
+    err << "mounthost: could not write the whole event log '" << o.events << "'\n";
+    return 2;
   }
   Kiv::TraceHandle::resetAll();
   return status;

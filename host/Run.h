@@ -17,6 +17,7 @@ struct Options {
   bool ringlog = false;
   bool realtime = false;
   bool check = false;  // an unmet expectation makes the exit status 1
+  std::string events;  // a file for the event log as JSON lines; empty for none
   double progressEvery = 10;  // simulated seconds between progress lines; 0 for none
 };
 

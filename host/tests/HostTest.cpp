@@ -1,8 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "host/CommandLine.h"
+#include "host/Report.h"
 #include "host/Run.h"
 
 namespace Host {
@@ -26,6 +32,67 @@ Options json() {
 }
 
 bool has(std::string const& s, std::string const& part) { return s.find(part) != std::string::npos; }
+
+// A strict reader of one JSON value (RFC 8259), enough to tell valid output from invalid.
+class JsonReader {
+ public:
+  static bool valid(std::string_view text) {
+    JsonReader r{text};
+    return r.value() && (r.blanks(), r.i_ == text.size());
+  }
+
+ private:
+  explicit JsonReader(std::string_view t) : t_(t) {}
+  void blanks() {
+    while (i_ < t_.size() && (t_[i_] == ' ' || t_[i_] == '\n' || t_[i_] == '\t' || t_[i_] == '\r')) ++i_;
+  }
+  bool eat(char c) { return blanks(), i_ < t_.size() && t_[i_] == c ? (++i_, true) : false; }
+  bool word(std::string_view w) { return t_.substr(i_, w.size()) == w ? (i_ += w.size(), true) : false; }
+  bool digits() {
+    std::size_t const from = i_;
+    while (i_ < t_.size() && std::isdigit(static_cast<unsigned char>(t_[i_]))) ++i_;
+    return i_ > from;
+  }
+  bool number() {
+    eat('-');
+    if (!(t_.substr(i_, 1) == "0" ? (++i_, true) : digits())) return false;
+    if (i_ < t_.size() && t_[i_] == '.' && (++i_, !digits())) return false;
+    if (i_ < t_.size() && (t_[i_] == 'e' || t_[i_] == 'E')) {
+      ++i_;
+      if (i_ < t_.size() && (t_[i_] == '+' || t_[i_] == '-')) ++i_;
+      if (!digits()) return false;
+    }
+    return true;
+  }
+  bool string() {
+    if (!eat('"')) return false;
+    for (; i_ < t_.size(); ++i_) {
+      unsigned char const c = static_cast<unsigned char>(t_[i_]);
+      if (c == '"') return ++i_, true;
+      if (c < 0x20) return false;
+      if (c == '\\' && (++i_ >= t_.size() || std::string_view("\"\\/bfnrtu").find(t_[i_]) == std::string_view::npos))
+        return false;
+    }
+    return false;
+  }
+  template <class F>
+  bool members(char close, F member) {
+    if (eat(close)) return true;
+    do {
+      if (!member()) return false;
+    } while (eat(','));
+    return eat(close);
+  }
+  bool value() {
+    blanks();
+    if (eat('{')) return members('}', [&] { return string() && eat(':') && value(); });
+    if (eat('[')) return members(']', [&] { return value(); });
+    if (i_ < t_.size() && t_[i_] == '"') return string();
+    return word("true") || word("false") || word("null") || number();
+  }
+  std::string_view t_;
+  std::size_t i_ = 0;
+};
 
 constexpr char kOneSwitch[] =
     "switch 00:00:00:00:00:01 latency 2 version svc=1 pub=1 real=1 entity /sys/config /p\n";
@@ -158,6 +225,52 @@ TEST(HostRun, ExpectationsReportWhatTheyFoundAndFailTheRunOnlyUnderCheck) {
             return c;
           }());
   EXPECT_EQ(r.rc, 0) << r.err;
+}
+
+TEST(HostCommandLine, JsonStaysValidWhateverElseIsAskedAndTheEventLogIsJsonLines) {
+  EXPECT_FALSE(JsonReader::valid("{\"a\": 1.}"));  // the reader itself tells bad from good
+  EXPECT_FALSE(JsonReader::valid("{\"a\": 1}\nRing log\n"));
+  auto const dir = std::filesystem::temp_directory_path() / ("host_json_" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir);
+  std::string const file = (dir / "s.scn").string(), events = (dir / "e.jsonl").string();
+  std::ofstream(file) << kOneSwitch
+                      << "service svc\nmount svc g /sys/config type Sim::Record flags r\n"
+                         "at 0.1 flap 00:00:00:00:00:01 0.7\n"
+                         "expect 0.1 mount 00:00:00:00:00:01 svc /sys/config mounting\nrun 3.3\n";
+  std::vector<std::vector<std::string>> const extras = {
+      {}, {"--ringlog"}, {"--check"}, {"--trace", "ControllerMountsRegistrySm/0-9"}, {"--until", "2.2"},
+      {"--events", events}, {"--realtime", "--until", "0.15"}};
+  for (auto const& extra : extras) {
+    std::vector<std::string> args{"--json"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    args.push_back(file);
+    std::ostringstream out, err;
+    int const rc = hostMain(args, out, err);
+    std::string const what = extra.empty() ? "--json alone" : "--json " + extra[0];
+    EXPECT_EQ(rc, extra == extras[2] ? 1 : 0) << what << err.str();  // just after the flap: absent
+    EXPECT_TRUE(JsonReader::valid(out.str())) << what << '\n' << out.str();
+    EXPECT_TRUE(has(out.str(), "\"schema\": 1,")) << what;
+  }
+  // Times are exact, absent values null.
+  std::ostringstream out, err;
+  ASSERT_EQ(hostMain({"--json", "--until", "2.2", file}, out, err), 0);
+  EXPECT_TRUE(has(out.str(), "\"time\": 2.2,")) << out.str();
+  EXPECT_TRUE(has(out.str(), "\"state\": \"mounting\", \"mountedPath\": null}")) << out.str();
+
+  std::ifstream in(events);
+  std::string line, kinds;
+  int lines = 0;
+  while (std::getline(in, line)) {
+    ++lines;
+    EXPECT_TRUE(JsonReader::valid(line)) << line;
+    for (char const* k : {"trace", "event", "expectation"})
+      if (has(line, std::string("\"kind\": \"") + k + "\"") && !has(kinds, k)) kinds += std::string(k) + " ";
+  }
+  EXPECT_GT(lines, 3);
+  EXPECT_EQ(kinds, "trace event expectation ");
+  EXPECT_EQ(hostMain({"--events", (dir / "no" / "such" / "dir" / "e.jsonl").string(), file}, out, err), 2);
+  EXPECT_TRUE(has(err.str(), "mounthost: cannot write the event log")) << err.str();
+  std::filesystem::remove_all(dir);
 }
 
 TEST(HostRun, TheJsonReportEscapesWhatJsonRequires) {
