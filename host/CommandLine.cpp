@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <cstdlib>
 #include <optional>
 #include <sstream>
 
@@ -17,7 +18,8 @@ constexpr char const* kUsage =
     "usage: mounthost [options] [scenario-file]\n"
     "Runs a scenario (see README.md) against simulated switches; without a file, the built-in one.\n"
     "  --json            print the final status as JSON (the log goes to stderr)\n"
-    "  --trace SETTING   extra trace levels, e.g. 'ControllerMountsRegistrySm/0-9'\n"
+    "  -v, --verbose     also the machines' level-5 trace\n"
+    "  --trace SETTING   extra trace levels, e.g. 'ControllerMountsRegistrySm/0-9' (KIV_TRACE adds too)\n"
     "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"
     "  --ringlog         dump the in-memory ring log at the end\n"
     "  --check           exit 1 if an 'expect' statement is not met\n"
@@ -51,6 +53,8 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       return 0;
     } else if (a == "--json") {
       o.json = true;
+    } else if (a == "-v" || a == "--verbose") {
+      o.verbose = true;
     } else if (a == "--check") {
       o.check = true;
     } else if (a == "--ringlog") {
@@ -89,12 +93,14 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       file = a;
     }
   }
-  if (!o.trace.empty()) {
+  using Setting = std::pair<char const*, char const*>;
+  for (auto [setting, name] : {Setting{o.trace.c_str(), "--trace setting"}, Setting{std::getenv("KIV_TRACE"), "KIV_TRACE"}}) {
+    if (!setting || !*setting) continue;
     try {
-      Kiv::TraceHandle::configure(o.trace);
+      Kiv::TraceHandle::configure(setting);
       Kiv::TraceHandle::resetAll();
     } catch (std::exception const& e) {
-      err << "mounthost: bad --trace setting: " << e.what() << '\n';
+      err << "mounthost: bad " << name << ": " << e.what() << '\n';
       return 2;
     }
   }

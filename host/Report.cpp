@@ -7,7 +7,10 @@
 #include <iomanip>
 #include <ostream>
 #include <sstream>
+#include <set>
 #include <tuple>
+
+#include "platform/ProxyService.h"
 
 #include "host/Utf8.h"
 
@@ -121,13 +124,93 @@ std::vector<MountRow> mountRows(World const& w) {
         for (auto m = g.value()->mountStatusIter(); m; ++m)
           rows.push_back({d.name, std::string(sys.key().view()), std::string(g.key().view()),
                           std::string(m.key().view()), stateName(m.value()->mountState()),
-                          m.value()->mountedPath().stdString()});
+                          m.value()->mountedPath().stdString(), ""});
   }
   std::sort(rows.begin(), rows.end(), [](MountRow const& a, MountRow const& b) {
     return std::tie(a.sw, a.service, a.group, a.path) < std::tie(b.sw, b.service, b.group, b.path);
   });
   return rows;
 }
+namespace {
+
+bool contains(std::vector<std::string> const& v, std::string const& x) {
+  return std::find(v.begin(), v.end(), x) != v.end();
+}
+bool contains(std::vector<unsigned> const& v, unsigned x) { return std::find(v.begin(), v.end(), x) != v.end(); }
+
+// The version of `service` the switch negotiated (a proxy mounts with its real service's); 0 for none.
+unsigned negotiated(Sim::Switch const& sw, std::string const& service) {
+  std::string const real = Controller::realServiceNameOfProxy(Kiv::String(service)).stdString();
+  auto const& versions = sw.serviceVersions();
+  auto it = versions.find(Kiv::Name(real));
+  return it == versions.end() ? 0 : it->second;
+}
+
+// Whether `m`'s own filters let switch `sw` in.
+std::string filteredOut(MountDecl const& m, std::string const& sw, unsigned version, std::string const& whose) {
+  if (!m.systems.empty() && !contains(m.systems, sw)) return "not in " + whose + "'s systems";
+  if (!m.versions.empty() && !contains(m.versions, version))
+    return "version " + std::to_string(version) + " is not in " + whose + "'s versions";
+  return {};
+}
+
+}  // namespace
+
+std::string reasonOf(World const& w, MountDecl const& m, std::string const& sw, std::string const& state) {
+  if (state == "mounted") return {};
+  Sim::Switch const& s = *w.switches.at(sw);
+  if (!s.connected()) return "switch down";
+  ServiceDecl const& svc = *w.s.service(m.service);
+  unsigned const version = negotiated(s, m.service);
+  std::string const real = Controller::realServiceNameOfProxy(Kiv::String(m.service)).stdString();
+  if (!version) return "no version of " + real + " negotiated";
+  if (!svc.proxy) {
+    auto const dir = w.mountConfig;
+    auto const config = Kiv::entityCast<Controller::ServiceMountConfig>(dir->entityPtr(m.service));
+    std::string const gen = config ? config->leaderGenId().stdString() : std::string();
+    if (gen != w.db->leaderGenId().stdString())
+      return "leader generation is " + w.db->leaderGenId().stdString() + ", the service follows " + gen;
+  }
+  if (std::string own = filteredOut(m, sw, version, "the group"); !own.empty()) return own;
+  // One registry entry per remote path: unless some service mounts it without filters, every
+  // service's filters restrict it.
+  auto const sharing = [&](MountDecl const& o) { return o.remotePath == m.remotePath; };
+  bool const wildcard = std::any_of(w.s.mounts.begin(), w.s.mounts.end(), [&](MountDecl const& o) {
+    return sharing(o) && o.systems.empty() && o.versions.empty();
+  });
+  if (!wildcard) {
+    for (auto const& o : w.s.mounts) {
+      if (!sharing(o) || &o == &m) continue;
+      unsigned const theirs = negotiated(s, o.service);
+      std::string const whose = o.service + "/" + o.group;
+      if (std::string other = filteredOut(o, sw, theirs, whose); !other.empty())
+        return "shared entry: " + other;
+    }
+  }
+  if (state == "failed") return s.failing() ? "mount failed: the switch does not answer" : "mount failed";
+  if (state == "mounting") return "mounting";
+  if (state == "unmounting") return "unmounting";
+  return "not mounted";
+}
+
+std::vector<MountRow> mountTable(World const& w) {
+  std::vector<MountRow> rows = mountRows(w);
+  std::set<std::tuple<std::string, std::string, std::string>> seen;  // switch, service, path
+  for (auto const& r : rows) seen.emplace(r.sw, r.service, r.path);
+  for (auto const& m : w.s.mounts)
+    for (auto const& d : w.s.switches)
+      if (!seen.count({d.address, m.service, m.remotePath}))
+        rows.push_back({m.service, d.address, m.group, m.remotePath, "absent", "", ""});
+  for (auto& r : rows)
+    for (auto const& m : w.s.mounts)
+      if (m.service == r.service && m.remotePath == r.path && w.switches.count(r.sw))
+        r.reason = reasonOf(w, m, r.sw, r.state);
+  std::sort(rows.begin(), rows.end(), [](MountRow const& a, MountRow const& b) {
+    return std::tie(a.sw, a.service, a.group, a.path) < std::tie(b.sw, b.service, b.group, b.path);
+  });
+  return rows;
+}
+
 std::vector<PublishedRow> publishedRows(World const& w) {
   std::vector<PublishedRow> rows;
   for (auto sys = w.dbPublish->systemIter(); sys; ++sys)
@@ -148,33 +231,52 @@ std::vector<std::string> publishers(World const& w) {
   return out;
 }
 
+namespace {
+
+// Columns as wide as their widest cell, two blanks apart; the last column is not padded.
+void printTable(std::ostream& os, std::vector<std::vector<std::string>> const& rows) {
+  std::vector<std::size_t> width;
+  for (auto const& r : rows)
+    for (std::size_t i = 0; i < r.size(); ++i) {
+      if (width.size() <= i) width.push_back(0);
+      width[i] = std::max(width[i], r[i].size());
+    }
+  for (auto const& r : rows) {
+    std::string line = " ";
+    for (std::size_t i = 0; i < r.size(); ++i) {
+      line += ' ' + r[i];
+      if (i + 1 < r.size()) line += std::string(width[i] - r[i].size() + 1, ' ');
+    }
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    os << line << '\n';
+  }
+}
+
+}  // namespace
+
 void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {
   os << "\nInitial mounts (t=" << fixed(w.loop.now(), 1) << ")\n";
-  os << "  " << std::left << std::setw(22) << "service" << std::setw(14) << "group" << std::setw(10) << "complete"
-     << "at\n";
+  std::vector<std::vector<std::string>> t{{"service", "group", "complete", "at"}};
   for (auto const& r : groupRows(w))
-    os << "  " << std::setw(22) << r.service << std::setw(14) << r.group << std::setw(10)
-       << (r.complete ? "yes" : "no") << (r.at >= 0 ? fixed(r.at, 1) : "-") << '\n';
+    t.push_back({r.service, r.group, r.complete ? "yes" : "no", r.at >= 0 ? fixed(r.at, 1) : "-"});
+  printTable(os, t);
   os << "\nMounts\n";
-  os << "  " << std::setw(19) << "switch" << std::setw(22) << "service" << std::setw(14) << "group"
-     << std::setw(18) << "path" << std::setw(12) << "state" << "mounted at\n";
-  for (auto const& r : mountRows(w))
-    os << "  " << std::setw(19) << r.sw << std::setw(22) << r.service << std::setw(14) << r.group << std::setw(18)
-       << r.path << std::setw(12) << r.state << (r.mountedPath.empty() ? "-" : r.mountedPath) << '\n';
+  t = {{"switch", "service", "group", "path", "state", "mounted at / reason"}};
+  for (auto const& r : mountTable(w))
+    t.push_back({r.sw, r.service, r.group, r.path, r.state, r.state == "mounted" ? r.mountedPath : r.reason});
+  printTable(os, t);
   os << "\nPublished\n";
-  os << "  " << std::setw(19) << "switch" << std::setw(18) << "path" << std::setw(18) << "remote"
-     << std::setw(14) << "type" << "service\n";
-  for (auto const& r : publishedRows(w))
-    os << "  " << std::setw(19) << r.sw << std::setw(18) << r.path << std::setw(18) << r.remotePath
-       << std::setw(14) << r.type << r.service << '\n';
+  t = {{"switch", "path", "remote", "type", "service"}};
+  for (auto const& r : publishedRows(w)) t.push_back({r.sw, r.path, r.remotePath, r.type, r.service});
+  printTable(os, t);
   os << "\nPublish readiness\n";
-  for (auto const& svc : publishers(w))
-    os << "  " << std::setw(22) << svc << (w.dbPublish->servicePublishReady(svc) ? "ready" : "not ready") << '\n';
+  t.clear();
+  for (auto const& svc : publishers(w)) t.push_back({svc, w.dbPublish->servicePublishReady(svc) ? "ready" : "not ready"});
+  printTable(os, t);
   if (!verdicts.empty()) {
     auto const unmet = std::count_if(verdicts.begin(), verdicts.end(), [](Verdict const& v) { return !v.met; });
     os << "\nExpectations: " << verdicts.size() - unmet << " met, " << unmet << " unmet\n";
   }
-  os << std::right;
 }
 
 void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {

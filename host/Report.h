@@ -11,6 +11,7 @@ namespace Host {
 
 struct MountRow {
   std::string service, sw, group, path, state, mountedPath;
+  std::string reason;  // why it is not mounted; empty when it is
 };
 struct GroupRow {
   std::string service, group;
@@ -32,7 +33,15 @@ struct Verdict {
 Verdict verdictOf(World const& w, Event const& expectation);
 
 std::vector<GroupRow> groupRows(World const& w);
+// The rows of the services' statuses.
 std::vector<MountRow> mountRows(World const& w);
+// Every declared mount on every declared switch, with or without a status row, and the reason for
+// each that is not mounted.
+std::vector<MountRow> mountTable(World const& w);
+// Why `m` is not mounted on switch `sw` whose row shows `state` ("absent" without a row), from
+// the state of the world: the first of switch down, no version, leader generation, the group's
+// filters, the filters of the other services sharing the path, then the mount's own progress.
+std::string reasonOf(World const& w, MountDecl const& m, std::string const& sw, std::string const& state);
 std::vector<PublishedRow> publishedRows(World const& w);
 // The services that publish, in the scenario's order.
 std::vector<std::string> publishers(World const& w);

@@ -1,12 +1,16 @@
 #include "host/Run.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <map>
 #include <csignal>
 #include <fstream>
 #include <functional>
 #include <iomanip>
 #include <ostream>
 
+#include "host/Narrator.h"
 #include "host/Report.h"
 #include "host/World.h"
 #include "kiv/Clock.h"
@@ -62,6 +66,34 @@ class Ticker : public Kiv::Clock::NotifieeConst {
   std::function<void()> f_;
 };
 
+
+// Extra levels add to those already on: a KIV_TRACE setting or --trace never takes one away.
+void addTrace(std::string_view setting) {
+  std::map<Kiv::TraceHandle*, std::uint32_t> before;
+  for (Kiv::TraceHandle* h : Kiv::TraceHandle::all()) before[h] = h->levels();
+  Kiv::TraceHandle::configure(setting);
+  for (Kiv::TraceHandle* h : Kiv::TraceHandle::all()) h->levelsIs(h->levels() | before[h]);
+}
+
+// Wall-clock progress, at most once a second and only once a run has taken two.
+class Progress {
+ public:
+  Progress(std::ostream& err, double until, bool on) : err_(err), until_(until), on_(on) {}
+  void at(double t) {
+    if (!on_) return;
+    auto const now = std::chrono::steady_clock::now();
+    if (now - start_ < std::chrono::seconds(2) || now - last_ < std::chrono::seconds(1)) return;
+    last_ = now;
+    err_ << "[progress] t=" << fixed(t, 0) << "s of " << fixed(until_, 0) << "s\n";
+  }
+
+ private:
+  std::ostream& err_;
+  double until_;
+  bool on_;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now(), last_{};
+};
+
 }  // namespace
 
 int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ostream& err) {
@@ -76,9 +108,13 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
   std::ostream* events = eventsFile.is_open() ? &eventsFile : nullptr;
   double const until = o.until ? *o.until : s.until;
   std::ostream& log = o.json ? err : out;
-  Kiv::TraceHandle::configure(
-      "ControllerMountsRegistrySm/1,5;ControllerServiceConfigDirSm/1,5;ControllerInitialMountSm/1,5");
-  if (!o.trace.empty()) Kiv::TraceHandle::configure(o.trace);
+  // Problems always; the machines' level-5 account with -v.
+  Kiv::TraceHandle::configure(o.verbose ? "ControllerMountsRegistrySm/1,5;ControllerServiceConfigDirSm/1,5;"
+                                          "ControllerInitialMountSm/1,5"
+                                        : "ControllerMountsRegistrySm/1;ControllerServiceConfigDirSm/1;"
+                                          "ControllerInitialMountSm/1");
+  if (char const* env = std::getenv("KIV_TRACE")) addTrace(env);  // checked by the command line
+  if (!o.trace.empty()) addTrace(o.trace);
   Kiv::Ringlog::defaultHandle().clear();
   int status = 0;
   std::vector<Verdict> verdicts;
@@ -88,7 +124,8 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     w.configure();
     w.start();
     std::size_t next = 0;
-    double nextProgress = o.progressEvery > 0 ? o.progressEvery : Kiv::kInfinity;
+    Narrator narrator(w, log, events);
+    Progress progress(err, until, o.progress);
     auto due = [&](double t) {
       std::vector<Event const*> expectations;
       for (; next < s.events.size() && s.events[next].time <= t; ++next) {
@@ -97,6 +134,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
           expectations.push_back(&e);
         } else {
           if (events) eventLine(*events, t, e);
+          narrator.event(t, e);
           w.apply(e);
         }
       }
@@ -108,10 +146,8 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
         if (!v.met) err << s.name << ':' << v.line << ": expected " << v.expected << ", got " << v.got << '\n';
       }
       w.checkCompletion();
-      while (t >= nextProgress) {
-        err << "[progress] t=" << fixed(nextProgress, 0) << "s of " << fixed(until, 0) << "s\n";
-        nextProgress += o.progressEvery;
-      }
+      narrator.step(t);
+      progress.at(t);
     };
     if (o.realtime) {
       interrupted = 0;
@@ -134,7 +170,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
       due(0);
       // Stepping timer by timer dates each completion exactly.
       while (w.loop.now() < until) {
-        double t = std::min({w.loop.nextTimerTime(), until, nextProgress});
+        double t = std::min(w.loop.nextTimerTime(), until);
         if (next < s.events.size()) t = std::min(t, s.events[next].time);
         w.loop.advanceTo(std::max(t, w.loop.now()));
         due(w.loop.now());
@@ -143,6 +179,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     if (o.json) {
       printJson(w, verdicts, out);
     } else {
+      out << "\nSummary: " << narrator.summary() << '\n';
       printTables(w, verdicts, out);
     }
     if (o.check && std::any_of(verdicts.begin(), verdicts.end(), [](Verdict const& v) { return !v.met; })) status = 1;

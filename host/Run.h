@@ -18,7 +18,8 @@ struct Options {
   bool realtime = false;
   bool check = false;  // an unmet expectation makes the exit status 1
   std::string events;  // a file for the event log as JSON lines; empty for none
-  double progressEvery = 10;  // simulated seconds between progress lines; 0 for none
+  bool verbose = false;  // the level-5 trace too
+  bool progress = true;  // progress lines on stderr while a run takes long in wall time
 };
 
 // Runs a parsed scenario: the event log and the tables (or the JSON tree) go to `out`, progress

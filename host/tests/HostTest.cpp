@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -116,25 +118,76 @@ TEST(HostRun, AMountAndAPublicationGoFromConfigurationToStatus) {
   EXPECT_TRUE(has(r.out, "\"pub\": true")) << r.out;
   // One switch connected at the start with a 2 s heartbeat: the initial mounts complete in the run.
   EXPECT_TRUE(has(r.out, "{\"service\": \"svc\", \"group\": \"g\", \"complete\": true, \"at\": ")) << r.out;
-  // The log went to stderr, keeping stdout pure JSON, with a progress line per 10 s.
+  // The log went to stderr, keeping stdout pure JSON; a run this quick shows no progress.
   EXPECT_EQ(r.out.front(), '{');
-  EXPECT_TRUE(has(r.err, "[progress] t=10s of 20s")) << r.err;
-  EXPECT_TRUE(has(r.err, "[progress] t=20s of 20s")) << r.err;
+  EXPECT_TRUE(has(r.err, "    2.000  mounted /sys/config for svc/g on 00:00:00:00:00:01\n")) << r.err;
+  EXPECT_FALSE(has(r.err, "[progress]")) << r.err;
 }
 
-TEST(HostRun, TheDefaultScenarioShowsWhatItIsBuiltToShowWithTheRingLog) {
+TEST(HostRun, TheDefaultRunFitsOnAScreenAndSaysWhyTheGroupsCompletedWhenTheyDid) {
   std::ostringstream out, err;
-  ASSERT_EQ(hostMain({"--ringlog"}, out, err), 0) << err.str();
+  ASSERT_EQ(hostMain({}, out, err), 0) << err.str();
   std::string const& o = out.str();
-  EXPECT_TRUE(has(o, "Initial mounts (t=600.0)")) << o;
-  EXPECT_TRUE(has(o, "Ring log")) << o;
+  EXPECT_LT(std::count(o.begin(), o.end(), '\n'), 80) << o;
+  EXPECT_EQ(err.str(), "");
+  EXPECT_FALSE(has(o, "ControllerMountsRegistrySm:")) << "no level-5 trace by default\n" << o;
+  // The scenario's events, and the outcomes with the switches they happened on.
+  EXPECT_TRUE(has(o, "   60.000  event: flap 00:00:00:00:00:04 15  (<default>:19)\n")) << o;
+  EXPECT_TRUE(has(o, "   30.000  FAILED  /sys/config for fabric/config on 00:00:00:00:00:03\n")) << o;
+  EXPECT_TRUE(has(o, "  300.000  withdrawn /sys/config for fabric/config on 00:00:00:00:00:01, 00:00:00:00:00:02, "
+                     "00:00:00:00:00:04\n"))
+      << o;
+  EXPECT_TRUE(has(o, "  300.000  unpublished /web/state on 00:00:00:00:00:01, 00:00:00:00:00:02, 00:00:00:00:00:03 "
+                     "and 1 more\n"))
+      << o;
+  EXPECT_TRUE(has(o, "  300.000  initial mounts of fabric/config start again\n")) << o;
   // The switch without a version keeps the groups waiting for the whole 240-s window after the
   // leader generation is current again at 330 s; the flush adds one poll.
-  EXPECT_TRUE(has(o, "  fabric                config        yes       571.0")) << o;
-  EXPECT_TRUE(has(o, "00:00:00:00:00:03  fabric                config        /sys/config       failed")) << o;
-  EXPECT_FALSE(has(o, "00:00:00:00:00:05  fabric")) << o;
-  EXPECT_TRUE(has(o, "00:00:00:00:00:04  /web/state        /remote/web")) << o;
-  EXPECT_TRUE(has(o, "  web                   ready")) << o;
+  EXPECT_TRUE(has(o, "  571.000  initial mounts of fabric/config complete: the mount window ran out waiting for "
+                     "00:00:00:00:00:05 (/sys/config: no version of fabric negotiated)\n"))
+      << o;
+  EXPECT_TRUE(has(o, "Summary: t=600.0: 5 switches (5 up); 9 mounted, 1 failed, 2 other rows; 2 of 2 groups "
+                     "complete; 4 published\n"))
+      << o;
+  // Tables in aligned columns, with a reason for everything not mounted, rows or not.
+  EXPECT_TRUE(has(o, "  fabric   config    yes       571.0\n")) << o;
+  EXPECT_TRUE(has(o, "  00:00:00:00:00:03  fabric           config    /sys/config       failed     mount failed: the "
+                     "switch does not answer\n"))
+      << o;
+  EXPECT_TRUE(has(o, "  00:00:00:00:00:03  fabric           counters  /sys/counters     absent     not in the group's "
+                     "systems\n"))
+      << o;
+  EXPECT_TRUE(has(o, "  00:00:00:00:00:05  telemetry-proxy  state     /telemetry/state  unmounted  no version of "
+                     "telemetry negotiated\n"))
+      << o;
+  EXPECT_TRUE(has(o, "  00:00:00:00:00:04  /web/state  /remote/web  Sim::Record  web\n")) << o;
+  EXPECT_TRUE(has(o, "  web  ready\n")) << o;
+  EXPECT_FALSE(has(o, "Ring log")) << o;
+  std::ostringstream ring, ringErr;
+  ASSERT_EQ(hostMain({"--ringlog"}, ring, ringErr), 0);
+  EXPECT_TRUE(has(ring.str(), "\nRing log\n")) << ring.str();
+}
+
+TEST(HostRun, ReasonsFollowTheDecisionOrderDownVersionLeaderFiltersSharedEntry) {
+  Outcome r = run(
+      "switch 00:00:00:00:00:01 version a=1 b=1 entity /x /y\n"
+      "switch 00:00:00:00:00:02 version a=2 b=1 entity /x /y\n"
+      "switch 00:00:00:00:00:03 down version a=1 entity /x\n"
+      "service a\nservice b\nservice c gen other\n"
+      "mount a g /x type T versions 1\n"
+      "mount b g /x type T systems 00:00:00:00:00:02\n"
+      "mount c g /y type T\n"
+      "run 5\n");
+  ASSERT_EQ(r.rc, 0) << r.err;
+  for (char const* row : {"00:00:00:00:00:01  a        g      /x    unmounted  shared entry: not in b/g's systems",
+                          "00:00:00:00:00:01  b        g      /x    absent     not in the group's systems",
+                          "00:00:00:00:00:02  a        g      /x    absent     version 2 is not in the group's versions",
+                          "00:00:00:00:00:02  b        g      /x    unmounted  shared entry: version 2 is not in a/g's",
+                          "00:00:00:00:00:02  c        g      /y    absent     no version of c negotiated",
+                          "00:00:00:00:00:03  a        g      /x    absent     switch down"})
+    EXPECT_TRUE(has(r.out, row)) << row << '\n' << r.out;
+  r = run("switch 00:00:00:00:00:01 version c=1 entity /y\nservice c gen other\nmount c g /y type T\nrun 5\n");
+  EXPECT_TRUE(has(r.out, "absent  leader generation is gen1, the service follows other")) << r.out;
 }
 
 TEST(HostRun, ASwitchWithoutVersionsFlappingDuringTheConnectionPeriodIsWaitedForNotFatal) {
@@ -147,25 +200,41 @@ TEST(HostRun, ASwitchWithoutVersionsFlappingDuringTheConnectionPeriodIsWaitedFor
   // Connected but without a version, it is a remaining switch for the whole mount window.
   Outcome late = run(scenario + "run 300\n");
   ASSERT_EQ(late.rc, 0) << late.err;
-  EXPECT_TRUE(has(late.out, "  s                     g             yes       244.0")) << late.out;
+  EXPECT_TRUE(has(late.out, "  s        g      yes       244.0")) << late.out;
+  EXPECT_TRUE(has(late.out, "initial mounts of s/g complete: the mount window ran out waiting for 00:00:00:00:00:01 "
+                            "(/a/b: no version of s negotiated)"))
+      << late.out;
 }
 
-TEST(HostRun, AVersionChangeOnAConnectedSwitchUnmountsByTheVersionFilterAndLogsWhy) {
-  Outcome filtered =
-      run(std::string(kOneSwitch) + "service svc\nmount svc g /sys/config type Sim::Record versions 1\n" +
-          "at 10 version 00:00:00:00:00:01 svc=2\nrun 15\n");
-  ASSERT_EQ(filtered.rc, 0) << filtered.err;
-  EXPECT_FALSE(has(filtered.out, "/sys/config       mounted")) << filtered.out;
+TEST(HostRun, AVersionChangeOnAConnectedSwitchUnmountsByTheVersionFilterAndTheVerboseLogSaysWhy) {
+  std::string const text = std::string(kOneSwitch) + "service svc\nmount svc g /sys/config type Sim::Record versions 1\n" +
+                           "at 10 version 00:00:00:00:00:01 svc=2\nrun 15\n";
   // A log line: the virtual time, the unit's trace handle, the function and the message.
-  EXPECT_TRUE(has(filtered.out, "   10.000  ControllerMountsRegistrySm: bool Controller::MountsRegistryEntrySm::"
-                                "matchingServiceVersionFilter(Kiv::String, Kiv::String):  version:2 not in filter "
-                                "service:svc connection:00:00:00:00:00:01\n"))
-      << filtered.out;
+  std::string const why = "   10.000  ControllerMountsRegistrySm: bool Controller::MountsRegistryEntrySm::"
+                          "matchingServiceVersionFilter(Kiv::String, Kiv::String):  version:2 not in filter "
+                          "service:svc connection:00:00:00:00:00:01\n";
+  Outcome plain = run(text);
+  ASSERT_EQ(plain.rc, 0) << plain.err;
+  EXPECT_TRUE(has(plain.out, "   10.000  withdrawn /sys/config for svc/g on 00:00:00:00:00:01\n")) << plain.out;
+  EXPECT_FALSE(has(plain.out, why)) << plain.out;
+  Options verbose;
+  verbose.verbose = true;
+  EXPECT_TRUE(has(run(text, verbose).out, why));
+  // Extra trace levels add to the others, from the command line and from KIV_TRACE alike.
+  std::ostringstream out, err;
+  ASSERT_EQ(hostMain({"-v", "--trace", "ControllerMountsRegistrySm/8", "--until", "15", "/dev/null"}, out, err), 2);
+  ::setenv("KIV_TRACE", "ControllerMountsRegistrySm/8", 1);
+  verbose.trace = "ControllerInitialMountSm/8";
+  std::string const both = run(text, verbose).out;
+  EXPECT_TRUE(has(both, why)) << both;
+  EXPECT_TRUE(has(both, "ControllerMountsRegistrySm: void Controller::MountsRegistryEntrySm::handleSwitchConnection("))
+      << both;
+  ::setenv("KIV_TRACE", "ControllerMountsRegistrySm/99", 1);
+  EXPECT_EQ(hostMain({"--until", "1"}, out, err), 2);
+  EXPECT_TRUE(has(err.str(), "mounthost: bad KIV_TRACE: ")) << err.str();
+  ::unsetenv("KIV_TRACE");
 }
 
-// Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
-// string is escaped, and a byte that is no UTF-8 at all (from a scenario not made by the reader)
-// still gives valid JSON.
 TEST(HostRun, ExpectationsReportWhatTheyFoundAndFailTheRunOnlyUnderCheck) {
   std::string const text =
       "switch 00:00:00:00:00:01 latency 2 version svc=1 pub=1 entity /sys/config\n"
@@ -236,7 +305,7 @@ TEST(HostCommandLine, JsonStaysValidWhateverElseIsAskedAndTheEventLogIsJsonLines
   std::ofstream(file) << kOneSwitch
                       << "service svc\nmount svc g /sys/config type Sim::Record flags r\n"
                          "at 0.1 flap 00:00:00:00:00:01 0.7\n"
-                         "expect 0.1 mount 00:00:00:00:00:01 svc /sys/config mounting\nrun 3.3\n";
+                         "expect 0.1 mount 00:00:00:00:00:01 svc /sys/config mounting\nrun 12\n";
   std::vector<std::vector<std::string>> const extras = {
       {}, {"--ringlog"}, {"--check"}, {"--trace", "ControllerMountsRegistrySm/0-9"}, {"--until", "2.2"},
       {"--events", events}, {"--realtime", "--until", "0.15"}};
@@ -263,16 +332,19 @@ TEST(HostCommandLine, JsonStaysValidWhateverElseIsAskedAndTheEventLogIsJsonLines
   while (std::getline(in, line)) {
     ++lines;
     EXPECT_TRUE(JsonReader::valid(line)) << line;
-    for (char const* k : {"trace", "event", "expectation"})
+    for (char const* k : {"event", "outcome", "complete", "expectation"})
       if (has(line, std::string("\"kind\": \"") + k + "\"") && !has(kinds, k)) kinds += std::string(k) + " ";
   }
   EXPECT_GT(lines, 3);
-  EXPECT_EQ(kinds, "trace event expectation ");
+  EXPECT_EQ(kinds, "event expectation outcome complete ");
   EXPECT_EQ(hostMain({"--events", (dir / "no" / "such" / "dir" / "e.jsonl").string(), file}, out, err), 2);
   EXPECT_TRUE(has(err.str(), "mounthost: cannot write the event log")) << err.str();
   std::filesystem::remove_all(dir);
 }
 
+// Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
+// string is escaped, and a byte that is no UTF-8 at all (from a scenario not made by the reader)
+// still gives valid JSON.
 TEST(HostRun, TheJsonReportEscapesWhatJsonRequires) {
   Scenario s = parseScenario(
       std::string(kOneSwitch) + "service q\"\\\xc3\xa9\nmount q\"\\\xc3\xa9 g /sys/config type Sim::Record\nrun 5\n",

@@ -1,0 +1,147 @@
+#include "host/Narrator.h"
+
+#include <algorithm>
+#include <iomanip>
+#include <ostream>
+#include <utility>
+#include <vector>
+
+namespace Host {
+
+namespace {
+
+// Many switches at once are counted, a few named.
+std::string switchList(std::set<std::string> const& switches) {
+  constexpr std::size_t kNamed = 3;
+  std::string out;
+  std::size_t i = 0;
+  for (auto const& s : switches) {
+    if (i == kNamed) return out + " and " + std::to_string(switches.size() - kNamed) + " more";
+    out += (i++ ? ", " : "") + s;
+  }
+  return out;
+}
+
+bool finished(std::string const& state) { return state == "mounted" || state == "failed"; }
+
+}  // namespace
+
+void Narrator::line(double t, std::string const& text) {
+  os_ << std::setw(9) << fixed(t) << "  " << text << '\n';
+}
+
+void Narrator::event(double t, Event const& e) {
+  std::string text = "event: ";
+  for (std::size_t i = 0; i < e.words.size(); ++i) text += (i ? " " : "") + e.words[i];
+  line(t, text + "  (" + w_.s.name + ":" + std::to_string(e.line) + ")");
+}
+
+void Narrator::outcomes(double t, char const* what, std::map<std::string, std::set<std::string>> const& bySubject) {
+  for (auto const& [subject, switches] : bySubject) {
+    line(t, std::string(what) + " " + subject + " on " + switchList(switches));
+    if (!events_) continue;
+    // The log names every switch, however many.
+    *events_ << "{\"time\": " << jsonNumber(t) << ", \"kind\": \"outcome\", \"outcome\": "
+             << jsonString(std::string(what).substr(0, std::string(what).find(' '))) << ", \"subject\": " << jsonString(subject)
+             << ", \"switches\": [";
+    char const* sep = "";
+    for (auto const& sw : switches) *events_ << std::exchange(sep, ", ") << jsonString(sw);
+    *events_ << "]}\n";
+  }
+}
+
+void Narrator::step(double t) {
+  std::map<std::string, std::set<std::string>> mounted, failed, withdrawn, placed, unplaced;
+  decltype(rows_) rows;
+  for (auto const& r : mountRows(w_)) {
+    auto key = std::make_tuple(r.sw, r.service, r.group, r.path);
+    std::string const subject = r.path + " for " + r.service + "/" + r.group;
+    auto const old = rows_.find(key);
+    std::string const before = old == rows_.end() ? "absent" : old->second;
+    if (r.state != before && finished(r.state)) {
+      (r.state == "mounted" ? mounted : failed)[subject].insert(r.sw);
+      lastFinished_[{r.service, r.group}] = {t, r.sw, r.state};
+    }
+    if (before == "mounted" && r.state != "mounted") withdrawn[subject].insert(r.sw);
+    rows.emplace(std::move(key), r.state);
+  }
+  for (auto const& [key, state] : rows_)
+    if (state == "mounted" && !rows.count(key))
+      withdrawn[std::get<3>(key) + " for " + std::get<1>(key) + "/" + std::get<2>(key)].insert(std::get<0>(key));
+  rows_ = std::move(rows);
+
+  decltype(published_) published;
+  for (auto const& r : publishedRows(w_)) {
+    std::pair key{r.sw, r.path};
+    if (!published_.count(key)) placed[r.path + " (" + r.service + ")"].insert(r.sw);
+    published.insert(key);
+  }
+  for (auto const& [sw, path] : published_)
+    if (!published.count({sw, path})) unplaced[path].insert(sw);
+  published_ = std::move(published);
+
+  outcomes(t, "mounted", mounted);
+  outcomes(t, "FAILED ", failed);
+  outcomes(t, "withdrawn", withdrawn);
+  outcomes(t, "published", placed);
+  outcomes(t, "unpublished", unplaced);
+
+  for (auto const& g : groupRows(w_)) {
+    std::pair key{g.service, g.group};
+    if (g.complete && !complete_.count(key)) {
+      std::string const why = waitedFor(g);
+      line(t, "initial mounts of " + g.service + "/" + g.group + " complete: " + why);
+      if (events_)
+        *events_ << "{\"time\": " << jsonNumber(t) << ", \"kind\": \"complete\", \"service\": " << jsonString(g.service)
+                 << ", \"group\": " << jsonString(g.group) << ", \"why\": " << jsonString(why) << "}\n";
+      complete_.insert(key);
+    } else if (!g.complete && complete_.erase(key)) {
+      line(t, "initial mounts of " + g.service + "/" + g.group + " start again");
+    }
+  }
+}
+
+// A group completes when every switch of its connection period has finished, or when its mount
+// window runs out: then the switches still unfinished are what it waited for.
+std::string Narrator::waitedFor(GroupRow const& g) const {
+  std::vector<std::string> unfinished;
+  for (auto const& m : w_.s.mounts) {
+    if (m.service != g.service || m.group != g.group) continue;
+    for (auto const& d : w_.s.switches) {
+      if (!w_.switches.at(d.address)->connected()) continue;
+      auto const it = rows_.find({d.address, m.service, m.group, m.remotePath});
+      std::string const state = it == rows_.end() ? "absent" : it->second;
+      std::string const reason = reasonOf(w_, m, d.address, state);
+      // Without a row, only a switch that has not negotiated the service is still waited for.
+      bool const waiting = state == "absent" ? reason.starts_with("no version") : !finished(state);
+      if (waiting) unfinished.push_back(d.address + " (" + m.remotePath + ": " + reason + ")");
+    }
+  }
+  if (!unfinished.empty()) {
+    std::string out = "the mount window ran out waiting for ";
+    for (std::size_t i = 0; i < unfinished.size(); ++i) out += (i ? ", " : "") + unfinished[i];
+    return out;
+  }
+  auto const last = lastFinished_.find({g.service, g.group});
+  if (last == lastFinished_.end()) return "nothing to wait for";
+  auto const& [at, sw, state] = last->second;
+  return "the last to finish was " + sw + " (" + state + " at " + fixed(at, 1) + ")";
+}
+
+std::string Narrator::summary() const {
+  std::size_t up = 0;
+  for (auto const& [address, sw] : w_.switches) up += sw->connected();
+  std::map<std::string, std::size_t> states;
+  for (auto const& [key, state] : rows_) ++states[state];
+  auto const groups = groupRows(w_);
+  auto const complete = std::count_if(groups.begin(), groups.end(), [](GroupRow const& g) { return g.complete; });
+  std::string out = "t=" + fixed(w_.loop.now(), 1) + ": " + std::to_string(w_.switches.size()) + " switches (" +
+                    std::to_string(up) + " up); " + std::to_string(states["mounted"]) + " mounted, " +
+                    std::to_string(states["failed"]) + " failed, " +
+                    std::to_string(rows_.size() - states["mounted"] - states["failed"]) + " other rows; " +
+                    std::to_string(complete) + " of " + std::to_string(groups.size()) +
+                    " groups complete; " + std::to_string(published_.size()) + " published";
+  return out;
+}
+
+}  // namespace Host
