@@ -23,7 +23,9 @@ constexpr char const* kUsage =
     "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"
     "  --ringlog         dump the in-memory ring log at the end\n"
     "  --check           exit 1 if an 'expect' statement is not met\n"
-    "  --events FILE     write the event log (events, trace lines, expectations) as JSON lines\n"
+    "  --events FILE     write the event log (events, outcomes, expectations, trace) as JSON lines\n"
+    "  --explain SWITCH[@PATH]\n"
+    "                    at the end, why each declared mount (of PATH) is or is not mounted there\n"
     "  --realtime        timers follow the wall clock; run until --until or Ctrl-C\n"
     "  --help            this text\n"
     "  --version         the version\n";
@@ -61,6 +63,17 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       o.ringlog = true;
     } else if (a == "--realtime") {
       o.realtime = true;
+    } else if (a == "--explain") {
+      // '@' rather than a second argument, which could not be told from the scenario file.
+      auto v = value();
+      if (!v || v->empty() || v->front() == '@') {
+        err << "mounthost: --explain needs a switch address, e.g. 00:00:00:00:00:05 or 00:00:00:00:00:05@/sys/config\n"
+            << kUsage;
+        return 2;
+      }
+      auto const at = v->find('@');
+      o.explainSwitch = v->substr(0, at);
+      if (at != std::string::npos) o.explainPath = v->substr(at + 1);
     } else if (a == "--events") {
       auto v = value();
       if (!v || v->empty()) {

@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "platform/ProxyService.h"
+#include "registry/MountsRegistryEntrySm.h"
 
 #include "host/Utf8.h"
 
@@ -211,6 +212,78 @@ std::vector<MountRow> mountTable(World const& w) {
   return rows;
 }
 
+std::vector<Explanation> explain(World const& w, std::string const& sw, std::string const& path) {
+  std::vector<Explanation> out;
+  auto const rows = mountTable(w);
+  auto const yes = [](bool b) { return b ? "yes" : "no"; };
+  for (auto const& m : w.s.mounts) {
+    if (!path.empty() && m.remotePath != path) continue;
+    Explanation e{m.service, m.group, m.remotePath, "absent", {}};
+    for (auto const& r : rows)
+      if (r.sw == sw && r.service == m.service && r.path == m.remotePath) e.state = r.state;
+    auto& steps = e.steps;
+    auto const entry = w.registrySm->mountsRegistryEntrySm(Kiv::Name(m.remotePath));
+    if (!entry) {
+      steps.push_back("registry entry: none (no service's mount of this path is current)");
+    } else {
+      auto const v = entry->switchView(Controller::SystemId(sw));
+      auto const mine = std::find_if(v.mounters.begin(), v.mounters.end(),
+                                     [&](auto const& mv) { return mv.service.view() == m.service; });
+      steps.push_back(std::string("switch connected: ") + yes(v.registered));
+      std::string versions;
+      for (auto const& mv : v.mounters)
+        versions += (versions.empty() ? "" : ", ") + mv.service.stdString() + " " +
+                    (mv.version ? std::to_string(mv.version) : std::string("none"));
+      steps.push_back("version negotiated: " + (versions.empty() ? std::string("no service mounts the path") : versions) +
+                      " (the entry mounts if any of them has one)");
+      auto const config = Kiv::entityCast<Controller::ServiceMountConfig>(
+          (w.s.service(m.service)->proxy ? w.proxyMountConfig : w.mountConfig)->entityPtr(m.service));
+      std::string const gen = config ? config->leaderGenId().stdString() : "";
+      steps.push_back("leader generation: " + w.db->leaderGenId().stdString() + "; " + m.service +
+                      (w.s.service(m.service)->proxy ? " is a proxy and is not gated"
+                       : mine != v.mounters.end()    ? " follows " + gen + ": current"
+                                                     : " follows " + gen + ": withdrawn from the entry"));
+      steps.push_back(std::string("wildcard: ") + yes(v.wildcard) + (v.wildcard ? " (some group of the path has no filter)" : ""));
+      if (v.wildcard) {
+        steps.push_back("version filter: not consulted (wildcard)");
+        steps.push_back("connection filter: not consulted (wildcard)");
+      } else {
+        steps.push_back("version filter: " + std::string(v.versionFilterEmpty ? "none" : v.versionFilterPassed ? "passed" : "not passed"));
+        std::string shaped;
+        for (auto const& mv : v.mounters)
+          shaped += (shaped.empty() ? "" : ", ") + mv.service.stdString() + "/" + mv.group.stdString() + " " +
+                    (mv.inSystems ? "includes it" : "does not include it");
+        steps.push_back("connection filter: " +
+                        (v.connectionFilterSize ? std::to_string(v.connectionFilterSize) + " switches, this one named by " +
+                                                      std::to_string(v.connectionFilterCount) + " group(s)"
+                                                : std::string("none")) +
+                        (shaped.empty() ? "" : "; " + shaped));
+      }
+      if (mine != v.mounters.end())
+        steps.push_back("this group: systems " + std::string(mine->inSystems ? "include" : "exclude") +
+                        " the switch, versions " + (mine->inVersions ? "accept" : "refuse") + " its version " +
+                        std::to_string(mine->version));
+      steps.push_back(std::string("the entry mounts from this switch: ") + yes(v.wanted));
+      steps.push_back("mount attempt: " + (v.hasMount ? stateName(v.mountState) + (v.pendingRequest ? ", a request pending" : "")
+                                                      : std::string("none")));
+      if (mine != v.mounters.end())
+        steps.push_back(std::string("preserve on disconnect: ") + yes(mine->preserve));
+    }
+    if (w.switches.count(sw)) steps.push_back("so: " + (e.state == "mounted" ? std::string("mounted") : reasonOf(w, m, sw, e.state)));
+    out.push_back(std::move(e));
+  }
+  return out;
+}
+
+void printExplanations(std::string const& sw, std::vector<Explanation> const& es, std::ostream& os) {
+  os << "\nWhy, on " << sw << '\n';
+  if (es.empty()) os << "  no declared mount of that path\n";
+  for (auto const& e : es) {
+    os << "  " << e.path << " for " << e.service << '/' << e.group << ": " << e.state << '\n';
+    for (std::size_t i = 0; i < e.steps.size(); ++i) os << "    " << i + 1 << ". " << e.steps[i] << '\n';
+  }
+}
+
 std::vector<PublishedRow> publishedRows(World const& w) {
   std::vector<PublishedRow> rows;
   for (auto sys = w.dbPublish->systemIter(); sys; ++sys)
@@ -279,7 +352,8 @@ void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostr
   }
 }
 
-void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {
+void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os,
+               std::vector<Explanation> const* explanations) {
   os << "{\n  \"schema\": " << kJsonSchema << ",\n  \"time\": " << jsonNumber(w.loop.now())
      << ",\n  \"initialMounts\": [";
   char const* sep = "";
@@ -320,7 +394,20 @@ void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostrea
        << ", \"got\": " << jsonString(v.got) << ", \"met\": " << (v.met ? "true" : "false") << '}';
     sep = ",";
   }
-  os << "\n  ]\n}\n";
+  os << "\n  ]";
+  if (explanations) {
+    os << ",\n  \"explain\": [";
+    sep = "";
+    for (auto const& e : *explanations) {
+      os << sep << "\n    {\"service\": " << jsonString(e.service) << ", \"group\": " << jsonString(e.group)
+         << ", \"path\": " << jsonString(e.path) << ", \"state\": " << jsonString(e.state) << ", \"steps\": [";
+      for (std::size_t i = 0; i < e.steps.size(); ++i) os << (i ? ", " : "") << jsonString(e.steps[i]);
+      os << "]}";
+      sep = ",";
+    }
+    os << "\n  ]";
+  }
+  os << "\n}\n";
 }
 
 }  // namespace Host

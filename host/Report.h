@@ -46,8 +46,19 @@ std::vector<PublishedRow> publishedRows(World const& w);
 // The services that publish, in the scenario's order.
 std::vector<std::string> publishers(World const& w);
 
+// Why a path is or is not mounted on a switch, per service and group, in the order the registry
+// decides; from a read-only query of the machines.
+struct Explanation {
+  std::string service, group, path, state;
+  std::vector<std::string> steps;
+};
+// Every declared mount of `path` (of every path when empty) on switch `sw`.
+std::vector<Explanation> explain(World const& w, std::string const& sw, std::string const& path);
+void printExplanations(std::string const& sw, std::vector<Explanation> const& e, std::ostream& os);
+
 void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
-void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
+void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os,
+               std::vector<Explanation> const* explanations = nullptr);
 
 // The JSON report's layout; bumped when a field changes meaning or goes.
 inline constexpr int kJsonSchema = 1;

@@ -176,11 +176,14 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
         due(w.loop.now());
       }
     }
+    std::vector<Explanation> explanations;
+    if (!o.explainSwitch.empty()) explanations = explain(w, o.explainSwitch, o.explainPath);
     if (o.json) {
-      printJson(w, verdicts, out);
+      printJson(w, verdicts, out, o.explainSwitch.empty() ? nullptr : &explanations);
     } else {
       out << "\nSummary: " << narrator.summary() << '\n';
       printTables(w, verdicts, out);
+      if (!o.explainSwitch.empty()) printExplanations(o.explainSwitch, explanations, out);
     }
     if (o.check && std::any_of(verdicts.begin(), verdicts.end(), [](Verdict const& v) { return !v.met; })) status = 1;
     // The shutdown withdraws everything; the report ends with the tables.
@@ -208,7 +211,21 @@ int runScenarioText(std::string const& text, std::string const& fileName, Option
     err << e.what() << '\n';
     return 2;
   }
-  return runScenario(s, options, out, err);
+  Options o = options;
+  if (!o.explainSwitch.empty()) {
+    std::string const asked = o.explainSwitch;
+    o.explainSwitch = canonicalAddress(asked);
+    if (std::none_of(s.switches.begin(), s.switches.end(), [&](SwitchDecl const& d) { return d.address == o.explainSwitch; })) {
+      err << "mounthost: --explain: '" << asked << "' is not a switch of the scenario\n";
+      return 2;
+    }
+    if (!o.explainPath.empty() && std::none_of(s.mounts.begin(), s.mounts.end(),
+                                               [&](MountDecl const& m) { return m.remotePath == o.explainPath; })) {
+      err << "mounthost: --explain: the scenario mounts no '" << o.explainPath << "'\n";
+      return 2;
+    }
+  }
+  return runScenario(s, o, out, err);
 }
 
 }  // namespace Host

@@ -27,22 +27,6 @@ constexpr double kMinSeconds = 1e-6;
 constexpr double kMaxSeconds = 1e9;
 constexpr char kSecondsRange[] = "1e-6 to 1e9 seconds";
 
-// The lower-case form of a non-zero Ethernet address; empty when `a` is not one.
-std::string canonicalAddress(std::string_view a) {
-  if (a.size() != 17) return {};
-  std::string out(a);
-  for (std::size_t i = 0; i < out.size(); ++i) {
-    if (i % 3 == 2) {
-      if (out[i] != ':') return {};
-    } else if (std::isxdigit(static_cast<unsigned char>(out[i]))) {
-      out[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(out[i])));
-    } else {
-      return {};
-    }
-  }
-  return out == "00:00:00:00:00:00" ? std::string() : out;
-}
-
 // `w` with every byte that is not part of a printable UTF-8 character shown as \xNN.
 std::string shown(std::string_view w) {
   std::string out;
@@ -479,6 +463,22 @@ class Parser {
 };
 
 }  // namespace
+
+// The lower-case form of a non-zero Ethernet address; empty when `a` is not one.
+std::string canonicalAddress(std::string_view a) {
+  if (a.size() != 17) return {};
+  std::string out(a);
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    if (i % 3 == 2) {
+      if (out[i] != ':') return {};
+    } else if (std::isxdigit(static_cast<unsigned char>(out[i]))) {
+      out[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(out[i])));
+    } else {
+      return {};
+    }
+  }
+  return out == "00:00:00:00:00:00" ? std::string() : out;
+}
 
 ServiceDecl const* Scenario::service(std::string_view n) const {
   for (auto const& s : services)

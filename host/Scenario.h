@@ -86,6 +86,9 @@ inline constexpr std::array<std::string_view, 7> kHostDirs{
     "/mountConfig", "/mountStatus", "/publishConfig", "/publishStatus", "/proxyMountConfig", "/proxyMountStatus",
     "/mounts"};
 
+// The lower-case form of a non-zero Ethernet address; empty when `a` is not one.
+std::string canonicalAddress(std::string_view a);
+
 // A number of seconds as the scenario reads them (see Scenario.cpp); nullopt for anything else.
 std::optional<double> parseSeconds(std::string_view text);
 

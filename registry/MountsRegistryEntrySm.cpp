@@ -411,6 +411,43 @@ void MountsRegistryEntrySm::updateSystemStatus(SystemId const& systemId, Kiv::Na
   }
 }
 
+MountsRegistryEntrySm::SwitchView MountsRegistryEntrySm::switchView(SystemId const& systemId) const {
+  SwitchView v;
+  Kiv::PtrConst<PeerTable> const table = peerTable();
+  v.registered = table && table->peer(systemId);
+  Kiv::String const name(systemId.stringValue());
+  auto const versionOf = [&](Kiv::String const& service) { return mountsRegistrySm_->negotiatedVersion(service, systemId); };
+  std::uint32_t entryVersion = 0;
+  for (auto it = registryEntry_->mounterIter(); it; ++it) {
+    Mounter const& m = *it.value();
+    SwitchView::MounterView mv{m.serviceName(), m.groupName(), versionOf(m.serviceName())};
+    Kiv::PtrConst<MountFilterSystem> const systems = m.systemFilter();
+    mv.inSystems = !systems || systems->includedSystem(name);
+    Kiv::PtrConst<MountFilterServiceVersion> const versions = m.versionFilter();
+    mv.inVersions = !versions || versions->includedServiceVersion(mv.version);
+    mv.preserve = m.preserveMountsOnDisconnect();
+    if (!entryVersion) entryVersion = mv.version;
+    v.mounters.push_back(std::move(mv));
+  }
+  v.wildcard = wildCardMount_;
+  v.versionFilterEmpty = versionFilter_.empty();
+  v.versionFilterPassed = v.versionFilterEmpty;
+  for (auto it = versionFilter_.begin(); it && !v.versionFilterPassed; ++it) {
+    std::uint32_t const version = versionOf(it.key());
+    v.versionFilterPassed = !it.value() || (version && it.value()->version(version));
+  }
+  v.connectionFilterSize = static_cast<std::uint32_t>(connectionFilter_.size());
+  v.connectionFilterCount = connectionFilter_.get(name);
+  v.wanted = v.registered && entryVersion &&
+             (v.wildcard || (v.versionFilterPassed && (!v.connectionFilterSize || v.connectionFilterCount)));
+  if (Kiv::Ptr<MountSm> const sm = mountSm(systemId)) {
+    v.hasMount = true;
+    v.pendingRequest = sm->pendingRequest();
+    if (Kiv::Ptr<MountSmData> const data = mountSmData(systemId)) v.mountState = data->mountState();
+  }
+  return v;
+}
+
 // Every mount is taken down at once, not through one more evaluation of every switch: nobody would
 // see an unmount finish, and the filter machines' clean-ups withdraw every row and status that
 // such an evaluation would. Copies of a preserving entry stay, as on any of its disconnects.

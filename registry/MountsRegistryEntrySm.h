@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "MountsRegistryMachines.h"
 #include "kiv/HashMap.h"
@@ -93,6 +94,28 @@ class MountsRegistryEntrySm : public MountsRegistryEntrySmBase {
 
   // The group's state from its rows' states, by the rule above.
   static MountState combinedMountState(ServiceMountGroupStatus const& groupStatus);
+
+  // How the entry sees one switch, in the order it decides, for an operator's question. Reads
+  // only and traces nothing.
+  struct SwitchView {
+    struct MounterView {
+      Kiv::String service, group;
+      std::uint32_t version = 0;  // negotiated for the service; 0 for none
+      bool inSystems = true;      // the group's systems include the switch (or it has none)
+      bool inVersions = true;     // the group's versions include that version (or it has none)
+      bool preserve = false;      // the group keeps its copies when the switch goes
+    };
+    bool registered = false;  // the switch is in the peer table
+    std::vector<MounterView> mounters;
+    bool wildcard = false;
+    bool versionFilterEmpty = true, versionFilterPassed = true;
+    std::uint32_t connectionFilterSize = 0, connectionFilterCount = 0;  // mounters naming the switch
+    bool wanted = false;                                               // the entry mounts from it
+    bool hasMount = false;                                             // a mount machine exists
+    MountState mountState = mountStateUnmounted;
+    bool pendingRequest = false;
+  };
+  SwitchView switchView(SystemId const& systemId) const;
 
  private:
   friend class MountsRegistrySm;

@@ -207,6 +207,26 @@ void MountsRegistrySm::handlePeer(SystemId const& systemId) {
 
 void MountsRegistrySm::handlePeerConnected(SystemId const& systemId) { handleSwitchConnection(systemId); }
 
+Kiv::PtrConst<ServiceVersionStatusV1> MountsRegistrySm::versionStatus(Kiv::PtrConst<Peer> const& peer,
+                                                                       Kiv::Name const& name,
+                                                                       Kiv::String const& service) const {
+  if (!hasConnection(peer, name)) return nullptr;
+  Kiv::Ptr<ConnectionServiceStatusDirSm> const sm = connectionServiceStatusDirSm(name);
+  auto const follower = sm ? sm->serviceStatus(service) : nullptr;
+  if (!follower || follower->goingAway()) return nullptr;
+  Kiv::PtrConst<ServiceStatusV1> const status = follower->serviceStatus();
+  Kiv::PtrConst<ServiceVersionStatusV1> const version = status && status->enabled() ? status->versionStatus() : nullptr;
+  return version && version->versionNegotiationComplete() ? version : nullptr;
+}
+
+std::uint32_t MountsRegistrySm::negotiatedVersion(Kiv::String const& serviceName, SystemId const& systemId) const {
+  Kiv::PtrConst<Peer> const current = peerTable_ ? peerTable_->peer(systemId) : nullptr;
+  if (!current) return 0;
+  Kiv::String const service = isProxyServiceName(serviceName.view()) ? realServiceNameOfProxy(serviceName) : serviceName;
+  Kiv::PtrConst<ServiceVersionStatusV1> const version = versionStatus(current, Kiv::Name(systemId.stringValue()), service);
+  return version ? version->version() : 0;
+}
+
 Kiv::Name MountsRegistrySm::switchName(SystemId const& systemId) const {
   if (Kiv::Ptr<KivPeer> const watcher = peer(systemId)) return watcher->name();
   // No watcher: the entries evaluate before the table is taken at start-up, and a switch's mounts
@@ -225,18 +245,8 @@ std::uint32_t MountsRegistrySm::negotiatedServiceVersionForConnection(Kiv::Strin
   SystemId const id(addr);
   Kiv::PtrConst<Peer> const current = peerTable_->peer(id);
   if (!current) return 0;
-  Kiv::Name const name = switchName(id);
   Kiv::String const service = isProxyServiceName(serviceName.view()) ? realServiceNameOfProxy(serviceName) : serviceName;
-  Kiv::PtrConst<ServiceVersionStatusV1> version;
-  if (hasConnection(current, name)) {
-    if (auto sm = connectionServiceStatusDirSm(name)) {
-      if (auto follower = sm->serviceStatus(service); follower && !follower->goingAway()) {
-        Kiv::PtrConst<ServiceStatusV1> status = follower->serviceStatus();
-        if (status && status->enabled()) version = status->versionStatus();
-      }
-    }
-  }
-  if (version && version->versionNegotiationComplete()) {
+  if (Kiv::PtrConst<ServiceVersionStatusV1> const version = versionStatus(current, switchName(id), service)) {
     KIV_SM_TRACE_AT(8, 700, "negotiatedServiceVersionForConnection",
                     " negotiated service version for " << connectionName << " for service " << service << " = "
                                                        << version->version());

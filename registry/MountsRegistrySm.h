@@ -42,6 +42,8 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   // The version of the service negotiated on the connection (a proxy asks for the service it
   // stands for); 0 when there is none.
   std::uint32_t negotiatedServiceVersionForConnection(Kiv::String serviceName, Kiv::String connectionName) const;
+  // The same for a query from outside the machines: reads only and traces nothing.
+  std::uint32_t negotiatedVersion(Kiv::String const& serviceName, SystemId const& systemId) const;
   // The switch's text form; one shared string per peer, so that the many per-switch names made
   // from it (directories, mount data, connection names) share it.
   Kiv::Name switchName(SystemId const& systemId) const;
@@ -58,6 +60,10 @@ class MountsRegistrySm : public MountsRegistrySmBase {
   // Whether there is such a connection. The one keyed by the switch's name nearly always is it,
   // and is looked at before the others are searched.
   bool hasConnection(Kiv::PtrConst<Peer> const& peer, Kiv::Name const& name) const;
+  // The negotiated version status of `service` (not a proxy's name) on the peer's connection;
+  // null when none is complete.
+  Kiv::PtrConst<ServiceVersionStatusV1> versionStatus(Kiv::PtrConst<Peer> const& peer, Kiv::Name const& name,
+                                                      Kiv::String const& service) const;
 
   bool initialized_ = false;
   GroupStateTally groupStateTally_;

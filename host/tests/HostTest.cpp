@@ -11,6 +11,8 @@
 
 #include "host/CommandLine.h"
 #include "host/Report.h"
+#include "host/World.h"
+#include "kiv/Trace.h"
 #include "host/Run.h"
 
 namespace Host {
@@ -340,6 +342,65 @@ TEST(HostCommandLine, JsonStaysValidWhateverElseIsAskedAndTheEventLogIsJsonLines
   EXPECT_EQ(hostMain({"--events", (dir / "no" / "such" / "dir" / "e.jsonl").string(), file}, out, err), 2);
   EXPECT_TRUE(has(err.str(), "mounthost: cannot write the event log")) << err.str();
   std::filesystem::remove_all(dir);
+}
+
+TEST(HostRun, ExplainAnswersInTheRegistrysOrderFromAQueryThatChangesAndTracesNothing) {
+  std::ostringstream out, err;
+  ASSERT_EQ(hostMain({"--explain", "00:00:00:00:00:05@/sys/config"}, out, err), 0) << err.str();
+  EXPECT_TRUE(has(out.str(), "Why, on 00:00:00:00:00:05\n"
+                             "  /sys/config for fabric/config: absent\n"
+                             "    1. switch connected: yes\n"
+                             "    2. version negotiated: fabric none (the entry mounts if any of them has one)\n"
+                             "    3. leader generation: gen1; fabric follows gen1: current\n"
+                             "    4. wildcard: no\n"
+                             "    5. version filter: not passed\n"))
+      << out.str();
+  EXPECT_TRUE(has(out.str(), "    11. so: no version of fabric negotiated\n")) << out.str();
+  EXPECT_FALSE(has(out.str(), "/sys/counters for fabric/counters: ")) << "only the path asked for";
+  // Another group's systems shape the shared entry of a path; a current mount says so too.
+  std::ostringstream shaped;
+  ASSERT_EQ(hostMain({"--explain", "00:00:00:00:00:03"}, shaped, err), 0);
+  EXPECT_TRUE(has(shaped.str(), "6. connection filter: 3 switches, this one named by 0 group(s); fabric/counters does "
+                                "not include it\n"))
+      << shaped.str();
+  EXPECT_TRUE(has(shaped.str(), "  /sys/config for fabric/config: failed\n")) << shaped.str();
+  EXPECT_TRUE(has(shaped.str(), "9. mount attempt: failed\n")) << shaped.str();
+  std::ostringstream json;
+  ASSERT_EQ(hostMain({"--json", "--explain", "00:00:00:00:00:01"}, json, err), 0);
+  EXPECT_TRUE(JsonReader::valid(json.str())) << json.str();
+  EXPECT_TRUE(has(json.str(), "\"explain\": [\n    {\"service\": \"fabric\", \"group\": \"config\", \"path\": "
+                              "\"/sys/config\", \"state\": \"mounted\", \"steps\": [\"switch connected: yes\""))
+      << json.str();
+  for (auto const& bad : {std::vector<std::string>{"--explain", "00:00:00:00:00:09"},
+                          std::vector<std::string>{"--explain", "00:00:00:00:00:01@/nope"},
+                          std::vector<std::string>{"--explain", "@/sys/config"}, std::vector<std::string>{"--explain"}}) {
+    std::ostringstream o, e;
+    EXPECT_EQ(hostMain(bad, o, e), 2) << bad.back();
+    EXPECT_TRUE(has(e.str(), "--explain")) << e.str();
+  }
+
+  // The query itself: nothing traced with every level on, nothing changed.
+  Scenario const s = parseScenario(defaultScenarioText(), "<default>");
+  World w(s, Kiv::EventLoop::Mode::virtualTime);
+  w.configure();
+  w.start();
+  w.loop.advanceTo(100);
+  struct Counting : Kiv::TraceSink {
+    Kiv::TraceSink* previous = Kiv::traceSinkIs(this);
+    int lines = 0;
+    void write(Kiv::TraceRecord const&) override { ++lines; }
+  } sink;
+  Kiv::TraceHandle::configure("*/0-31");
+  std::size_t const ring = Kiv::Ringlog::defaultHandle().size();
+  auto const before = mountRows(w);
+  for (auto const& d : s.switches) EXPECT_FALSE(explain(w, d.address, "").empty());
+  EXPECT_EQ(sink.lines, 0);
+  EXPECT_EQ(Kiv::Ringlog::defaultHandle().size(), ring);
+  auto const after = mountRows(w);
+  ASSERT_EQ(after.size(), before.size());
+  for (std::size_t i = 0; i < after.size(); ++i) EXPECT_EQ(after[i].state, before[i].state);
+  Kiv::TraceHandle::resetAll();
+  Kiv::traceSinkIs(sink.previous);
 }
 
 // Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
