@@ -24,6 +24,7 @@ constexpr char const* kUsage =
     "  --ringlog         dump the in-memory ring log at the end\n"
     "  --check           exit 1 if an 'expect' statement is not met\n"
     "  --events FILE     write the event log (events, outcomes, expectations, trace) as JSON lines\n"
+    "  --timeline FILE   draw the run as SVG: switches' and groups' states over time, events\n"
     "  --explain SWITCH[@PATH]\n"
     "                    at the end, why each declared mount (of PATH) is or is not mounted there\n"
     "  --realtime        timers follow the wall clock; run until --until or Ctrl-C\n"
@@ -74,6 +75,13 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       auto const at = v->find('@');
       o.explainSwitch = v->substr(0, at);
       if (at != std::string::npos) o.explainPath = v->substr(at + 1);
+    } else if (a == "--timeline") {
+      auto v = value();
+      if (!v || v->empty()) {
+        err << "mounthost: --timeline needs a file name\n" << kUsage;
+        return 2;
+      }
+      o.timeline = *v;
     } else if (a == "--events") {
       auto v = value();
       if (!v || v->empty()) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <csignal>
 #include <fstream>
 #include <functional>
@@ -12,6 +13,7 @@
 
 #include "host/Narrator.h"
 #include "host/Report.h"
+#include "host/Timeline.h"
 #include "host/World.h"
 #include "kiv/Clock.h"
 #include "kiv/Trace.h"
@@ -106,6 +108,14 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     }
   }
   std::ostream* events = eventsFile.is_open() ? &eventsFile : nullptr;
+  std::ofstream timelineFile;
+  if (!o.timeline.empty()) {
+    timelineFile.open(o.timeline, std::ios::binary | std::ios::trunc);
+    if (!timelineFile) {
+      err << "mounthost: cannot write the timeline '" << o.timeline << "'\n";
+      return 2;
+    }
+  }
   double const until = o.until ? *o.until : s.until;
   std::ostream& log = o.json ? err : out;
   // Problems always; the machines' level-5 account with -v.
@@ -125,6 +135,8 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     w.start();
     std::size_t next = 0;
     Narrator narrator(w, log, events);
+    std::optional<Timeline> timeline;
+    if (timelineFile.is_open()) timeline.emplace(w);
     Progress progress(err, until, o.progress);
     auto due = [&](double t) {
       std::vector<Event const*> expectations;
@@ -135,6 +147,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
         } else {
           if (events) eventLine(*events, t, e);
           narrator.event(t, e);
+          if (timeline) timeline->event(t, e);
           w.apply(e);
         }
       }
@@ -147,6 +160,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
       }
       w.checkCompletion();
       narrator.step(t);
+      if (timeline) timeline->step(t);
       progress.at(t);
     };
     if (o.realtime) {
@@ -175,6 +189,10 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
         w.loop.advanceTo(std::max(t, w.loop.now()));
         due(w.loop.now());
       }
+    }
+    if (timeline && !(timeline->write(timelineFile, w.loop.now()), timelineFile.flush())) {
+      err << "mounthost: could not write the whole timeline '" << o.timeline << "'\n";
+      status = 2;
     }
     std::vector<Explanation> explanations;
     if (!o.explainSwitch.empty()) explanations = explain(w, o.explainSwitch, o.explainPath);

@@ -18,7 +18,8 @@ struct Options {
   bool realtime = false;
   bool check = false;  // an unmet expectation makes the exit status 1
   std::string explainSwitch, explainPath;  // --explain: why (not) mounted, at the end
-  std::string events;  // a file for the event log as JSON lines; empty for none
+  std::string events;
+  std::string timeline;  // an SVG picture of the run; empty for none  // a file for the event log as JSON lines; empty for none
   bool verbose = false;  // the level-5 trace too
   bool progress = true;  // progress lines on stderr while a run takes long in wall time
 };

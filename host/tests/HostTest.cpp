@@ -403,6 +403,91 @@ TEST(HostRun, ExplainAnswersInTheRegistrysOrderFromAQueryThatChangesAndTracesNot
   Kiv::traceSinkIs(sink.previous);
 }
 
+// Well-formed XML as far as an SVG viewer cares: one root, every tag closed in order, attributes
+// quoted, no bare '<' or '&' in text.
+bool wellFormedXml(std::string_view x) {
+  std::vector<std::string> open;
+  int roots = 0;
+  for (std::size_t i = 0; i < x.size();) {
+    if (x[i] == '&') {
+      std::size_t const semi = x.find(';', i);
+      if (semi == std::string_view::npos || semi - i > 6) return false;
+      i = semi + 1;
+      continue;
+    }
+    if (x[i] != '<') {
+      ++i;
+      continue;
+    }
+    std::size_t const end = x.find('>', i);
+    if (end == std::string_view::npos) return false;
+    std::string_view tag = x.substr(i + 1, end - i - 1);
+    i = end + 1;
+    if (std::count(tag.begin(), tag.end(), '"') % 2 || tag.find('<') != std::string_view::npos) return false;
+    if (tag.starts_with("/")) {
+      if (open.empty() || open.back() != tag.substr(1)) return false;
+      open.pop_back();
+      continue;
+    }
+    std::string const name(tag.substr(0, tag.find_first_of(" /")));
+    if (open.empty() && ++roots > 1) return false;
+    if (!tag.ends_with("/")) open.push_back(name);
+  }
+  return open.empty() && roots == 1;
+}
+
+std::size_t count(std::string const& s, std::string const& part) {
+  std::size_t n = 0;
+  for (auto at = s.find(part); at != std::string::npos; at = s.find(part, at + 1)) ++n;
+  return n;
+}
+
+TEST(HostCommandLine, TheTimelineIsWellFormedSvgWithALanePerSwitchAndGroupAndAMarkerPerEvent) {
+  EXPECT_FALSE(wellFormedXml("<svg><g></svg></g>"));  // the checker itself tells bad from good
+  EXPECT_FALSE(wellFormedXml("<svg><text>a < b</text></svg>"));
+  auto const dir = std::filesystem::temp_directory_path() / ("host_svg_" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir);
+  std::string const svg = (dir / "t.svg").string();
+  auto read = [&] {
+    std::ifstream in(svg);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  };
+  std::ostringstream out, err;
+  ASSERT_EQ(hostMain({"--timeline", svg}, out, err), 0) << err.str();
+  std::string t = read();
+  EXPECT_TRUE(wellFormedXml(t)) << t;
+  EXPECT_TRUE(t.starts_with("<svg xmlns=\"http://www.w3.org/2000/svg\"")) << t;
+  EXPECT_EQ(count(t, "<g class=\"switch\">"), 5u);
+  EXPECT_EQ(count(t, "<g class=\"group\">"), 2u);
+  EXPECT_EQ(count(t, "<g class=\"event\">"), 3u);
+  // The flap, the failure, the waiting groups and their completion are all in the picture.
+  EXPECT_TRUE(has(t, "<title>00:00:00:00:00:04: down from 60.0 s</title>")) << t;
+  EXPECT_TRUE(has(t, "<title>00:00:00:00:00:03: failed from 30.0 s</title>")) << t;
+  EXPECT_TRUE(has(t, "<title>fabric/config: initial mounts complete from 571.0 s</title>")) << t;
+  EXPECT_TRUE(has(t, ">leader gen2</text>")) << t;
+
+  // A hundred switches share forty lanes at most, three to a lane, each lane its worst state.
+  std::string many = "service s\nmount s g /a type Sim::Record\n";
+  for (int i = 1; i <= 100; ++i) {
+    char address[18];
+    std::snprintf(address, sizeof address, "00:00:00:00:01:%02x", i);
+    many = "switch " + std::string(address) + (i == 50 ? " fail" : "") + " version s=1 entity /a\n" + many;
+  }
+  std::ofstream(dir / "many.scn") << many << "run 60\n";
+  ASSERT_EQ(hostMain({"--timeline", svg, (dir / "many.scn").string()}, out, err), 0) << err.str();
+  t = read();
+  EXPECT_TRUE(wellFormedXml(t));
+  EXPECT_EQ(count(t, "<g class=\"switch\">"), 34u);
+  EXPECT_TRUE(has(t, "<text x=\"10\" y=\"52\">00:00:00:00:01:01 … 00:00:00:00:01:03 (3)</text>")) << t;
+  EXPECT_TRUE(has(t, "00:00:00:00:01:31 … 00:00:00:00:01:33 (3): failed from ")) << t;
+
+  EXPECT_EQ(hostMain({"--timeline", (dir / "no" / "t.svg").string()}, out, err), 2);
+  EXPECT_TRUE(has(err.str(), "mounthost: cannot write the timeline")) << err.str();
+  std::filesystem::remove_all(dir);
+}
+
 // Names may hold anything printable, quotes and backslashes included; what JSON forbids in a
 // string is escaped, and a byte that is no UTF-8 at all (from a scenario not made by the reader)
 // still gives valid JSON.

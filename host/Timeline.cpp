@@ -1,0 +1,142 @@
+#include "host/Timeline.h"
+
+#include <algorithm>
+#include <ostream>
+#include <sstream>
+
+#include "host/Report.h"
+
+namespace Host {
+
+namespace {
+
+constexpr char const* kSwitchColours[] = {"#d9d9d9", "#4caf50", "#ffc107", "#e53935", "#616161"};
+constexpr char const* kSwitchStates[] = {"up, nothing to mount", "mounted", "mounting", "failed", "down"};
+constexpr char const* kGroupColours[] = {"#90caf9", "#1565c0"};
+constexpr char const* kGroupStates[] = {"initial mounts pending", "initial mounts complete"};
+
+std::string xml(std::string_view s) {
+  std::string out;
+  for (char c : s) {
+    switch (c) {
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '&': out += "&amp;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+void Timeline::note(Lane& lane, double t, int state) {
+  auto& segments = lane.second;
+  if (!segments.empty() && segments.back().state == state) return;
+  if (!segments.empty() && segments.back().from == t) {
+    segments.back().state = state;  // a change within the instant keeps only where it ended
+    if (segments.size() > 1 && segments[segments.size() - 2].state == state) segments.pop_back();
+    return;
+  }
+  segments.push_back({t, state});
+}
+
+void Timeline::step(double t) {
+  std::map<std::string, int> state;
+  for (auto const& [address, sw] : w_.switches) state[address] = sw->connected() ? idle : down;
+  for (auto const& r : mountRows(w_)) {
+    int& s = state[r.sw];
+    if (s == down) continue;
+    int const row = r.state == "mounted" ? mounted : r.state == "failed" ? failed : mounting;
+    s = std::max(s, row);
+  }
+  for (auto const& [address, s] : state) {
+    auto [it, fresh] = switches_.try_emplace(address, Lane{address, {}});
+    note(it->second, t, s);
+  }
+  for (auto const& g : groupRows(w_)) {
+    std::string const name = g.service + "/" + g.group;
+    auto [it, fresh] = groups_.try_emplace(name, Lane{name, {}});
+    note(it->second, t, g.complete ? 1 : 0);
+  }
+}
+
+void Timeline::write(std::ostream& os, double until) const {
+  // Switches share lanes when there are many: lane i shows switches [i*per, (i+1)*per).
+  std::vector<Lane const*> all;
+  for (auto const& [address, lane] : switches_) all.push_back(&lane);
+  std::size_t const per = (all.size() + kMaxLanes - 1) / std::max<std::size_t>(kMaxLanes, 1);
+  std::vector<Lane> lanes;
+  for (std::size_t i = 0; i < all.size(); i += std::max<std::size_t>(per, 1)) {
+    std::size_t const end = std::min(all.size(), i + std::max<std::size_t>(per, 1));
+    Lane lane{end - i == 1 ? all[i]->first : all[i]->first + " … " + all[end - 1]->first + " (" +
+                                                 std::to_string(end - i) + ")",
+              {}};
+    // The worst state of the lane's switches at every instant one of them changed.
+    std::vector<double> times;
+    for (std::size_t k = i; k < end; ++k)
+      for (auto const& s : all[k]->second) times.push_back(s.from);
+    std::sort(times.begin(), times.end());
+    times.erase(std::unique(times.begin(), times.end()), times.end());
+    for (double t : times) {
+      int worst = idle;
+      for (std::size_t k = i; k < end; ++k) {
+        auto const& segs = all[k]->second;
+        auto it = std::upper_bound(segs.begin(), segs.end(), t, [](double x, Segment const& s) { return x < s.from; });
+        if (it != segs.begin()) worst = std::max(worst, std::prev(it)->state);
+      }
+      note(lane, t, worst);
+    }
+    lanes.push_back(std::move(lane));
+  }
+
+  constexpr double kLabel = 260, kPlot = 900, kLane = 18, kTop = 40;
+  std::size_t const rows = lanes.size() + groups_.size();
+  double const height = kTop + kLane * static_cast<double>(rows) + 70;
+  double const span = until > 0 ? until : 1;
+  auto x = [&](double t) { return kLabel + kPlot * std::clamp(t / span, 0.0, 1.0); };
+  std::ostringstream svg;
+  svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kLabel + kPlot + 20 << "\" height=\"" << height
+      << "\" font-family=\"sans-serif\" font-size=\"11\">\n";
+  svg << "<title>" << xml(w_.s.name) << ": 0 to " << fixed(until, 1) << " s</title>\n";
+  svg << "<text x=\"10\" y=\"20\" font-size=\"14\">" << xml(w_.s.name) << "</text>\n";
+  double y = kTop;
+  auto lane = [&](Lane const& l, char const* const* colours, char const* const* names, char const* kind) {
+    svg << "<g class=\"" << kind << "\"><text x=\"10\" y=\"" << y + 12 << "\">" << xml(l.first) << "</text>\n";
+    for (std::size_t i = 0; i < l.second.size(); ++i) {
+      double const from = l.second[i].from, to = i + 1 < l.second.size() ? l.second[i + 1].from : until;
+      svg << "<rect x=\"" << x(from) << "\" y=\"" << y + 2 << "\" width=\"" << std::max(x(to) - x(from), 0.5)
+          << "\" height=\"" << kLane - 4 << "\" fill=\"" << colours[l.second[i].state] << "\"><title>"
+          << xml(l.first) << ": " << names[l.second[i].state] << " from " << fixed(from, 1) << " s</title></rect>\n";
+    }
+    svg << "</g>\n";
+    y += kLane;
+  };
+  for (auto const& l : lanes) lane(l, kSwitchColours, kSwitchStates, "switch");
+  for (auto const& [name, l] : groups_) lane(l, kGroupColours, kGroupStates, "group");
+  for (auto const& [t, words] : events_) {
+    std::string label;
+    for (auto const& w : words) label += (label.empty() ? "" : " ") + w;
+    svg << "<g class=\"event\"><line x1=\"" << x(t) << "\" y1=\"" << kTop - 6 << "\" x2=\"" << x(t) << "\" y2=\"" << y
+        << "\" stroke=\"#000\" stroke-dasharray=\"3,3\"/><text x=\"" << x(t) + 2 << "\" y=\"" << kTop - 8 << "\">"
+        << xml(label) << "</text></g>\n";
+  }
+  // The time axis and the legend.
+  svg << "<line x1=\"" << kLabel << "\" y1=\"" << y + 4 << "\" x2=\"" << kLabel + kPlot << "\" y2=\"" << y + 4
+      << "\" stroke=\"#000\"/>\n";
+  for (int i = 0; i <= 10; ++i)
+    svg << "<text x=\"" << x(span * i / 10) << "\" y=\"" << y + 18 << "\" text-anchor=\"middle\">"
+        << fixed(span * i / 10, 0) << "</text>\n";
+  double lx = 10;
+  for (int s = 0; s < 5; ++s, lx += 150)
+    svg << "<rect x=\"" << lx << "\" y=\"" << y + 34 << "\" width=\"10\" height=\"10\" fill=\"" << kSwitchColours[s]
+        << "\"/><text x=\"" << lx + 14 << "\" y=\"" << y + 43 << "\">" << kSwitchStates[s] << "</text>\n";
+  for (int s = 0; s < 2; ++s, lx += 160)
+    svg << "<rect x=\"" << lx << "\" y=\"" << y + 34 << "\" width=\"10\" height=\"10\" fill=\"" << kGroupColours[s]
+        << "\"/><text x=\"" << lx + 14 << "\" y=\"" << y + 43 << "\">" << kGroupStates[s] << "</text>\n";
+  svg << "</svg>\n";
+  os << svg.str();
+}
+
+}  // namespace Host
