@@ -75,20 +75,13 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       auto const at = v->find('@');
       o.explainSwitch = v->substr(0, at);
       if (at != std::string::npos) o.explainPath = v->substr(at + 1);
-    } else if (a == "--timeline") {
+    } else if (a == "--timeline" || a == "--events") {
       auto v = value();
       if (!v || v->empty()) {
-        err << "mounthost: --timeline needs a file name\n" << kUsage;
+        err << "mounthost: " << a << " needs a file name\n" << kUsage;
         return 2;
       }
-      o.timeline = *v;
-    } else if (a == "--events") {
-      auto v = value();
-      if (!v || v->empty()) {
-        err << "mounthost: --events needs a file name\n" << kUsage;
-        return 2;
-      }
-      o.events = *v;
+      (a == "--timeline" ? o.timeline : o.events) = *v;
     } else if (a == "--trace") {
       auto v = value();
       if (!v) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
+#include <tuple>
 #include <csignal>
 #include <fstream>
 #include <functional>
@@ -99,23 +100,18 @@ class Progress {
 }  // namespace
 
 int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ostream& err) {
-  std::ofstream eventsFile;
-  if (!o.events.empty()) {
-    eventsFile.open(o.events, std::ios::binary | std::ios::trunc);
-    if (!eventsFile) {
-      err << "mounthost: cannot write the event log '" << o.events << "'\n";
+  // Output files are opened before anything runs: a run is not wasted on a file it cannot write.
+  std::ofstream eventsFile, timelineFile;
+  for (auto [file, name, what] : {std::tuple{&eventsFile, &o.events, "event log"},
+                                  std::tuple{&timelineFile, &o.timeline, "timeline"}}) {
+    if (name->empty()) continue;
+    file->open(*name, std::ios::binary | std::ios::trunc);
+    if (!*file) {
+      err << "mounthost: cannot write the " << what << " '" << *name << "'\n";
       return 2;
     }
   }
   std::ostream* events = eventsFile.is_open() ? &eventsFile : nullptr;
-  std::ofstream timelineFile;
-  if (!o.timeline.empty()) {
-    timelineFile.open(o.timeline, std::ios::binary | std::ios::trunc);
-    if (!timelineFile) {
-      err << "mounthost: cannot write the timeline '" << o.timeline << "'\n";
-      return 2;
-    }
-  }
   double const until = o.until ? *o.until : s.until;
   std::ostream& log = o.json ? err : out;
   // Problems always; the machines' level-5 account with -v.
