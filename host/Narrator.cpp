@@ -86,6 +86,17 @@ void Narrator::step(double t) {
   outcomes(t, "published", placed);
   outcomes(t, "unpublished", unplaced);
 
+  if (auto const period = w_.initialMount ? w_.initialMount->connectionPeriod() : nullptr;
+      period && period->complete() != periodComplete_) {
+    periodComplete_ = period->complete();
+    if (periodComplete_) {
+      std::set<std::string> initial;
+      if (auto const set = w_.initialMount->initialSwitchSet())
+        for (auto it = set->initialSwitchIter(); it; ++it) initial.insert(it.key().stringValue());
+      line(t, "connection period complete: " + std::to_string(initial.size()) + " initial switch" +
+                  (initial.size() == 1 ? "" : "es") + (initial.empty() ? "" : " (" + switchList(initial) + ")"));
+    }
+  }
   for (auto const& g : groupRows(w_)) {
     std::pair key{g.service, g.group};
     if (g.complete && !complete_.count(key)) {

@@ -37,6 +37,7 @@ class Narrator {
   std::map<std::tuple<std::string, std::string, std::string, std::string>, std::string> rows_;
   std::set<std::pair<std::string, std::string>> published_;  // switch, path
   std::set<std::pair<std::string, std::string>> complete_;   // service, group
+  bool periodComplete_ = false;
   // service, group -> the last row of the group to finish: time, switch, state
   std::map<std::pair<std::string, std::string>, std::tuple<double, std::string, std::string>> lastFinished_;
 };

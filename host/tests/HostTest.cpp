@@ -143,6 +143,9 @@ TEST(HostRun, TheDefaultRunFitsOnAScreenAndSaysWhyTheGroupsCompletedWhenTheyDid)
                      "and 1 more\n"))
       << o;
   EXPECT_TRUE(has(o, "  300.000  initial mounts of fabric/config start again\n")) << o;
+  EXPECT_TRUE(has(o, "    6.000  connection period complete: 5 initial switches (00:00:00:00:00:01, 00:00:00:00:00:02, "
+                     "00:00:00:00:00:03 and 2 more)\n"))
+      << o;
   // The switch without a version keeps the groups waiting for the whole 240-s window after the
   // leader generation is current again at 330 s; the flush adds one poll.
   EXPECT_TRUE(has(o, "  571.000  initial mounts of fabric/config complete: the mount window ran out waiting for "
