@@ -313,7 +313,8 @@ TEST(HostCommandLine, JsonStaysValidWhateverElseIsAskedAndTheEventLogIsJsonLines
                          "expect 0.1 mount 00:00:00:00:00:01 svc /sys/config mounting\nrun 12\n";
   std::vector<std::vector<std::string>> const extras = {
       {}, {"--ringlog"}, {"--check"}, {"--trace", "ControllerMountsRegistrySm/0-9"}, {"--until", "2.2"},
-      {"--events", events}, {"--realtime", "--until", "0.15"}};
+      {"--events", events}, {"--realtime", "--until", "0.15"}, {"-v"},
+      {"--timeline", (dir / "t.svg").string()}, {"--explain", "00:00:00:00:00:01"}};
   for (auto const& extra : extras) {
     std::vector<std::string> args{"--json"};
     args.insert(args.end(), extra.begin(), extra.end());
