@@ -52,33 +52,17 @@ void Narrator::outcomes(double t, char const* what, std::map<std::string, std::s
 
 void Narrator::step(double t) {
   std::map<std::string, std::set<std::string>> mounted, failed, withdrawn, placed, unplaced;
-  decltype(rows_) rows;
-  for (auto const& r : mountRows(w_)) {
-    auto key = std::make_tuple(r.sw, r.service, r.group, r.path);
-    std::string const subject = r.path + " for " + r.service + "/" + r.group;
-    auto const old = rows_.find(key);
-    std::string const before = old == rows_.end() ? "absent" : old->second;
-    if (r.state != before && finished(r.state)) {
-      (r.state == "mounted" ? mounted : failed)[subject].insert(r.sw);
-      lastFinished_[{r.service, r.group}] = {t, r.sw, r.state};
+  for (auto const& c : view_.changes()) {
+    auto const& [service, sw, group, path] = c.key;
+    std::string const subject = path + " for " + service + "/" + group;
+    if (finished(c.after)) {
+      (c.after == "mounted" ? mounted : failed)[subject].insert(sw);
+      lastFinished_[{service, group}] = {t, sw, c.after};
     }
-    if (before == "mounted" && r.state != "mounted") withdrawn[subject].insert(r.sw);
-    rows.emplace(std::move(key), r.state);
+    if (c.before == "mounted") withdrawn[subject].insert(sw);
   }
-  for (auto const& [key, state] : rows_)
-    if (state == "mounted" && !rows.count(key))
-      withdrawn[std::get<3>(key) + " for " + std::get<1>(key) + "/" + std::get<2>(key)].insert(std::get<0>(key));
-  rows_ = std::move(rows);
-
-  decltype(published_) published;
-  for (auto const& r : publishedRows(w_)) {
-    std::pair key{r.sw, r.path};
-    if (!published_.count(key)) placed[r.path + " (" + r.service + ")"].insert(r.sw);
-    published.insert(key);
-  }
-  for (auto const& [sw, path] : published_)
-    if (!published.count({sw, path})) unplaced[path].insert(sw);
-  published_ = std::move(published);
+  for (auto const& [p, service] : view_.placed()) placed[p.second + " (" + service + ")"].insert(p.first);
+  for (auto const& [sw, path] : view_.withdrawn()) unplaced[path].insert(sw);
 
   outcomes(t, "mounted", mounted);
   outcomes(t, "FAILED ", failed);
@@ -120,8 +104,8 @@ std::string Narrator::waitedFor(GroupRow const& g) const {
     if (m.service != g.service || m.group != g.group) continue;
     for (auto const& d : w_.s.switches) {
       if (!w_.switches.at(d.address)->connected()) continue;
-      auto const it = rows_.find({d.address, m.service, m.group, m.remotePath});
-      std::string const state = it == rows_.end() ? "absent" : it->second;
+      auto const it = view_.rows().find({m.service, d.address, m.group, m.remotePath});
+      std::string const state = it == view_.rows().end() ? "absent" : it->second.state;
       std::string const reason = reasonOf(w_, m, d.address, state);
       // Without a row, only a switch that has not negotiated the service is still waited for.
       bool const waiting = state == "absent" ? reason.starts_with("no version") : !finished(state);
@@ -143,15 +127,15 @@ std::string Narrator::summary() const {
   std::size_t up = 0;
   for (auto const& [address, sw] : w_.switches) up += sw->connected();
   std::map<std::string, std::size_t> states;
-  for (auto const& [key, state] : rows_) ++states[state];
+  for (auto const& [key, row] : view_.rows()) ++states[row.state];
   auto const groups = groupRows(w_);
   auto const complete = std::count_if(groups.begin(), groups.end(), [](GroupRow const& g) { return g.complete; });
   std::string out = "t=" + fixed(w_.loop.now(), 1) + ": " + std::to_string(w_.switches.size()) + " switches (" +
                     std::to_string(up) + " up); " + std::to_string(states["mounted"]) + " mounted, " +
                     std::to_string(states["failed"]) + " failed, " +
-                    std::to_string(rows_.size() - states["mounted"] - states["failed"]) + " other rows; " +
+                    std::to_string(view_.rows().size() - states["mounted"] - states["failed"]) + " other rows; " +
                     std::to_string(complete) + " of " + std::to_string(groups.size()) +
-                    " groups complete; " + std::to_string(published_.size()) + " published";
+                    " groups complete; " + std::to_string(view_.published().size()) + " published";
   return out;
 }
 

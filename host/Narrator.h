@@ -1,8 +1,8 @@
 #pragma once
 // What an operator follows while a scenario runs: its events as they are applied, and the
 // outcomes that matter (a path mounted, failed or withdrawn on switches, a publication placed or
-// withdrawn, a group's initial mounts complete and what they waited for), found by comparing
-// the world's status after each step with the one before.
+// withdrawn, a group's initial mounts complete and what they waited for), from the changes the
+// status view saw in each step.
 
 #include <iosfwd>
 #include <map>
@@ -11,16 +11,18 @@
 #include <tuple>
 
 #include "host/Report.h"
+#include "host/StatusView.h"
 
 namespace Host {
 
 class Narrator {
  public:
   // Outcomes go to `os`, and as JSON lines to `events` when given.
-  Narrator(World const& w, std::ostream& os, std::ostream* events) : w_(w), os_(os), events_(events) {}
+  Narrator(World const& w, StatusView const& view, std::ostream& os, std::ostream* events)
+      : w_(w), view_(view), os_(os), events_(events) {}
 
   void event(double t, Event const& e);
-  // Compares the world with the last step and tells what changed.
+  // Tells what the view's last update changed.
   void step(double t);
   // "N switches (M up), ...": the run in one line.
   std::string summary() const;
@@ -31,11 +33,9 @@ class Narrator {
   std::string waitedFor(GroupRow const& g) const;
 
   World const& w_;
+  StatusView const& view_;
   std::ostream& os_;
   std::ostream* events_;
-  // switch, service, group, path -> state
-  std::map<std::tuple<std::string, std::string, std::string, std::string>, std::string> rows_;
-  std::set<std::pair<std::string, std::string>> published_;  // switch, path
   std::set<std::pair<std::string, std::string>> complete_;   // service, group
   bool periodComplete_ = false;
   // service, group -> the last row of the group to finish: time, switch, state

@@ -14,6 +14,7 @@
 
 #include "host/Narrator.h"
 #include "host/Report.h"
+#include "host/StatusView.h"
 #include "host/Timeline.h"
 #include "host/World.h"
 #include "kiv/Clock.h"
@@ -130,9 +131,10 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
     w.configure();
     w.start();
     std::size_t next = 0;
-    Narrator narrator(w, log, events);
+    StatusView view(w);
+    Narrator narrator(w, view, log, events);
     std::optional<Timeline> timeline;
-    if (timelineFile.is_open()) timeline.emplace(w);
+    if (timelineFile.is_open()) timeline.emplace(w, view);
     Progress progress(err, until, o.progress);
     auto due = [&](double t) {
       std::vector<Event const*> expectations;
@@ -155,6 +157,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
         if (!v.met) err << s.name << ':' << v.line << ": expected " << v.expected << ", got " << v.got << '\n';
       }
       w.checkCompletion();
+      view.update();
       narrator.step(t);
       if (timeline) timeline->step(t);
       progress.at(t);

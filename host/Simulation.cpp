@@ -17,6 +17,7 @@
 
 #include "host/Report.h"
 #include "host/Scenario.h"
+#include "host/StatusView.h"
 #include "host/World.h"
 #include "kiv/AttrLog.h"
 #include "kiv/Trace.h"
@@ -379,6 +380,28 @@ class Checker {
     }
   }
 
+  // The operator's view, kept by reactors, shows what a full read of the status shows.
+  void view(StatusView& v) {
+    v.update();
+    std::map<StatusView::Key, StatusView::Row> full;
+    for (auto const& r : mountRows(w_)) full[{r.service, r.sw, r.group, r.path}] = {r.state, r.mountedPath};
+    auto const row = [](auto const& kv) {
+      auto const& [service, sw, group, path] = kv.first;
+      return service + "/" + group + " " + path + " from " + sw + ": " + kv.second.state + " at '" +
+             kv.second.mountedPath + "'";
+    };
+    auto a = full.begin();
+    auto b = v.rows().begin();
+    for (; a != full.end() || b != v.rows().end(); ++a, ++b) {
+      if (a == full.end()) fail("the status view follows every change", "the view still has " + row(*b));
+      if (b == v.rows().end()) fail("the status view follows every change", "the view misses " + row(*a));
+      if (row(*a) != row(*b)) fail("the status view follows every change", "the view has " + row(*b) + ", not " + row(*a));
+    }
+    std::set<StatusView::Publication> published;
+    for (auto const& r : publishedRows(w_)) published.emplace(r.sw, r.path);
+    if (published != v.published()) fail("the status view follows every change", "the publications differ");
+  }
+
   // After the teardown: nothing the machines wrote is left.
   void empty() {
     // The registry's entries are the configuration side's to keep; what hangs off them is not.
@@ -515,6 +538,7 @@ SimulationResult simulate(std::string const& text) {
     try {
       World w(s, Kiv::EventLoop::Mode::virtualTime);
       Checker check(w, s);
+      StatusView view(w);  // made first: it follows the services as they appear
       w.configure();
       w.start();
       check.safety();
@@ -534,6 +558,7 @@ SimulationResult simulate(std::string const& text) {
         w.loop.advanceTo(std::max(t, w.loop.now()));
         last = "the loop at t=" + num(w.loop.now());
         check.safety();
+        check.view(view);
         applyDue();
       }
       last = "the quiet tail";
@@ -554,6 +579,7 @@ SimulationResult simulate(std::string const& text) {
       for (auto const& [address, sw] : w.switches) sw->disconnect();
       w.loop.advanceBy(60);
       check.safety();
+      check.view(view);
       check.empty();
     } catch (Violation const& v) {
       result.ok = false;

@@ -12,8 +12,14 @@ namespace {
 
 constexpr char const* kSwitchColours[] = {"#d9d9d9", "#4caf50", "#ffc107", "#e53935", "#616161"};
 constexpr char const* kSwitchStates[] = {"up, nothing to mount", "mounted", "mounting", "failed", "down"};
-constexpr char const* kGroupColours[] = {"#90caf9", "#1565c0"};
-constexpr char const* kGroupStates[] = {"initial mounts pending", "initial mounts complete"};
+constexpr char const* kGroupColours[] = {"#eeeeee", "#b3e5fc", "#90caf9", "#ffb74d", "#ce93d8", "#1565c0"};
+constexpr char const* kGroupStates[] = {"not tracked", "connection period", "waiting for initial switches",
+                                        "mount window", "flush", "initial mounts complete"};
+
+// A row's state as a lane state, and its slot in a switch's counts.
+int laneState(std::string const& row) {
+  return row == "absent" ? -1 : row == "mounted" ? Timeline::mounted : row == "failed" ? Timeline::failed : Timeline::mounting;
+}
 
 std::string xml(std::string_view s) {
   std::string out;
@@ -42,23 +48,40 @@ void Timeline::note(Lane& lane, double t, int state) {
   segments.push_back({t, state});
 }
 
+// Read from the machines without touching them: a group's machine holds its clocks, and the
+// service's status the flag.
+Timeline::Stage Timeline::stageOf(GroupRow const& g) const {
+  if (g.complete) return complete;
+  auto const service = w_.initialMount ? w_.initialMount->serviceInitialMountSm(Kiv::Name(g.service)) : nullptr;
+  auto const group = service ? service->mountGroupInitialMountSm(Kiv::Name(g.group)) : nullptr;
+  if (!group) return untracked;
+  if (!w_.initialMount->connectionPeriod()->complete()) return connectionPeriod;
+  if (group->localInitialMountsComplete()) return flush;
+  if (group->mountClockTimeMin() != Kiv::kInfinity) return mountWindow;
+  return processing;
+}
+
 void Timeline::step(double t) {
-  std::map<std::string, int> state;
-  for (auto const& [address, sw] : w_.switches) state[address] = sw->connected() ? idle : down;
-  for (auto const& r : mountRows(w_)) {
-    int& s = state[r.sw];
-    if (s == down) continue;
-    int const row = r.state == "mounted" ? mounted : r.state == "failed" ? failed : mounting;
-    s = std::max(s, row);
+  for (auto const& c : view_.changes()) {
+    auto& n = counts_[std::get<1>(c.key)];
+    if (int const s = laneState(c.before); s > 0) --n[s - 1];
+    if (int const s = laneState(c.after); s > 0) ++n[s - 1];
   }
-  for (auto const& [address, s] : state) {
+  for (auto const& [address, sw] : w_.switches) {
+    int state = down;
+    if (sw->connected()) {
+      state = idle;
+      if (auto const it = counts_.find(address); it != counts_.end())
+        for (int s : {mounted, mounting, failed})
+          if (it->second[s - 1]) state = s;
+    }
     auto [it, fresh] = switches_.try_emplace(address, Lane{address, {}});
-    note(it->second, t, s);
+    note(it->second, t, state);
   }
   for (auto const& g : groupRows(w_)) {
     std::string const name = g.service + "/" + g.group;
     auto [it, fresh] = groups_.try_emplace(name, Lane{name, {}});
-    note(it->second, t, g.complete ? 1 : 0);
+    note(it->second, t, stageOf(g));
   }
 }
 
@@ -93,7 +116,7 @@ void Timeline::write(std::ostream& os, double until) const {
 
   constexpr double kLabel = 260, kPlot = 900, kLane = 18, kTop = 40;
   std::size_t const rows = lanes.size() + groups_.size();
-  double const height = kTop + kLane * static_cast<double>(rows) + 70;
+  double const height = kTop + kLane * static_cast<double>(rows) + 90;
   double const span = until > 0 ? until : 1;
   auto x = [&](double t) { return kLabel + kPlot * std::clamp(t / span, 0.0, 1.0); };
   std::ostringstream svg;
@@ -132,9 +155,10 @@ void Timeline::write(std::ostream& os, double until) const {
   for (int s = 0; s < 5; ++s, lx += 150)
     svg << "<rect x=\"" << lx << "\" y=\"" << y + 34 << "\" width=\"10\" height=\"10\" fill=\"" << kSwitchColours[s]
         << "\"/><text x=\"" << lx + 14 << "\" y=\"" << y + 43 << "\">" << kSwitchStates[s] << "</text>\n";
-  for (int s = 0; s < 2; ++s, lx += 160)
-    svg << "<rect x=\"" << lx << "\" y=\"" << y + 34 << "\" width=\"10\" height=\"10\" fill=\"" << kGroupColours[s]
-        << "\"/><text x=\"" << lx + 14 << "\" y=\"" << y + 43 << "\">" << kGroupStates[s] << "</text>\n";
+  lx = 10;
+  for (int s = 0; s < 6; ++s, lx += 190)
+    svg << "<rect x=\"" << lx << "\" y=\"" << y + 52 << "\" width=\"10\" height=\"10\" fill=\"" << kGroupColours[s]
+        << "\"/><text x=\"" << lx + 14 << "\" y=\"" << y + 61 << "\">" << kGroupStates[s] << "</text>\n";
   svg << "</svg>\n";
   os << svg.str();
 }

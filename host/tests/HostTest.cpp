@@ -469,7 +469,11 @@ TEST(HostCommandLine, TheTimelineIsWellFormedSvgWithALanePerSwitchAndGroupAndAMa
   // The flap, the failure, the waiting groups and their completion are all in the picture.
   EXPECT_TRUE(has(t, "<title>00:00:00:00:00:04: down from 60.0 s</title>")) << t;
   EXPECT_TRUE(has(t, "<title>00:00:00:00:00:03: failed from 30.0 s</title>")) << t;
-  EXPECT_TRUE(has(t, "<title>fabric/config: initial mounts complete from 571.0 s</title>")) << t;
+  // The group's stages, through the leader's move away and back.
+  for (char const* stage : {"connection period from 0.0", "mount window from 6.0", "flush from 246.0",
+                            "initial mounts complete from 247.0", "not tracked from 300.0",
+                            "mount window from 330.0", "initial mounts complete from 571.0"})
+    EXPECT_TRUE(has(t, "<title>fabric/config: " + std::string(stage) + " s</title>")) << stage;
   EXPECT_TRUE(has(t, ">leader gen2</text>")) << t;
 
   // A hundred switches share forty lanes at most, three to a lane, each lane its worst state.
