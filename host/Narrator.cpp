@@ -83,6 +83,7 @@ void Narrator::step(double t) {
   }
   for (auto const& g : groupRows(w_)) {
     std::pair key{g.service, g.group};
+    if (!g.complete) noteRemaining(g);
     if (g.complete && !complete_.count(key)) {
       std::string const why = waitedFor(g);
       line(t, "initial mounts of " + g.service + "/" + g.group + " complete: " + why);
@@ -96,22 +97,30 @@ void Narrator::step(double t) {
   }
 }
 
-// A group completes when every switch of its connection period has finished, or when its mount
-// window runs out: then the switches still unfinished are what it waited for.
+void Narrator::noteRemaining(GroupRow const& g) {
+  auto& remaining = remaining_[{g.service, g.group}];
+  auto const machine = groupMachine(w_, g.service, g.group);
+  // What the window waited for last stays known through the flush that follows it.
+  if (machine && machine->localInitialMountsComplete()) return;
+  remaining.clear();
+  if (!machine || !machine->remainingSwitchSize()) return;
+  for (auto const& d : w_.s.switches)
+    if (machine->remainingSwitch(Kiv::Name(d.address))) remaining.push_back(d.address);
+}
+
+// A group completes when its machine waits for no switch of the connection period any more:
+// each finished, or the mount window ran out on those still unfinished among the ones it was
+// waiting for at the step before.
 std::string Narrator::waitedFor(GroupRow const& g) const {
   std::vector<std::string> unfinished;
-  for (auto const& m : w_.s.mounts) {
-    if (m.service != g.service || m.group != g.group) continue;
-    for (auto const& d : w_.s.switches) {
-      if (!w_.switches.at(d.address)->connected()) continue;
-      auto const it = view_.rows().find({m.service, d.address, m.group, m.remotePath});
-      std::string const state = it == view_.rows().end() ? "absent" : it->second.state;
-      std::string const reason = reasonOf(w_, m, d.address, state);
-      // Without a row, only a switch that has not negotiated the service is still waited for.
-      bool const waiting = state == "absent" ? reason.starts_with("no version") : !finished(state);
-      if (waiting) unfinished.push_back(d.address + " (" + m.remotePath + ": " + reason + ")");
-    }
-  }
+  if (auto const it = remaining_.find({g.service, g.group}); it != remaining_.end())
+    for (auto const& sw : it->second)
+      for (auto const& m : w_.s.mounts) {
+        if (m.service != g.service || m.group != g.group) continue;
+        auto const row = view_.rows().find({m.service, sw, m.group, m.remotePath});
+        std::string const state = row == view_.rows().end() ? "absent" : row->second.state;
+        if (!finished(state)) unfinished.push_back(sw + " (" + m.remotePath + ": " + reasonOf(w_, m, sw, state) + ")");
+      }
   if (!unfinished.empty()) {
     std::string out = "the mount window ran out waiting for ";
     for (std::size_t i = 0; i < unfinished.size(); ++i) out += (i ? ", " : "") + unfinished[i];

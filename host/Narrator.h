@@ -31,6 +31,8 @@ class Narrator {
   void line(double t, std::string const& text);
   void outcomes(double t, char const* what, std::map<std::string, std::set<std::string>> const& bySubject);
   std::string waitedFor(GroupRow const& g) const;
+  // Notes the switches the group's machine still waits for in its mount window.
+  void noteRemaining(GroupRow const& g);
 
   World const& w_;
   StatusView const& view_;
@@ -38,6 +40,8 @@ class Narrator {
   std::ostream* events_;
   std::set<std::pair<std::string, std::string>> complete_;   // service, group
   bool periodComplete_ = false;
+  // service, group -> the switches its mount window waited for at the last step
+  std::map<std::pair<std::string, std::string>, std::vector<std::string>> remaining_;
   // service, group -> the last row of the group to finish: time, switch, state
   std::map<std::pair<std::string, std::string>, std::tuple<double, std::string, std::string>> lastFinished_;
 };

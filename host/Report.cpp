@@ -5,12 +5,15 @@
 #include <cctype>
 #include <cstdio>
 #include <iomanip>
+#include <optional>
 #include <ostream>
 #include <sstream>
 #include <set>
 #include <tuple>
 
 #include "platform/ProxyService.h"
+#include "initialmount/MountGroupInitialMountSm.h"
+#include "initialmount/ServiceInitialMountSm.h"
 #include "registry/MountsRegistryEntrySm.h"
 
 #include "host/Utf8.h"
@@ -132,66 +135,61 @@ std::vector<MountRow> mountRows(World const& w) {
   });
   return rows;
 }
-namespace {
-
-bool contains(std::vector<std::string> const& v, std::string const& x) {
-  return std::find(v.begin(), v.end(), x) != v.end();
-}
-bool contains(std::vector<unsigned> const& v, unsigned x) { return std::find(v.begin(), v.end(), x) != v.end(); }
-
-// The version of `service` the switch negotiated (a proxy mounts with its real service's); 0 for none.
-unsigned negotiated(Sim::Switch const& sw, std::string const& service) {
-  std::string const real = Controller::realServiceNameOfProxy(Kiv::String(service)).stdString();
-  auto const& versions = sw.serviceVersions();
-  auto it = versions.find(Kiv::Name(real));
-  return it == versions.end() ? 0 : it->second;
-}
-
-// Whether `m`'s own filters let switch `sw` in.
-std::string filteredOut(MountDecl const& m, std::string const& sw, unsigned version, std::string const& whose) {
-  if (!m.systems.empty() && !contains(m.systems, sw)) return "not in " + whose + "'s systems";
-  if (!m.versions.empty() && !contains(m.versions, version))
-    return "version " + std::to_string(version) + " is not in " + whose + "'s versions";
-  return {};
-}
-
-}  // namespace
-
 std::string reasonOf(World const& w, MountDecl const& m, std::string const& sw, std::string const& state) {
   if (state == "mounted") return {};
-  Sim::Switch const& s = *w.switches.at(sw);
-  if (!s.connected()) return "switch down";
+  Controller::SystemId const id(sw);
+  auto const peers = w.oob->peerTable();
+  if (!peers || !peers->peer(id)) return "switch down";
+  if (!w.registrySm->negotiatedVersion(Kiv::String(m.service), id))
+    return "no version of " + Controller::realServiceNameOfProxy(Kiv::String(m.service)).stdString() + " negotiated";
   ServiceDecl const& svc = *w.s.service(m.service);
-  unsigned const version = negotiated(s, m.service);
-  std::string const real = Controller::realServiceNameOfProxy(Kiv::String(m.service)).stdString();
-  if (!version) return "no version of " + real + " negotiated";
   if (!svc.proxy) {
-    auto const dir = w.mountConfig;
-    auto const config = Kiv::entityCast<Controller::ServiceMountConfig>(dir->entityPtr(m.service));
+    auto const config = Kiv::entityCast<Controller::ServiceMountConfig>(w.mountConfig->entityPtr(m.service));
     std::string const gen = config ? config->leaderGenId().stdString() : std::string();
     if (gen != w.db->leaderGenId().stdString())
       return "leader generation is " + w.db->leaderGenId().stdString() + ", the service follows " + gen;
   }
-  if (std::string own = filteredOut(m, sw, version, "the group"); !own.empty()) return own;
-  // One registry entry per remote path: unless some service mounts it without filters, every
-  // service's filters restrict it.
-  auto const sharing = [&](MountDecl const& o) { return o.remotePath == m.remotePath; };
-  bool const wildcard = std::any_of(w.s.mounts.begin(), w.s.mounts.end(), [&](MountDecl const& o) {
-    return sharing(o) && o.systems.empty() && o.versions.empty();
+  auto const entry = w.registrySm->mountsRegistryEntrySm(Kiv::Name(m.remotePath));
+  if (!entry) return "no current mount of the path";
+  auto const v = entry->switchView(id);
+  auto const found = std::find_if(v.mounters.begin(), v.mounters.end(), [&](auto const& mv) {
+    return mv.service.view() == m.service && mv.group.view() == m.group;
   });
-  if (!wildcard) {
-    for (auto const& o : w.s.mounts) {
-      if (!sharing(o) || &o == &m) continue;
-      unsigned const theirs = negotiated(s, o.service);
-      std::string const whose = o.service + "/" + o.group;
-      if (std::string other = filteredOut(o, sw, theirs, whose); !other.empty())
-        return "shared entry: " + other;
-    }
-  }
-  if (state == "failed") return s.failing() ? "mount failed: the switch does not answer" : "mount failed";
+  auto const* mine = found == v.mounters.end() ? nullptr : &*found;
+  // The entry's filters merge those of every group mounting the path: the group that keeps the
+  // switch out is named, this one first.
+  using Mounter = Controller::MountsRegistryEntrySm::SwitchView::MounterView;
+  auto const keptOutBy = [&](bool (*out)(Mounter const&)) -> Mounter const* {
+    Mounter const* other = nullptr;
+    for (auto const& mv : v.mounters)
+      if (out(mv) && (&mv == mine || !other)) other = &mv;
+    return other;
+  };
+  auto const whose = [&](Mounter const* by) {
+    return by == mine ? std::string("the group's")
+                      : by->service.stdString() + "/" + by->group.stdString() + "'s";
+  };
+  auto const shared = [&](Mounter const* by) { return by == mine ? "" : "shared entry: "; };
+  if (!v.wildcard && !v.versionFilterPassed)
+    if (auto const by = keptOutBy([](Mounter const& mv) { return !mv.inVersions; }))
+      return shared(by) + ("version " + std::to_string(by->version)) + " is not in " + whose(by) + " versions";
+  if (!v.wildcard && v.connectionFilterSize && !v.connectionFilterCount)
+    if (auto const by = keptOutBy([](Mounter const& mv) { return !mv.inSystems; }))
+      return shared(by) + ("not in " + whose(by)) + " systems";
+  // The entry mounts from the switch, but a group has rows only where its own filters let it.
+  if (mine && !mine->inVersions)
+    return "version " + std::to_string(mine->version) + " is not in the group's versions";
+  if (mine && !mine->inSystems) return "not in the group's systems";
+  if (state == "failed") return w.switches.at(sw)->failing() ? "mount failed: the switch does not answer" : "mount failed";
   if (state == "mounting") return "mounting";
   if (state == "unmounting") return "unmounting";
   return "not mounted";
+}
+
+Kiv::Ptr<Controller::MountGroupInitialMountSm> groupMachine(World const& w, std::string const& service,
+                                                            std::string const& group) {
+  auto const s = w.initialMount ? w.initialMount->serviceInitialMountSm(Kiv::Name(service)) : nullptr;
+  return s ? s->mountGroupInitialMountSm(Kiv::Name(group)) : nullptr;
 }
 
 std::vector<MountRow> mountTable(World const& w) {

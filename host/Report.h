@@ -7,6 +7,10 @@
 
 #include "host/World.h"
 
+namespace Controller {
+class MountGroupInitialMountSm;
+}
+
 namespace Host {
 
 struct MountRow {
@@ -39,9 +43,13 @@ std::vector<MountRow> mountRows(World const& w);
 // each that is not mounted.
 std::vector<MountRow> mountTable(World const& w);
 // Why `m` is not mounted on switch `sw` whose row shows `state` ("absent" without a row), from
-// the state of the world: the first of switch down, no version, leader generation, the group's
-// filters, the filters of the other services sharing the path, then the mount's own progress.
+// the machines, read without changing them: the first of switch down, no version, leader
+// generation, the shared registry entry's version and connection filters (naming the group whose
+// filter keeps the switch out), the group's own filters, then the mount's own progress.
 std::string reasonOf(World const& w, MountDecl const& m, std::string const& sw, std::string const& state);
+// The machine deciding the group's initial mounts; null while its service is not current.
+Kiv::Ptr<Controller::MountGroupInitialMountSm> groupMachine(World const& w, std::string const& service,
+                                                            std::string const& group);
 std::vector<PublishedRow> publishedRows(World const& w);
 // The services that publish, in the scenario's order.
 std::vector<std::string> publishers(World const& w);

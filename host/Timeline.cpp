@@ -52,8 +52,7 @@ void Timeline::note(Lane& lane, double t, int state) {
 // service's status the flag.
 Timeline::Stage Timeline::stageOf(GroupRow const& g) const {
   if (g.complete) return complete;
-  auto const service = w_.initialMount ? w_.initialMount->serviceInitialMountSm(Kiv::Name(g.service)) : nullptr;
-  auto const group = service ? service->mountGroupInitialMountSm(Kiv::Name(g.group)) : nullptr;
+  auto const group = groupMachine(w_, g.service, g.group);
   if (!group) return untracked;
   if (!w_.initialMount->connectionPeriod()->complete()) return connectionPeriod;
   if (group->localInitialMountsComplete()) return flush;

@@ -175,13 +175,15 @@ TEST(HostRun, TheDefaultRunFitsOnAScreenAndSaysWhyTheGroupsCompletedWhenTheyDid)
 
 TEST(HostRun, ReasonsFollowTheDecisionOrderDownVersionLeaderFiltersSharedEntry) {
   Outcome r = run(
-      "switch 00:00:00:00:00:01 version a=1 b=1 entity /x /y\n"
-      "switch 00:00:00:00:00:02 version a=2 b=1 entity /x /y\n"
+      "switch 00:00:00:00:00:01 version a=1 b=1 entity /x /y /z\n"
+      "switch 00:00:00:00:00:02 version a=2 b=1 entity /x /y /z\n"
       "switch 00:00:00:00:00:03 down version a=1 entity /x\n"
       "service a\nservice b\nservice c gen other\n"
       "mount a g /x type T versions 1\n"
       "mount b g /x type T systems 00:00:00:00:00:02\n"
       "mount c g /y type T\n"
+      "mount a h /z type Sim::Record systems 00:00:00:00:00:01\n"
+      "mount b h /z type Sim::Record\n"
       "run 5\n");
   ASSERT_EQ(r.rc, 0) << r.err;
   for (char const* row : {"00:00:00:00:00:01  a        g      /x    unmounted  shared entry: not in b/g's systems",
@@ -189,6 +191,9 @@ TEST(HostRun, ReasonsFollowTheDecisionOrderDownVersionLeaderFiltersSharedEntry) 
                           "00:00:00:00:00:02  a        g      /x    absent     version 2 is not in the group's versions",
                           "00:00:00:00:00:02  b        g      /x    unmounted  shared entry: version 2 is not in a/g's",
                           "00:00:00:00:00:02  c        g      /y    absent     no version of c negotiated",
+                          // b's mount makes the entry a wildcard; a's own systems still keep its rows out.
+                          "00:00:00:00:00:02  a        h      /z    absent     not in the group's systems",
+                          "00:00:00:00:00:02  b        h      /z    mounted",
                           "00:00:00:00:00:03  a        g      /x    absent     switch down"})
     EXPECT_TRUE(has(r.out, row)) << row << '\n' << r.out;
   r = run("switch 00:00:00:00:00:01 version c=1 entity /y\nservice c gen other\nmount c g /y type T\nrun 5\n");
@@ -209,6 +214,20 @@ TEST(HostRun, ASwitchWithoutVersionsFlappingDuringTheConnectionPeriodIsWaitedFor
   EXPECT_TRUE(has(late.out, "initial mounts of s/g complete: the mount window ran out waiting for 00:00:00:00:00:01 "
                             "(/a/b: no version of s negotiated)"))
       << late.out;
+}
+
+// What a group waited for is what its machine waited for: a switch that connects after the
+// connection period is not among them, however long it takes.
+TEST(HostRun, AGroupWaitsOnlyForTheSwitchesOfItsConnectionPeriod) {
+  Outcome r = run(
+      "heartbeat 1\ntimeout 60\n"
+      "switch 00:00:00:00:00:01 latency 20 version s=1 entity /a\n"
+      "switch 00:00:00:00:00:02 down latency 50 version s=1 entity /a\n"
+      "service s\nmount s g /a type Sim::Record\nat 10 connect 00:00:00:00:00:02\nrun 40\n");
+  ASSERT_EQ(r.rc, 0) << r.err;
+  EXPECT_TRUE(has(r.out, "   21.000  initial mounts of s/g complete: the last to finish was 00:00:00:00:00:01 "
+                         "(mounted at 20.0)\n"))
+      << r.out;
 }
 
 TEST(HostRun, AVersionChangeOnAConnectedSwitchUnmountsByTheVersionFilterAndTheVerboseLogSaysWhy) {
