@@ -23,6 +23,7 @@ constexpr char const* kUsage =
     "  --until SECONDS   stop at this time instead of the scenario's 'run'\n"
     "  --ringlog         dump the in-memory ring log at the end\n"
     "  --check           exit 1 if an 'expect' statement is not met\n"
+    "  --all-rows        list every mount row, also beyond 200, where alike ones are counted together\n"
     "  --events FILE     write the event log (events, outcomes, expectations, trace) as JSON lines\n"
     "  --timeline FILE   draw the run as SVG: switches' and groups' states over time, events\n"
     "  --explain SWITCH[@PATH]\n"
@@ -62,6 +63,8 @@ int commandLine(std::vector<std::string> const& args, std::ostream& out, std::os
       o.check = true;
     } else if (a == "--ringlog") {
       o.ringlog = true;
+    } else if (a == "--all-rows") {
+      o.allRows = true;
     } else if (a == "--realtime") {
       o.realtime = true;
     } else if (a == "--explain") {

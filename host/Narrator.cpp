@@ -10,13 +10,14 @@ namespace Host {
 
 namespace {
 
-// Many switches at once are counted, a few named.
-std::string switchList(std::set<std::string> const& switches) {
+// Many at once are counted, a few named.
+template <class Items>
+std::string list(Items const& items) {
   constexpr std::size_t kNamed = 3;
   std::string out;
   std::size_t i = 0;
-  for (auto const& s : switches) {
-    if (i == kNamed) return out + " and " + std::to_string(switches.size() - kNamed) + " more";
+  for (auto const& s : items) {
+    if (i == kNamed) return out + " and " + std::to_string(items.size() - kNamed) + " more";
     out += (i++ ? ", " : "") + s;
   }
   return out;
@@ -37,9 +38,16 @@ void Narrator::event(double t, Event const& e) {
 }
 
 void Narrator::outcomes(double t, char const* what, std::map<std::string, std::set<std::string>> const& bySubject) {
+  // Subjects with the same switches share a line: a switch that comes or goes, or a cold start,
+  // is one line however many paths it carries.
+  std::vector<std::pair<std::set<std::string> const*, std::vector<std::string>>> lines;
   for (auto const& [subject, switches] : bySubject) {
-    line(t, std::string(what) + " " + subject + " on " + switchList(switches));
-    if (!events_) continue;
+    auto const same = std::find_if(lines.begin(), lines.end(), [&](auto const& l) { return *l.first == switches; });
+    (same == lines.end() ? lines.emplace_back(&switches, std::vector<std::string>{}) : *same).second.push_back(subject);
+  }
+  for (auto const& [switches, subjects] : lines) line(t, std::string(what) + " " + list(subjects) + " on " + list(*switches));
+  if (!events_) return;
+  for (auto const& [subject, switches] : bySubject) {
     // The log names every switch, however many.
     *events_ << "{\"time\": " << jsonNumber(t) << ", \"kind\": \"outcome\", \"outcome\": "
              << jsonString(std::string(what).substr(0, std::string(what).find(' '))) << ", \"subject\": " << jsonString(subject)
@@ -78,7 +86,7 @@ void Narrator::step(double t) {
       if (auto const set = w_.initialMount->initialSwitchSet())
         for (auto it = set->initialSwitchIter(); it; ++it) initial.insert(it.key().stringValue());
       line(t, "connection period complete: " + std::to_string(initial.size()) + " initial switch" +
-                  (initial.size() == 1 ? "" : "es") + (initial.empty() ? "" : " (" + switchList(initial) + ")"));
+                  (initial.size() == 1 ? "" : "es") + (initial.empty() ? "" : " (" + list(initial) + ")"));
     }
   }
   for (auto const& g : groupRows(w_)) {

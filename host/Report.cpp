@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstdio>
 #include <iomanip>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <sstream>
@@ -325,16 +326,32 @@ void printTable(std::ostream& os, std::vector<std::vector<std::string>> const& r
 
 }  // namespace
 
-void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os) {
+void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os, bool allRows) {
   os << "\nInitial mounts (t=" << fixed(w.loop.now(), 1) << ")\n";
   std::vector<std::vector<std::string>> t{{"service", "group", "complete", "at"}};
   for (auto const& r : groupRows(w))
     t.push_back({r.service, r.group, r.complete ? "yes" : "no", r.at >= 0 ? fixed(r.at, 1) : "-"});
   printTable(os, t);
-  os << "\nMounts\n";
-  t = {{"switch", "service", "group", "path", "state", "mounted at / reason"}};
-  for (auto const& r : mountTable(w))
-    t.push_back({r.sw, r.service, r.group, r.path, r.state, r.state == "mounted" ? r.mountedPath : r.reason});
+  auto const rows = mountTable(w);
+  if (allRows || rows.size() <= kMountRowsListed) {
+    os << "\nMounts\n";
+    t = {{"switch", "service", "group", "path", "state", "mounted at / reason"}};
+    for (auto const& r : rows)
+      t.push_back({r.sw, r.service, r.group, r.path, r.state, r.state == "mounted" ? r.mountedPath : r.reason});
+  } else {
+    // Rows alike but for their switch share a line: a data centre's table is read, not scrolled.
+    os << "\nMounts (" << rows.size() << " rows, alike ones together; --all-rows lists each)\n";
+    std::map<std::tuple<std::string, std::string, std::string, std::string, std::string>, std::vector<std::string>> alike;
+    for (auto const& r : rows) alike[{r.service, r.group, r.path, r.state, r.reason}].push_back(r.sw);
+    t = {{"service", "group", "path", "state", "switches", "reason"}};
+    for (auto const& [k, switches] : alike) {
+      auto const& [service, group, path, state, reason] = k;
+      std::string which = std::to_string(switches.size()) + ":";
+      for (std::size_t i = 0; i < switches.size() && i < 2; ++i) which += (i ? ", " : " ") + switches[i];
+      if (switches.size() > 2) which += " ...";
+      t.push_back({service, group, path, state, which, reason});
+    }
+  }
   printTable(os, t);
   os << "\nPublished\n";
   t = {{"switch", "path", "remote", "type", "service"}};

@@ -64,7 +64,10 @@ struct Explanation {
 std::vector<Explanation> explain(World const& w, std::string const& sw, std::string const& path);
 void printExplanations(std::string const& sw, std::vector<Explanation> const& e, std::ostream& os);
 
-void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os);
+// Beyond kMountRowsListed rows, unless `allRows`, the mounts that differ only in their switch
+// share a line with the switches counted.
+inline constexpr std::size_t kMountRowsListed = 200;
+void printTables(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os, bool allRows = false);
 void printJson(World const& w, std::vector<Verdict> const& verdicts, std::ostream& os,
                std::vector<Explanation> const* explanations = nullptr);
 

@@ -199,7 +199,7 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
       printJson(w, verdicts, out, o.explainSwitch.empty() ? nullptr : &explanations);
     } else {
       out << "\nSummary: " << narrator.summary() << '\n';
-      printTables(w, verdicts, out);
+      printTables(w, verdicts, out, o.allRows);
       if (!o.explainSwitch.empty()) printExplanations(o.explainSwitch, explanations, out);
     }
     if (o.check && std::any_of(verdicts.begin(), verdicts.end(), [](Verdict const& v) { return !v.met; })) status = 1;

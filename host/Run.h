@@ -18,8 +18,9 @@ struct Options {
   bool realtime = false;
   bool check = false;  // an unmet expectation makes the exit status 1
   std::string explainSwitch, explainPath;  // --explain: why (not) mounted, at the end
-  std::string events;
-  std::string timeline;  // an SVG picture of the run; empty for none  // a file for the event log as JSON lines; empty for none
+  std::string events;    // a file for the event log as JSON lines; empty for none
+  std::string timeline;  // an SVG picture of the run; empty for none
+  bool allRows = false;  // every mount row in the table, however many
   bool verbose = false;  // the level-5 trace too
   bool progress = true;  // progress lines on stderr while a run takes long in wall time
 };
