@@ -11,14 +11,16 @@ namespace Host {
 namespace {
 
 constexpr char const* kSwitchColours[] = {"#d9d9d9", "#4caf50", "#ffc107", "#e53935", "#616161"};
-constexpr char const* kSwitchStates[] = {"up, nothing to mount", "mounted", "mounting", "failed", "down"};
+constexpr char const* kSwitchStates[] = {"up, nothing mounted", "mounted", "mounting", "failed", "down"};
 constexpr char const* kGroupColours[] = {"#eeeeee", "#b3e5fc", "#90caf9", "#ffb74d", "#ce93d8", "#1565c0"};
 constexpr char const* kGroupStates[] = {"not tracked", "connection period", "waiting for initial switches",
                                         "mount window", "flush", "initial mounts complete"};
 
-// A row's state as a lane state, and its slot in a switch's counts.
+// A row's state as a lane state, and its slot in a switch's counts; -1 for nothing mounted or in
+// progress.
 int laneState(std::string const& row) {
-  return row == "absent" ? -1 : row == "mounted" ? Timeline::mounted : row == "failed" ? Timeline::failed : Timeline::mounting;
+  if (row == "absent" || row == "unmounted") return -1;
+  return row == "mounted" ? Timeline::mounted : row == "failed" ? Timeline::failed : Timeline::mounting;
 }
 
 std::string xml(std::string_view s) {
@@ -113,11 +115,27 @@ void Timeline::write(std::ostream& os, double until) const {
     lanes.push_back(std::move(lane));
   }
 
-  constexpr double kLabel = 260, kPlot = 900, kLane = 18, kTop = 40;
-  std::size_t const rows = lanes.size() + groups_.size();
-  double const height = kTop + kLane * static_cast<double>(rows) + 90;
+  constexpr double kLabel = 260, kPlot = 900, kLane = 18, kLabelRow = 13, kCharWidth = 6.5;
+  constexpr std::size_t kLabelRows = 6;
   double const span = until > 0 ? until : 1;
   auto x = [&](double t) { return kLabel + kPlot * std::clamp(t / span, 0.0, 1.0); };
+  // Event labels take as many rows as they need not to overlap, up to kLabelRows; a label that
+  // still finds no room is left to the marker's tooltip.
+  std::vector<std::string> labels;
+  std::vector<std::size_t> labelRow;
+  std::vector<double> rowEnd;
+  for (auto const& [t, words] : events_) {
+    std::string& label = labels.emplace_back();
+    for (auto const& w : words) label += (label.empty() ? "" : " ") + w;
+    std::size_t r = 0;
+    while (r < rowEnd.size() && rowEnd[r] > x(t)) ++r;
+    if (r == rowEnd.size() && r < kLabelRows) rowEnd.push_back(0);
+    if (r < rowEnd.size()) rowEnd[r] = x(t) + 2 + kCharWidth * static_cast<double>(label.size()) + 6;
+    labelRow.push_back(r);
+  }
+  double const kTop = 27 + kLabelRow * static_cast<double>(std::max<std::size_t>(rowEnd.size(), 1));
+  std::size_t const rows = lanes.size() + groups_.size();
+  double const height = kTop + kLane * static_cast<double>(rows) + 90;
   std::ostringstream svg;
   svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kLabel + kPlot + 20 << "\" height=\"" << height
       << "\" font-family=\"sans-serif\" font-size=\"11\">\n";
@@ -137,12 +155,16 @@ void Timeline::write(std::ostream& os, double until) const {
   };
   for (auto const& l : lanes) lane(l, kSwitchColours, kSwitchStates, "switch");
   for (auto const& [name, l] : groups_) lane(l, kGroupColours, kGroupStates, "group");
-  for (auto const& [t, words] : events_) {
-    std::string label;
-    for (auto const& w : words) label += (label.empty() ? "" : " ") + w;
-    svg << "<g class=\"event\"><line x1=\"" << x(t) << "\" y1=\"" << kTop - 6 << "\" x2=\"" << x(t) << "\" y2=\"" << y
-        << "\" stroke=\"#000\" stroke-dasharray=\"3,3\"/><text x=\"" << x(t) + 2 << "\" y=\"" << kTop - 8 << "\">"
-        << xml(label) << "</text></g>\n";
+  for (std::size_t i = 0; i < events_.size(); ++i) {
+    double const t = events_[i].first;
+    bool const labelled = labelRow[i] < rowEnd.size();
+    double const top = kTop - 6 - (labelled ? kLabelRow * static_cast<double>(labelRow[i]) : 0);
+    svg << "<g class=\"event\"><title>" << fixed(t, 1) << " s: " << xml(labels[i]) << "</title><line x1=\"" << x(t)
+        << "\" y1=\"" << top << "\" x2=\"" << x(t) << "\" y2=\"" << y << "\" stroke=\"#000\" stroke-opacity=\"0.5\" "
+        << "stroke-dasharray=\"3,3\"/>";
+    if (labelled)
+      svg << "<text x=\"" << x(t) + 2 << "\" y=\"" << top - 2 << "\">" << xml(labels[i]) << "</text>";
+    svg << "</g>\n";
   }
   // The time axis and the legend.
   svg << "<line x1=\"" << kLabel << "\" y1=\"" << y + 4 << "\" x2=\"" << kLabel + kPlot << "\" y2=\"" << y + 4

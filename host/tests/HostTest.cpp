@@ -530,7 +530,12 @@ TEST(HostCommandLine, TheTimelineIsWellFormedSvgWithALanePerSwitchAndGroupAndAMa
                             "initial mounts complete from 247.0", "not tracked from 300.0",
                             "mount window from 330.0", "initial mounts complete from 571.0"})
     EXPECT_TRUE(has(t, "<title>fabric/config: " + std::string(stage) + " s</title>")) << stage;
-  EXPECT_TRUE(has(t, ">leader gen2</text>")) << t;
+  // A switch whose only row is unmounted has nothing in progress.
+  EXPECT_TRUE(has(t, "<title>00:00:00:00:00:05: up, nothing mounted from 0.0 s</title>")) << t;
+  // Labels 30 s apart would overlap: the second takes the row above; each marker has a tooltip.
+  EXPECT_TRUE(has(t, " y=\"45\">leader gen2</text>")) << t;
+  EXPECT_TRUE(has(t, " y=\"32\">leader gen1</text>")) << t;
+  EXPECT_TRUE(has(t, "<title>330.0 s: leader gen1</title>")) << t;
 
   // A hundred switches share forty lanes at most, three to a lane, each lane its worst state.
   std::string many = "service s\nmount s g /a type Sim::Record\n";
@@ -539,12 +544,17 @@ TEST(HostCommandLine, TheTimelineIsWellFormedSvgWithALanePerSwitchAndGroupAndAMa
     std::snprintf(address, sizeof address, "00:00:00:00:01:%02x", i);
     many = "switch " + std::string(address) + (i == 50 ? " fail" : "") + " version s=1 entity /a\n" + many;
   }
+  // Eight events at one instant: six label rows, then only the tooltips.
+  for (int i = 1; i <= 8; ++i) many += "at 30 latency 00:00:00:00:01:0" + std::to_string(i) + " 1\n";
   std::ofstream(dir / "many.scn") << many << "run 60\n";
   ASSERT_EQ(hostMain({"--timeline", svg, (dir / "many.scn").string()}, out, err), 0) << err.str();
   t = read();
   EXPECT_TRUE(wellFormedXml(t));
   EXPECT_EQ(count(t, "<g class=\"switch\">"), 34u);
-  EXPECT_TRUE(has(t, "<text x=\"10\" y=\"52\">00:00:00:00:01:01 … 00:00:00:00:01:03 (3)</text>")) << t;
+  EXPECT_TRUE(has(t, "<text x=\"10\" y=\"117\">00:00:00:00:01:01 … 00:00:00:00:01:03 (3)</text>")) << t;
+  EXPECT_EQ(count(t, "<g class=\"event\">"), 8u);
+  EXPECT_EQ(count(t, "</text></g>"), 6u);
+  EXPECT_TRUE(has(t, "<title>30.0 s: latency 00:00:00:00:01:08 1</title>")) << t;
   EXPECT_TRUE(has(t, "00:00:00:00:01:31 … 00:00:00:00:01:33 (3): failed from ")) << t;
 
   EXPECT_EQ(hostMain({"--timeline", (dir / "no" / "t.svg").string()}, out, err), 2);
