@@ -370,7 +370,7 @@ TEST(HostCommandLine, JsonStaysValidWhateverElseIsAskedAndTheEventLogIsJsonLines
   std::vector<std::vector<std::string>> const extras = {
       {}, {"--ringlog"}, {"--check"}, {"--trace", "ControllerMountsRegistrySm/0-9"}, {"--until", "2.2"},
       {"--events", events}, {"--realtime", "--until", "0.15"}, {"-v"},
-      {"--timeline", (dir / "t.svg").string()}, {"--explain", "00:00:00:00:00:01"}};
+      {"--timeline", (dir / "t.svg").string()}, {"--explain", "00:00:00:00:00:01"}, {"--all-rows"}};
   for (auto const& extra : extras) {
     std::vector<std::string> args{"--json"};
     args.insert(args.end(), extra.begin(), extra.end());
