@@ -133,15 +133,15 @@ void Timeline::write(std::ostream& os, double until) const {
     if (r < rowEnd.size()) rowEnd[r] = x(t) + 2 + kCharWidth * static_cast<double>(label.size()) + 6;
     labelRow.push_back(r);
   }
-  double const kTop = 27 + kLabelRow * static_cast<double>(std::max<std::size_t>(rowEnd.size(), 1));
+  double const lanesTop = 27 + kLabelRow * static_cast<double>(std::max<std::size_t>(rowEnd.size(), 1));
   std::size_t const rows = lanes.size() + groups_.size();
-  double const height = kTop + kLane * static_cast<double>(rows) + 90;
+  double const height = lanesTop + kLane * static_cast<double>(rows) + 90;
   std::ostringstream svg;
   svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kLabel + kPlot + 20 << "\" height=\"" << height
       << "\" font-family=\"sans-serif\" font-size=\"11\">\n";
   svg << "<title>" << xml(w_.s.name) << ": 0 to " << fixed(until, 1) << " s</title>\n";
   svg << "<text x=\"10\" y=\"20\" font-size=\"14\">" << xml(w_.s.name) << "</text>\n";
-  double y = kTop;
+  double y = lanesTop;
   auto lane = [&](Lane const& l, char const* const* colours, char const* const* names, char const* kind) {
     svg << "<g class=\"" << kind << "\"><text x=\"10\" y=\"" << y + 12 << "\">" << xml(l.first) << "</text>\n";
     for (std::size_t i = 0; i < l.second.size(); ++i) {
@@ -158,7 +158,7 @@ void Timeline::write(std::ostream& os, double until) const {
   for (std::size_t i = 0; i < events_.size(); ++i) {
     double const t = events_[i].first;
     bool const labelled = labelRow[i] < rowEnd.size();
-    double const top = kTop - 6 - (labelled ? kLabelRow * static_cast<double>(labelRow[i]) : 0);
+    double const top = lanesTop - 6 - (labelled ? kLabelRow * static_cast<double>(labelRow[i]) : 0);
     svg << "<g class=\"event\"><title>" << fixed(t, 1) << " s: " << xml(labels[i]) << "</title><line x1=\"" << x(t)
         << "\" y1=\"" << top << "\" x2=\"" << x(t) << "\" y2=\"" << y << "\" stroke=\"#000\" stroke-opacity=\"0.5\" "
         << "stroke-dasharray=\"3,3\"/>";
