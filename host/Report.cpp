@@ -75,6 +75,16 @@ std::string stateName(Controller::MountState s) {
   return n;
 }
 
+std::string rowState(World const& w, std::string const& sw, std::string const& service, std::string const& path) {
+  ServiceDecl const* d = w.s.service(service);
+  auto const status = d ? w.mountStatusOf(*d) : nullptr;
+  auto const sys = status ? status->systemStatus(Kiv::Name(sw)) : nullptr;
+  if (sys)
+    for (auto g = sys->serviceMountGroupStatusIter(); g; ++g)
+      if (auto const m = g.value()->mountStatus(Kiv::Name(path))) return stateName(m->mountState());
+  return "absent";
+}
+
 Verdict verdictOf(World const& w, Event const& e) {
   auto const& x = e.words;  // expect, what, then its arguments; the last is the expected value
   Verdict v;
@@ -82,20 +92,19 @@ Verdict verdictOf(World const& w, Event const& e) {
   v.time = e.time;
   for (std::size_t i = 1; i < x.size(); ++i) v.expected += (i > 1 ? " " : "") + x[i];
   if (x[1] == "mount") {
-    v.got = "absent";
-    for (auto const& r : mountRows(w))
-      if (r.sw == x[2] && r.service == x[3] && r.path == x[4]) v.got = r.state;
+    v.got = rowState(w, x[2], x[3], x[4]);
   } else if (x[1] == "group") {
     v.got = "incomplete";
     for (auto const& r : groupRows(w))
       if (r.service == x[2] && r.group == x[3] && r.complete) v.got = "complete";
   } else if (x[1] == "published") {
-    auto const rows = publishedRows(w);
-    bool const present = std::any_of(rows.begin(), rows.end(),
-                                     [&](PublishedRow const& r) {
-                                       // A directory is published as a subdirectory per switch.
-                                       return r.sw == x[2] && (r.path == x[3] || r.path.starts_with(x[3] + "/"));
-                                     });
+    bool present = false;
+    if (auto const sys = w.dbPublish->system(Controller::SystemId(x[2])))
+      for (auto m = sys->publishedMountIter(); m && !present; ++m) {
+        std::string_view const path = m.value().path().view();
+        // A directory is published as a subdirectory per switch.
+        present = path == x[3] || (path.starts_with(x[3]) && path.substr(x[3].size()).starts_with('/'));
+      }
     v.got = present ? "present" : "absent";
   } else if (x[1] == "ready") {
     v.got = w.dbPublish->servicePublishReady(x[2]) ? "on" : "off";
@@ -213,13 +222,10 @@ std::vector<MountRow> mountTable(World const& w) {
 
 std::vector<Explanation> explain(World const& w, std::string const& sw, std::string const& path) {
   std::vector<Explanation> out;
-  auto const rows = mountTable(w);
   auto const yes = [](bool b) { return b ? "yes" : "no"; };
   for (auto const& m : w.s.mounts) {
     if (!path.empty() && m.remotePath != path) continue;
-    Explanation e{m.service, m.group, m.remotePath, "absent", {}};
-    for (auto const& r : rows)
-      if (r.sw == sw && r.service == m.service && r.path == m.remotePath) e.state = r.state;
+    Explanation e{m.service, m.group, m.remotePath, rowState(w, sw, m.service, m.remotePath), {}};
     auto& steps = e.steps;
     auto const entry = w.registrySm->mountsRegistryEntrySm(Kiv::Name(m.remotePath));
     if (!entry) {

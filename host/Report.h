@@ -36,6 +36,8 @@ struct Verdict {
 // Checks one `expect` event against the world as it stands.
 Verdict verdictOf(World const& w, Event const& expectation);
 
+// The state of the row of `service` for `path` on switch `sw`, or "absent", read directly.
+std::string rowState(World const& w, std::string const& sw, std::string const& service, std::string const& path);
 std::vector<GroupRow> groupRows(World const& w);
 // The rows of the services' statuses.
 std::vector<MountRow> mountRows(World const& w);
