@@ -58,7 +58,7 @@ void Narrator::outcomes(double t, char const* what, std::map<std::string, std::s
   }
 }
 
-void Narrator::step(double t) {
+void Narrator::step(double t, std::vector<GroupRow> const& groups) {
   std::map<std::string, std::set<std::string>> mounted, failed, withdrawn, placed, unplaced;
   for (auto const& c : view_.changes()) {
     auto const& [service, sw, group, path] = c.key;
@@ -89,7 +89,7 @@ void Narrator::step(double t) {
                   (initial.size() == 1 ? "" : "es") + (initial.empty() ? "" : " (" + list(initial) + ")"));
     }
   }
-  for (auto const& g : groupRows(w_)) {
+  for (auto const& g : groups) {
     std::pair key{g.service, g.group};
     if (!g.complete) noteRemaining(g);
     if (g.complete && !complete_.count(key)) {

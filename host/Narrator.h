@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "host/Report.h"
 #include "host/StatusView.h"
@@ -22,8 +23,8 @@ class Narrator {
       : w_(w), view_(view), os_(os), events_(events) {}
 
   void event(double t, Event const& e);
-  // Tells what the view's last update changed.
-  void step(double t);
+  // Tells what the view's last update changed, and what became of the groups.
+  void step(double t, std::vector<GroupRow> const& groups);
   // "N switches (M up), ...": the run in one line.
   std::string summary() const;
 

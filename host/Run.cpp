@@ -158,8 +158,9 @@ int runScenario(Scenario const& s, Options const& o, std::ostream& out, std::ost
       }
       w.checkCompletion();
       view.update();
-      narrator.step(t);
-      if (timeline) timeline->step(t);
+      auto const groups = groupRows(w);  // read once for both
+      narrator.step(t, groups);
+      if (timeline) timeline->step(t, groups);
       progress.at(t);
     };
     if (o.realtime) {

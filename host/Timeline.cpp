@@ -62,7 +62,7 @@ Timeline::Stage Timeline::stageOf(GroupRow const& g) const {
   return processing;
 }
 
-void Timeline::step(double t) {
+void Timeline::step(double t, std::vector<GroupRow> const& groups) {
   for (auto const& c : view_.changes()) {
     auto& n = counts_[std::get<1>(c.key)];
     if (int const s = laneState(c.before); s > 0) --n[s - 1];
@@ -79,7 +79,7 @@ void Timeline::step(double t) {
     auto [it, fresh] = switches_.try_emplace(address, Lane{address, {}});
     note(it->second, t, state);
   }
-  for (auto const& g : groupRows(w_)) {
+  for (auto const& g : groups) {
     std::string const name = g.service + "/" + g.group;
     auto [it, fresh] = groups_.try_emplace(name, Lane{name, {}});
     note(it->second, t, stageOf(g));

@@ -24,7 +24,7 @@ class Timeline {
   Timeline(World const& w, StatusView const& view) : w_(w), view_(view) {}
   void event(double t, Event const& e) { events_.push_back({t, e.words}); }
   // Notes the states the world shows at `t`, after the view's update.
-  void step(double t);
+  void step(double t, std::vector<GroupRow> const& groups);
   void write(std::ostream& os, double until) const;
 
   // A lane's state, worst last: the order in which shared lanes combine.
